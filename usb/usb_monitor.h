@@ -1,0 +1,62 @@
+// Is a Mirn plugged in? One monitor keeps the answer current on a thread of its own; whoever wants to know reads a
+// flag. It doesn't open the device and notifies nobody.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <thread>
+
+#include "platform/usb_registry.h"
+
+namespace mirn {
+
+// The last presence answer that was handed to the application, and whether answers come from the monitor by now.
+// Bound to the main thread: the device manager's presence query alone reads and writes them.
+extern bool g_bDeviceExist;
+extern bool g_bInitUSBListener;
+
+// Bound to its owner's thread, except GetDeviceExist and SetDeviceExist (thread-safe). Uses the registry that is in
+// force when it starts.
+class USBMonitor {
+ public:
+  // The presence flag starts false; SetDeviceExist seeds it with the result of a scan before the first start.
+  USBMonitor();
+  // Stops. A failure in there ends the process.
+  ~USBMonitor();
+  USBMonitor(const USBMonitor&) = delete;
+  USBMonitor& operator=(const USBMonitor&) = delete;
+
+  // Starts the monitor thread unless it was started already, waits 100 ms. True in every case: what fails on the
+  // thread is told on standard error alone, and the flag then keeps its last value.
+  bool StartMonitoring();
+
+  // Ends the thread (100 ms at least) and gives back every platform object. Nothing, when not monitoring. A stopped
+  // monitor can be started again; the presence flag stays as it is. Throws std::system_error when the deferred stop
+  // gets no thread.
+  void StopMonitoring();
+
+  void SetDeviceExist(bool exist) { bDeviceExist_.store(exist); }
+
+  // The last event of a matching device was its arrival; before any event, the seed. A flag and not a count: of two
+  // devices, the removal of one clears it.
+  bool GetDeviceExist() const { return bDeviceExist_.load(); }
+
+  // Body of the monitor thread; not for other callers.
+  void MonitorThreadFunc();
+
+ private:
+  class RunLoopSlot;
+
+  std::unique_ptr<UsbNotificationPort> notificationPort_;
+  UsbIterator deviceAddedIter_ = 0;
+  UsbIterator deviceRemovedIter_ = 0;
+  UsbRunLoopSource* runLoopSource_ = nullptr;  // the port's; not cleared when the port goes
+  std::atomic<bool> isMonitoring_{false};
+  std::thread monitorThread_;
+  std::atomic<bool> bDeviceExist_{false};
+  UsbRegistry* registry_ = nullptr;  // the one that this start uses
+  std::shared_ptr<RunLoopSlot> runLoop_;
+};
+
+}  // namespace mirn
