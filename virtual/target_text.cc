@@ -1,6 +1,6 @@
 #include "virtual/target_text.h"
 
-#include <array>
+#include <algorithm>
 #include <utility>
 
 namespace mirn {
@@ -110,6 +110,7 @@ void TargetText::insert(char character) {
     if (lines_.size() > kMaxLines) {
       lines_.erase(lines_.begin());
       line_ -= line_ > 0 ? 1 : 0;
+      column_ = std::min(column_, lines_[line_].size());
     }
   }
 }
@@ -197,7 +198,7 @@ bool TargetText::moveCaret(uint8_t usage) {
     default:
       break;
   }
-  column_ = column_ < lines_[line_].size() ? column_ : lines_[line_].size();
+  column_ = std::min(column_, lines_[line_].size());
   return line_ != old_line || column_ != old_column;
 }
 
