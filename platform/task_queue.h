@@ -1,0 +1,39 @@
+#pragma once
+
+// What the main queue and the work queues have in common: something that runs tasks later, on threads of its own.
+
+#include <functional>
+#include <memory>
+#include <utility>
+
+namespace mirn {
+
+/// A piece of work. An object that is posted again and again (once per frame) costs no allocation.
+class QueueTask {
+ public:
+  virtual ~QueueTask() = default;
+  virtual void run() = 0;
+};
+
+/// Thread-safe.
+class TaskQueue {
+ public:
+  virtual ~TaskQueue() = default;
+
+  /// Runs `task` later on a thread of the queue. The queue keeps its reference until the task has run.
+  virtual void post(std::shared_ptr<QueueTask> task) = 0;
+
+  void post(std::function<void()> function) { post(std::make_shared<Function>(std::move(function))); }
+
+ private:
+  class Function : public QueueTask {
+   public:
+    explicit Function(std::function<void()> function) : function_(std::move(function)) {}
+    void run() override { function_(); }
+
+   private:
+    std::function<void()> function_;
+  };
+};
+
+}  // namespace mirn
