@@ -66,7 +66,13 @@ struct PixelBufferAttributes {
 };
 
 class PixelBuffer;
-using PixelBufferRef = CountedRef<PixelBuffer>;
+
+/// A class of its own, not an alias, so that headers can declare it without including this one.
+class PixelBufferRef : public CountedRef<PixelBuffer> {
+ public:
+  using CountedRef<PixelBuffer>::CountedRef;
+  PixelBufferRef() = default;
+};
 
 /// One picture. The object is thread-safe; its bytes are not: whoever writes must be the only holder or agree with
 /// the readers. Readers lock read-only, writers for writing; the lock counts, it doesn't block.
