@@ -1,0 +1,70 @@
+// The real HID back end: hidapi over hidraw.
+#include <hidapi/hidapi.h>
+
+#include <filesystem>
+#include <string>
+#include <system_error>
+
+#include "platform/hid_functions.h"
+
+namespace mirn {
+namespace {
+
+namespace fs = std::filesystem;
+
+::hid_device* real(hid_device* device) {
+  return reinterpret_cast<::hid_device*>(device);
+}
+
+int initHid() {
+  return ::hid_init();
+}
+
+hid_device* openHid(unsigned short vendor, unsigned short product, const wchar_t* serial) {
+  return reinterpret_cast<hid_device*>(::hid_open(vendor, product, serial));
+}
+
+int writeHid(hid_device* device, const unsigned char* data, size_t length) {
+  return ::hid_write(real(device), data, length);
+}
+
+int readHid(hid_device* device, unsigned char* data, size_t length, int milliseconds) {
+  return ::hid_read_timeout(real(device), data, length, milliseconds);
+}
+
+void closeHid(hid_device* device) {
+  ::hid_close(real(device));
+}
+
+// From a hidraw node upwards to the USB device it is a part of: the first directory with an `idVendor` in it.
+std::string usbDeviceOfHidraw(const fs::path& node) {
+  std::error_code error;
+  fs::path directory = fs::canonical(fs::path("/sys/class/hidraw") / node.filename() / "device", error);
+  if (error) {
+    return {};
+  }
+  while (directory.has_relative_path()) {
+    if (fs::exists(directory / "idVendor", error)) {
+      return directory.filename().string();
+    }
+    directory = directory.parent_path();
+  }
+  return {};
+}
+
+std::string hidTopology(hid_device* device) {
+  const hid_device_info* const info = ::hid_get_device_info(real(device));
+  if (info == nullptr || info->path == nullptr) {
+    return {};
+  }
+  return usbDeviceOfHidraw(info->path);
+}
+
+}  // namespace
+
+const HidFunctions& defaultHidFunctions() {
+  static constexpr HidFunctions kHidapi{initHid, openHid, writeHid, readHid, closeHid, hidTopology};
+  return kHidapi;
+}
+
+}  // namespace mirn
