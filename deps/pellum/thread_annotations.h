@@ -1,6 +1,8 @@
 // Clang's thread-safety annotations, and a mutex that carries them. With other compilers the macros are empty.
 #pragma once
 
+#include <chrono>
+#include <condition_variable>
 #include <mutex>
 
 #if defined(__clang__)
@@ -36,10 +38,11 @@ class MIRN_CAPABILITY("mutex") Mutex {
   bool try_lock() MIRN_TRY_ACQUIRE(true) { return mutex_.try_lock(); }
 
  private:
+  friend class ConditionVariable;
   std::mutex mutex_;
 };
 
-// Holds a Mutex for a scope. To wait on a condition, use std::condition_variable_any with the Mutex itself.
+// Holds a Mutex for a scope. To wait on a condition, use ConditionVariable with the Mutex itself.
 class MIRN_SCOPED_CAPABILITY MutexGuard {
  public:
   explicit MutexGuard(Mutex& mutex) MIRN_ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
@@ -49,6 +52,36 @@ class MIRN_SCOPED_CAPABILITY MutexGuard {
 
  private:
   Mutex& mutex_;
+};
+
+// std::condition_variable for a Mutex that the caller holds: no second lock inside, unlike condition_variable_any.
+// Waits may end early, so call them in a loop that looks at the condition (the analysis sees no guarded member in a
+// lambda).
+class ConditionVariable {
+ public:
+  void notify_one() { condition_.notify_one(); }
+  void notify_all() { condition_.notify_all(); }
+
+  void wait(Mutex& mutex) MIRN_REQUIRES(mutex) {
+    std::unique_lock<std::mutex> lock(mutex.mutex_, std::adopt_lock);
+    condition_.wait(lock);
+    lock.release();
+  }
+  // False when the time has come.
+  template <typename Clock, typename Duration>
+  bool wait_until(Mutex& mutex, const std::chrono::time_point<Clock, Duration>& deadline) MIRN_REQUIRES(mutex) {
+    std::unique_lock<std::mutex> lock(mutex.mutex_, std::adopt_lock);
+    const bool in_time = condition_.wait_until(lock, deadline) == std::cv_status::no_timeout;
+    lock.release();
+    return in_time;
+  }
+  template <typename Rep, typename Period>
+  bool wait_for(Mutex& mutex, const std::chrono::duration<Rep, Period>& time) MIRN_REQUIRES(mutex) {
+    return wait_until(mutex, std::chrono::steady_clock::now() + time);
+  }
+
+ private:
+  std::condition_variable condition_;
 };
 
 }  // namespace mirn

@@ -1,0 +1,50 @@
+// A mutex behind an interface. Thread-safe.
+#pragma once
+
+#include <pthread.h>
+
+#include "deps/pellum/thread_annotations.h"
+
+namespace mirn {
+
+class MIRN_CAPABILITY("mutex") ILockItem {
+ public:
+  // Both return 1.
+  virtual int Lock() MIRN_ACQUIRE() = 0;
+  virtual int Unlock() MIRN_RELEASE() = 0;
+  virtual ~ILockItem() = default;
+};
+
+// One error-checking mutex of the operating system: a second Lock by the owner and an Unlock by anyone else change
+// nothing instead of hanging or corrupting it. Not recursive: the first Unlock after a second Lock releases it.
+class MIRN_CAPABILITY("mutex") CMutexLock final : public ILockItem {
+ public:
+  // The name is accepted and ignored.
+  explicit CMutexLock(const char* name = nullptr);
+  CMutexLock(const CMutexLock&) = delete;
+  CMutexLock& operator=(const CMutexLock&) = delete;
+  ~CMutexLock() override { pthread_mutex_destroy(&mutex_); }
+
+  int Lock() MIRN_ACQUIRE() override;
+  int Unlock() MIRN_RELEASE() override;
+
+ private:
+  pthread_mutex_t mutex_;
+};
+
+// Holds an ILockItem for a scope.
+template <typename LockItem>
+class MIRN_SCOPED_CAPABILITY CLockGuard {
+ public:
+  explicit CLockGuard(LockItem& lock) MIRN_ACQUIRE(lock) : lock_(lock) { lock_.Lock(); }
+  ~CLockGuard() MIRN_RELEASE() { lock_.Unlock(); }
+  CLockGuard(const CLockGuard&) = delete;
+  CLockGuard& operator=(const CLockGuard&) = delete;
+
+ private:
+  LockItem& lock_;
+};
+
+using CMutexLockGuard = CLockGuard<CMutexLock>;
+
+}  // namespace mirn
