@@ -1,0 +1,40 @@
+// Finds keys in a map of values without comparing each with each. For the codec's own use.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <vector>
+
+#include "embedding/value.h"
+
+namespace mirn {
+
+// An index over the keys of a map that grows while it is being filled. Borrows the map. With `indexed` false it
+// searches the map from its head instead: better for a few keys. Its hash is seeded once for each process, so that a
+// message can't be made to fit it.
+class KeyIndex {
+ public:
+  static constexpr size_t kNone = std::numeric_limits<size_t>::max();
+
+  explicit KeyIndex(const ValueMap& map, bool indexed);
+
+  // The position of an equal key, or kNone.
+  size_t find(const Value& key) const;
+
+  // To be told after a pair was appended to the map.
+  void appended();
+
+ private:
+  void insert(size_t position);
+  void rebuild(size_t slots);
+
+  const ValueMap& map_;
+  bool indexed_;
+  std::vector<uint32_t> slots_;  // position + 1; 0 = free. Its size is a power of two.
+};
+
+// Equal keys have equal hashes.
+uint64_t hashKey(const Value& key);
+
+}  // namespace mirn
