@@ -16,6 +16,15 @@ namespace mirn {
 extern bool g_bDeviceExist;
 extern bool g_bInitUSBListener;
 
+// Both identifiers of an entry. False when its properties can't be read, or one identifier is missing or no signed
+// 16-bit number; *vid may then be set already.
+bool GetDeviceInfo(UsbRegistry& registry, UsbService service, uint16_t* vid, uint16_t* pid);
+
+// What the registry calls for arrivals and removals, on the monitor thread. refcon is the USBMonitor; null is ignored,
+// and the iterator then stays as it is.
+void DeviceAddedCallback(void* refcon, UsbIterator iterator);
+void DeviceRemovedCallback(void* refcon, UsbIterator iterator);
+
 // Bound to its owner's thread, except GetDeviceExist and SetDeviceExist (thread-safe). Uses the registry that is in
 // force when it starts.
 class USBMonitor {
@@ -47,6 +56,14 @@ class USBMonitor {
 
  private:
   class RunLoopSlot;
+  friend void DeviceAddedCallback(void* refcon, UsbIterator iterator);
+  friend void DeviceRemovedCallback(void* refcon, UsbIterator iterator);
+
+  // Registers for both kinds of events and walks what is attached. False after its line on standard error.
+  bool setUpNotifications(UsbRunLoop& loop);
+
+  // Drains the iterator; every matching entry stores `exist` into the flag.
+  void drain(UsbIterator iterator, bool exist);
 
   std::unique_ptr<UsbNotificationPort> notificationPort_;
   UsbIterator deviceAddedIter_ = 0;
