@@ -34,10 +34,6 @@ struct CaptureFormat {
 };
 using CaptureFormatRef = std::shared_ptr<const CaptureFormat>;
 
-inline constexpr FourCharCode kCaptureYuyv = fourCharCode("YUYV");
-inline constexpr FourCharCode kCaptureNv12 = fourCharCode("NV12");
-inline constexpr FourCharCode kCaptureMjpg = fourCharCode("MJPG");
-
 /// 'yuvs' for YUYV, '420v' for NV12 and MJPG, 0 for anything else.
 FourCharCode captureMediaSubtype(FourCharCode pixelFormat);
 /// "1920x1080 '420v' (NV12) 60.00 fps", as the "formats" log shows it.
@@ -76,7 +72,8 @@ class CaptureSink {
   virtual void onDamagedFrame() = 0;
   /// A frame was dropped because every picture of the pool is held by somebody.
   virtual void onLateFrame() = 0;
-  /// The device stopped by itself (unplugged, or the driver failed).
+  virtual void onStarted() = 0;
+  /// The device stopped by itself (unplugged, or the driver failed); code 0 = a newer session took it.
   virtual void onStopped(const CaptureError& error) = 0;
   /// Forgets frames that were not taken yet and returns only when no callback is running (except on this thread).
   virtual void flush() = 0;
@@ -114,8 +111,9 @@ class CaptureDevice : public std::enable_shared_from_this<CaptureDevice> {
 
   /// Makes `format` (one of formats()) active. When frames are flowing: stops, sets, starts again; no frame of the old
   /// format is delivered after it returned. False, and nothing changed, for null (an empty slot) and without the
-  /// configuration lock; false with a message in the system log when the device refuses.
-  bool setActiveFormat(const CaptureFormatRef& format) MIRN_EXCLUDES(control_);
+  /// configuration lock; false with a message in the system log when the device refuses. Not from a delegate call that
+  /// runs on a work queue (it waits for that call to end).
+  bool setActiveFormat(const CaptureFormatRef& format, CaptureError* error = nullptr) MIRN_EXCLUDES(control_);
   /// Null before anything was set.
   CaptureFormatRef activeFormat() const MIRN_EXCLUDES(control_);
   /// Rises with each successful setActiveFormat(): how a session sees that somebody chose.
@@ -294,6 +292,8 @@ class CaptureSession {
   std::shared_ptr<CaptureDevice> device() const { return input_ ? input_->device() : nullptr; }
 
  private:
+  bool applyPreset(CaptureError* error);
+
   std::shared_ptr<detail::SessionCounters> counters_;
   std::shared_ptr<CaptureDeviceInput> input_;
   std::shared_ptr<CaptureVideoOutput> output_;

@@ -37,6 +37,11 @@ inline constexpr PixelFormat kPixelFormat422f = fourCharCode("422f");
 inline constexpr PixelFormat kPixelFormat444v = fourCharCode("444v");
 inline constexpr PixelFormat kPixelFormat444f = fourCharCode("444f");
 
+/// What cameras send.
+inline constexpr FourCharCode kCaptureYuyv = fourCharCode("YUYV");
+inline constexpr FourCharCode kCaptureNv12 = fourCharCode("NV12");
+inline constexpr FourCharCode kCaptureMjpg = fourCharCode("MJPG");
+
 /// True for the six bi-planar YCbCr formats above.
 bool isBiPlanar(PixelFormat format);
 

@@ -15,6 +15,21 @@ class QueueTask {
   virtual void run() = 0;
 };
 
+namespace detail {
+class FunctionTask : public QueueTask {
+ public:
+  explicit FunctionTask(std::function<void()> function) : function_(std::move(function)) {}
+  void run() override { function_(); }
+
+ private:
+  std::function<void()> function_;
+};
+}  // namespace detail
+
+inline std::shared_ptr<QueueTask> makeTask(std::function<void()> function) {
+  return std::make_shared<detail::FunctionTask>(std::move(function));
+}
+
 /// Thread-safe.
 class TaskQueue {
  public:
@@ -23,17 +38,7 @@ class TaskQueue {
   /// Runs `task` later on a thread of the queue. The queue keeps its reference until the task has run.
   virtual void post(std::shared_ptr<QueueTask> task) = 0;
 
-  void post(std::function<void()> function) { post(std::make_shared<Function>(std::move(function))); }
-
- private:
-  class Function : public QueueTask {
-   public:
-    explicit Function(std::function<void()> function) : function_(std::move(function)) {}
-    void run() override { function_(); }
-
-   private:
-    std::function<void()> function_;
-  };
+  void post(std::function<void()> function) { post(makeTask(std::move(function))); }
 };
 
 }  // namespace mirn
