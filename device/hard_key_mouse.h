@@ -14,6 +14,7 @@
 #include "device/circle_data.h"
 #include "device/hid_device.h"
 #include "device/payloads.h"
+#include "device/protocol.h"
 
 namespace mirn {
 
@@ -72,14 +73,20 @@ class hard_key_mouse : public CReference {
   std::string version_text() const;
   std::string detail_text() const;
 
-  // Where the HID interface hangs (HidFunctions::topology); "" without a device. Waits for an exchange in flight.
-  std::string topology();
+  // Where the HID interface is plugged in (HidFunctions::topology), asked once at opening; "" without a device.
+  const std::string& topology() const { return topology_; }
 
   bool device_opened() const { return hid_.handle() != nullptr; }
 
  protected:
-  // A decoded answer, copied out of the decoder.
-  struct Answer;
+  // A decoded answer, copied out of the decoder while the device mutex was held. Reads as if followed by zeros.
+  struct Answer {
+    std::array<uint8_t, kFrameBodyBytes> bytes;
+    size_t size = 0;
+
+    uint8_t at(size_t index) const { return index < size ? bytes[index] : uint8_t{0}; }
+    std::span<const uint8_t> payload() const { return {bytes.data(), size}; }
+  };
 
   // One exchange: 0 and the answer, or -1. Command 12 is written raw and brings no answer.
   int _send_msg_to_hid(DeviceCommand command, std::span<const uint8_t> payload, int timeout_ms, Answer* answer);
@@ -90,14 +97,15 @@ class hard_key_mouse : public CReference {
   uint16_t pack_index = 256;
 
  private:
-  int command_with_status(DeviceCommand command, std::span<const uint8_t> payload, int timeout_ms);
-  int exchange_locked(DeviceCommand command, std::span<const uint8_t> payload, int timeout_ms, Answer* answer)
-      MIRN_REQUIRES(device_mutex_);
-  int write_report_locked(std::span<const uint8_t> report) MIRN_REQUIRES(device_mutex_);
+  int send_checked(DeviceCommand command, std::span<const uint8_t> payload, int timeout_ms);
+  int write_raw_locked(std::span<const uint8_t> payload) MIRN_REQUIRES(device_mutex_);
+  int write_frame_locked(DeviceCommand command, std::span<const uint8_t> payload) MIRN_REQUIRES(device_mutex_);
+  int read_answer_locked(int timeout_ms, Answer* answer) MIRN_REQUIRES(device_mutex_);
   uint8_t raw_button_mask(uint8_t type);
 
   nuvra_hid_device hid_;
-  mutable CMutexLock device_mutex_;
+  const std::string topology_;
+  CMutexLock device_mutex_;
   circle_data* ring_;  // owned; null when memory was short, then every exchange fails
 
   mutable Mutex text_mutex_;  // never held across an exchange
