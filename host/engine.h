@@ -33,9 +33,9 @@ struct ChannelReply {
 
 // Counters of one texture, as the raster thread saw it.
 struct TextureStatistics {
-  uint64_t marks = 0;   // textureFrameAvailable calls; several before one look collapse
-  uint64_t taken = 0;   // looks that found a picture
-  uint64_t empty = 0;   // looks that found none
+  uint64_t marks = 0;  // textureFrameAvailable calls; several before one look collapse
+  uint64_t taken = 0;  // looks that found a picture
+  uint64_t empty = 0;  // looks that found none
 };
 
 // Bound to the platform thread (the default GLib main context) unless a call says otherwise. May be made and destroyed
@@ -51,7 +51,8 @@ class Engine {
 
   Engine();
   // Detaches the plug-ins, drops the handlers, lets the raster thread finish what it holds, drops the textures. Replies
-  // that are still out come to nothing. The texture registry that plug-ins may have kept stays callable and does nothing.
+  // that are still out come to nothing. The texture registry that plug-ins may have kept stays callable and does
+  // nothing.
   ~Engine();
   Engine(const Engine&) = delete;
   Engine& operator=(const Engine&) = delete;

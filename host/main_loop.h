@@ -1,5 +1,5 @@
-// The platform thread's loop: the default GLib main context, on which channel messages, posted tasks and captured frames
-// are served one at a time.
+// The platform thread's loop: the default GLib main context, on which channel messages, posted tasks and captured
+// frames are served one at a time.
 #pragma once
 
 #include <chrono>
@@ -9,8 +9,8 @@ namespace mirn {
 
 // All functions are bound to the platform thread: the one that runs the default main context. They may be nested.
 
-// Serves the loop until `done` answers true or the time is over; the answer is done()'s last one. `done` is asked before
-// the first turn and after each.
+// Serves the loop until `done` answers true or the time is over; the answer is done()'s last one. `done` is asked
+// before the first turn and after each.
 bool runLoopUntil(const std::function<bool()>& done, std::chrono::milliseconds limit);
 
 // Serves the loop that long. For programs with a command that says so; tests wait for conditions instead.
