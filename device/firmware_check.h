@@ -13,13 +13,13 @@ namespace mirn {
 
 enum class FirmwareFault : uint8_t {
   kNone,
-  kUnreadable,        // not a regular file, no permission, or a read error
-  kTooLarge,          // more than the reader or the wire's 65,535 chunks can carry
-  kEmpty,             // no data at all
-  kNoRecordMark,      // a line that does not begin with ':'
-  kBadDigit,          // a character that is not a hexadecimal digit
-  kShortRecord,       // fewer digits than the length field announces, or than any record has
-  kTrailingText,      // characters after the checksum
+  kUnreadable,    // not a regular file, no permission, or a read error
+  kTooLarge,      // more than the reader or the wire's 65,535 chunks can carry
+  kEmpty,         // no data at all
+  kNoRecordMark,  // a line that does not begin with ':'
+  kBadDigit,      // a character that is not a hexadecimal digit
+  kShortRecord,   // fewer digits than the length field announces, or than any record has
+  kTrailingText,  // characters after the checksum
   kBadChecksum,
   kUnknownType,       // a record type beyond 00..05
   kBadLength,         // a special record whose length is not the one its type has

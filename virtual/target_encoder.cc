@@ -2,12 +2,12 @@
 
 #include <libyuv.h>
 // jpeglib.h uses FILE and size_t without including what declares them.
-#include <cstdio>
-#include <cstdlib>
 #include <jpeglib.h>
 
 #include <algorithm>
 #include <csetjmp>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 namespace mirn {

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "virtual/frame_strip.h"
 #include "virtual/target_text.h"
 #include "virtual/virtual_target.h"
 

@@ -20,8 +20,8 @@ inline constexpr uint8_t kUsageCapsLock = 0x39;
 // The character that a key press types, 0 for none. Ctrl, Alt and Gui chords type nothing.
 char typedCharacter(uint8_t usage, uint8_t modifiers, bool caps_lock);
 
-// An editor of fixed width: text, caret, lines that wrap hard at the width; the oldest lines go when there are too many.
-// Reentrant.
+// An editor of fixed width: text, caret, lines that wrap hard at the width; the oldest lines go when there are too
+// many. Reentrant.
 class TargetText {
  public:
   static constexpr size_t kColumns = 58;

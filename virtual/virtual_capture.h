@@ -17,7 +17,8 @@
 
 namespace mirn {
 
-// What goes wrong with the picture, and at which frame. As text, faults separated by ',', ';', blanks or line ends, each
+// What goes wrong with the picture, and at which frame. As text, faults separated by ',', ';', blanks or line ends,
+// each
 //
 //   KIND[=VALUE]@WHEN
 //
@@ -60,8 +61,8 @@ struct VirtualCaptureSettings {
   std::string name = "Nuvra Mirn";
   std::string topology = "virtual-1";  // that of its VirtualMirn
   std::string serial = "VM0000000001";
-  std::string node;                      // "" = "virtual:" and the topology
-  uint32_t frames_per_second = 60;       // fastest interval of every format; 0 = frames come only from step()
+  std::string node;                        // "" = "virtual:" and the topology
+  uint32_t frames_per_second = 60;         // fastest interval of every format; 0 = frames come only from step()
   std::chrono::microseconds jitter{1500};  // a frame comes up to this much late, differently each time
   std::chrono::milliseconds warm_up{120};  // without frames after each start of the stream
   uint32_t seed = 1;
@@ -76,7 +77,7 @@ struct VirtualCaptureCounters {
   uint64_t frames = 0;   // since construction, damaged ones included
   uint64_t damaged = 0;  // of these
   uint64_t lost = 0;
-  uint64_t starts = 0;   // of the stream
+  uint64_t starts = 0;  // of the stream
 };
 
 // Thread-safe as its base class is. Frames come from a thread of its own while the stream runs.
@@ -139,7 +140,8 @@ class VirtualCaptureDevice final : public CaptureDevice {
 // The capture devices of one virtual world, in the order of adding. Thread-safe. Install it with setCaptureSystem().
 class VirtualCapture final : public CaptureSystem {
  public:
-  std::shared_ptr<VirtualCaptureDevice> add(std::shared_ptr<VirtualTarget> target, VirtualCaptureSettings settings = {});
+  std::shared_ptr<VirtualCaptureDevice> add(std::shared_ptr<VirtualTarget> target,
+                                            VirtualCaptureSettings settings = {});
   void remove(const std::shared_ptr<VirtualCaptureDevice>& device);
   // Those that are plugged in.
   std::vector<std::shared_ptr<CaptureDevice>> devices() override;

@@ -42,8 +42,8 @@ class VirtualSetup {
     std::unique_ptr<VirtualBinding> binding;
   };
 
-  // `devices` >= 1; the n-th stands at the topology path "virtual-n", counted from 1, and so does its serial. Nothing is
-  // put in force yet. The settings are those of the first device.
+  // `devices` >= 1; the n-th stands at the topology path "virtual-n", counted from 1, and so does its serial. Nothing
+  // is put in force yet. The settings are those of the first device.
   explicit VirtualSetup(size_t devices = 1, VirtualMirnSettings mirn = {}, VirtualCaptureSettings camera = {});
   // Uninstalls.
   ~VirtualSetup();

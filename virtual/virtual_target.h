@@ -31,16 +31,16 @@ inline constexpr uint8_t kTargetMiddleButton = 4;
 // Pointer positions run over 0..kTargetFullScale on each axis.
 inline constexpr int kTargetFullScale = 32767;
 
-// The input that the target holds at one moment. A pure function of it stands in the strip, so a test that knows what it
-// sent can compute the digest it must see.
+// The input that the target holds at one moment. A pure function of it stands in the strip, so a test that knows what
+// it sent can compute the digest it must see.
 struct TargetInputState {
-  uint8_t modifiers = 0;                // HID boot-keyboard modifier bits
-  std::array<uint8_t, 6> keys{};        // HID usages as reported, empty slots 0
+  uint8_t modifiers = 0;          // HID boot-keyboard modifier bits
+  std::array<uint8_t, 6> keys{};  // HID usages as reported, empty slots 0
   bool caps_lock = false;
   int pointer_x = kTargetFullScale / 2;  // 0..32767
   int pointer_y = kTargetFullScale / 2;
-  uint8_t buttons = 0;                  // kTarget*Button bits
-  int32_t wheel = 0;                    // sum of all steps, positive downwards
+  uint8_t buttons = 0;  // kTarget*Button bits
+  int32_t wheel = 0;    // sum of all steps, positive downwards
   uint8_t led_status = 0;
   uint16_t led_param = 0;
 

@@ -1,6 +1,5 @@
 #include "platform/linux/udev_notification_port.h"
 
-#include <glib-unix.h>
 #include <poll.h>
 
 #include <cerrno>

@@ -1,6 +1,7 @@
 // A notification port over one udev monitor, and the GLib run loop that it is heard on.
 #pragma once
 
+#include <glib-unix.h>
 #include <glib.h>
 
 #include <map>

@@ -11,6 +11,7 @@
 
 #include "deps/pellum/mutex_lock.h"
 
+// Lets the compiler check formats at every call.
 #define MIRN_PRINTF(format_index, first_argument) __attribute__((format(printf, format_index, first_argument)))
 
 namespace mirn {
@@ -62,28 +63,29 @@ class filelog {
   void debug_output(const char* text);
 
  private:
-  // Who may stop flushing, and when: see write_file_with_fixedsize.
-  struct FlushTurn {
+  // Flushing is one thread's duty at a time. A caller that finds it taken leaves its line to that thread, which looks
+  // at the buffers once more, under the buffer lock, before it leaves: nothing stays behind when all callers have
+  // returned. A newer ticket relieves the older one.
+  struct FlushDuty {
     bool mine = false;
     uint64_t ticket = 0;
   };
-  enum class Round { kNothing, kRetry, kWrote };
 
-  FlushTurn appendLine(std::string_view line) MIRN_EXCLUDES(buffer_lock_);
-  void write_file_with_fixedsize(FlushTurn turn) MIRN_EXCLUDES(file_lock_, buffer_lock_);
-  bool stillMyTurn(const FlushTurn& turn) MIRN_REQUIRES(file_lock_) MIRN_EXCLUDES(buffer_lock_);
-  void endFlushing() MIRN_EXCLUDES(buffer_lock_);
-  Round flushRound() MIRN_REQUIRES(file_lock_) MIRN_EXCLUDES(buffer_lock_);
-  void drain() MIRN_REQUIRES(file_lock_) MIRN_EXCLUDES(buffer_lock_);
+  FlushDuty appendLine(std::string_view line) MIRN_EXCLUDES(buffer_lock_);
+  void write_file_with_fixedsize(const FlushDuty& duty) MIRN_EXCLUDES(file_lock_, buffer_lock_);
+  std::string* nextBatch(const FlushDuty& duty, int rounds_done, bool last_one_written) MIRN_REQUIRES(file_lock_)
+      MIRN_EXCLUDES(buffer_lock_);
+  std::string* selectBuffer() MIRN_REQUIRES(file_lock_, buffer_lock_);
+  bool writeBatch(std::string& batch) MIRN_REQUIRES(file_lock_);
+  void writeRest() MIRN_REQUIRES(file_lock_) MIRN_EXCLUDES(buffer_lock_);
   void write_file_with_hour(std::string_view line) MIRN_EXCLUDES(file_lock_);
   void current_file_byhour() MIRN_EXCLUDES(file_lock_);
 
   // The variants of open and close for who holds the file lock already: the flusher's reopening must not lock again.
-  bool openLocked(const std::string& name, int32_t style, bool append) MIRN_REQUIRES(file_lock_);
+  bool openLocked(const std::string& name, _logstyle style, bool append) MIRN_REQUIRES(file_lock_);
   void closeLocked() MIRN_REQUIRES(file_lock_);
   void openStream(const std::string& path, const char* mode) MIRN_REQUIRES(file_lock_);
-  void moveToNumberedBackup(const std::string& stem, const std::string& current) MIRN_REQUIRES(file_lock_);
-  void moveToStampedBackup(const std::string& stem, const std::string& current) MIRN_REQUIRES(file_lock_);
+  void moveToBackup(const std::string& stem) MIRN_REQUIRES(file_lock_);
 
   std::atomic<int32_t> write_failures_{0};  // consecutive; above 1 nothing is written any more
   std::atomic<bool> enabled_{true};
@@ -101,12 +103,12 @@ class filelog {
   CMutexLock file_lock_;  // taken before buffer_lock_
   std::FILE* file_ MIRN_GUARDED_BY(file_lock_) = nullptr;
   std::atomic<char> separator_{'\t'};
-  std::atomic<int32_t> style_{fixed_size};
+  std::atomic<_logstyle> style_{fixed_size};
   std::string hour_file_ MIRN_GUARDED_BY(file_lock_);  // path of the current hourly file
 
   bool flushing_ MIRN_GUARDED_BY(buffer_lock_) = false;
-  bool relief_wanted_ MIRN_GUARDED_BY(buffer_lock_) = false;
-  uint64_t ticket_ MIRN_GUARDED_BY(buffer_lock_) = 0;  // of the newest flusher
+  bool relief_wanted_ MIRN_GUARDED_BY(buffer_lock_) = false;  // the flusher has done its share
+  uint64_t ticket_ MIRN_GUARDED_BY(buffer_lock_) = 0;         // of the newest flusher
 };
 
 // Removes the file in `directory` with the earliest modification time among those whose names contain `part`, if there

@@ -1,0 +1,119 @@
+#include "apps/common/diagnosis.h"
+
+#include <algorithm>
+#include <cctype>
+
+namespace mirn {
+namespace {
+
+bool holds(const std::string& text, const char* part) {
+  return text.find(part) != std::string::npos;
+}
+
+Condition ofFailure(OpenFailure failure) {
+  switch (failure) {
+    case OpenFailure::kPermission:
+      return Condition::kNoPermission;
+    case OpenFailure::kBusy:
+      return Condition::kBusy;
+    default:
+      return Condition::kOpenFailed;
+  }
+}
+
+std::string detail(const DeviceFacts& facts) {
+  return facts.failure_detail.empty() ? std::string() : " (" + facts.failure_detail + ")";
+}
+
+}  // namespace
+
+OpenFailure classifyOpenError(const std::string& reason) {
+  if (reason.empty()) {
+    return OpenFailure::kNone;
+  }
+  std::string low = reason;
+  std::transform(low.begin(), low.end(), low.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  if (holds(low, "permission") || holds(low, "not permitted") || holds(low, "eacces") || holds(low, "eperm")) {
+    return OpenFailure::kPermission;
+  }
+  if (holds(low, "busy") || holds(low, "in use")) {
+    return OpenFailure::kBusy;
+  }
+  if (holds(low, "no such") || holds(low, "not found") || holds(low, "no capture") || holds(low, "no device")) {
+    return OpenFailure::kNotFound;
+  }
+  return OpenFailure::kOther;
+}
+
+Condition Diagnosis::update(const DeviceFacts& facts, Time now) {
+  if (!facts.open) {
+    opened_.reset();
+    last_frame_.reset();
+    frames_ = 0;
+  } else {
+    if (!opened_) {
+      opened_ = now;
+      frames_ = 0;
+    }
+    if (facts.frames != frames_) {
+      frames_ = facts.frames;
+      last_frame_ = now;
+    }
+  }
+  condition_ = judge(facts, now);
+  return condition_;
+}
+
+Condition Diagnosis::judge(const DeviceFacts& facts, Time now) {
+  if (!facts.present) {
+    return Condition::kNotPluggedIn;
+  }
+  if (!facts.open) {
+    return facts.failure == OpenFailure::kNone ? Condition::kStarting : ofFailure(facts.failure);
+  }
+  if (!last_frame_) {
+    return now - *opened_ < kFirstPicture ? Condition::kStarting : Condition::kNoSignal;
+  }
+  if (now - *last_frame_ > kStallAfter) {
+    return Condition::kStalled;
+  }
+  return facts.proxy ? Condition::kFine : Condition::kNoKeyboard;
+}
+
+Advice adviceFor(Condition condition, const DeviceFacts& facts) {
+  switch (condition) {
+    case Condition::kStarting:
+      return {"starting", "Starting", "Waiting for the first picture."};
+    case Condition::kFine:
+      return {"fine", "", ""};
+    case Condition::kNotPluggedIn:
+      return {"not-plugged-in", "Not plugged in",
+              "Plug the Mirn into a USB port of this computer. The picture comes by itself."};
+    case Condition::kNoPermission:
+      return {"no-permission", "No permission",
+              "This user may not open the Mirn" + detail(facts) +
+                  ". Install the package's udev rule (mirn-udev), then unplug the Mirn and plug it in again."};
+    case Condition::kBusy:
+      return {"busy", "Busy in another program",
+              "Another program is using the Mirn's camera" + detail(facts) +
+                  ". Close it; \"mirnctl doctor\" says which one it is."};
+    case Condition::kOpenFailed:
+      return {"open-failed", "Can't open the camera",
+              "The Mirn's camera can't be opened" + detail(facts) + ". Unplug the Mirn and plug it in again."};
+    case Condition::kNoSignal:
+      return {
+          "no-signal", "No signal",
+          "The Mirn delivers no picture. Wake the target computer and check the video cable between it and the Mirn."};
+    case Condition::kStalled:
+      return {"stalled", "Stalled",
+              "The picture has stopped. Check the USB cable and the port's load, then use \"Reconnect\" in the menu."};
+    case Condition::kNoKeyboard:
+      return {"no-keyboard", "Keyboard doesn't answer",
+              "The picture is there, but the Mirn's keyboard interface can't be opened or doesn't answer. "
+              "Check with \"mirnctl doctor\", or unplug the Mirn and plug it in again."};
+  }
+  return {"unknown", "Unknown", ""};
+}
+
+}  // namespace mirn

@@ -1,0 +1,3 @@
+#include "deps/pellum/text_conversions.h"
+
+namespace mirn {}

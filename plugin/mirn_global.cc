@@ -1,0 +1,41 @@
+#include "plugin/mirn_global.h"
+
+#include <utility>
+
+#include "deps/pellum/thread_annotations.h"
+#include "plugin/mirn_manager.h"
+
+namespace mirn {
+namespace {
+
+// Between the sending thread's reports and the release at exit. Constant-initialised and trivially destroyed: it works
+// before and after every static object.
+constinit Mutex g_manager_lock;
+
+}  // namespace
+
+constinit MirnManager* mirn_ = nullptr;
+
+void createManager() {
+  if (mirn_ != nullptr) return;
+  static FreeMirnManager release_at_exit;
+  MirnManager* manager = MirnManager::init().release();
+  MutexGuard guard(g_manager_lock);
+  mirn_ = manager;
+}
+
+void reportProgress(int32_t current, int32_t total) {
+  MutexGuard guard(g_manager_lock);
+  if (mirn_ != nullptr) mirn_->setProcess(current, total);
+}
+
+FreeMirnManager::~FreeMirnManager() {
+  MirnManager* manager = nullptr;
+  {
+    MutexGuard guard(g_manager_lock);
+    manager = std::exchange(mirn_, nullptr);
+  }
+  delete manager;
+}
+
+}  // namespace mirn

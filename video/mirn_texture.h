@@ -1,0 +1,66 @@
+#pragma once
+
+// The texture bridge: hands captured frames to an engine's renderer by reference. Two process-wide maps tie a texture id
+// to its texture and to the registry that gave the id.
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+
+#include "deps/pellum/thread_annotations.h"
+#include "embedding/export.h"
+#include "embedding/texture_registry.h"
+#include "platform/pixel_buffer.h"
+
+namespace mirn {
+
+/// Holds the newest frame and gives it to the engine. Thread-safe: frames come on the main queue, the engine asks on its
+/// raster thread, the two are serialised by `locker`.
+class MirnTexture : public ExternalTexture {
+ public:
+  static std::shared_ptr<MirnTexture> init();
+  ~MirnTexture() override;
+
+  /// Keeps `buffer` as the current frame; nothing is copied. Null: the frame before stays.
+  void updatePixelBuffer(const PixelBufferRef& buffer);
+  /// The current frame with a reference of its own; null before the first one.
+  PixelBufferRef copyPixelBuffer() override;
+  /// Lets the frame go when `texture` is this one; else nothing.
+  void onTextureUnregistered(ExternalTexture* texture) override;
+
+  /// Null or a new buffer with the bytes of `source`. Not used by the frame path.
+  PixelBufferRef createPixelBufferWithExample(const PixelBufferRef& source);
+  /// Copies rows. `format` decides between planes and a single image. Rows, planes and bytes beyond what both buffers
+  /// have are left alone.
+  void copypixelbuffer(const PixelBufferRef& destination, const PixelBufferRef& source, PixelFormat format);
+  /// A new 'BGRA' buffer from `w` x `h` packed 4-byte pixels (blue, green, red, anything); alpha becomes 255. Null for a
+  /// null pointer or an empty size.
+  PixelBufferRef createPixelBufferFromRGBData(const uint8_t* data, int64_t w, int64_t h);
+
+  /// The lock around the current frame, made at first use.
+  std::shared_ptr<Mutex> locker();
+  /// Another one in its place, from the next operation on. Null: a new one is made at the next use.
+  void setLocker(std::shared_ptr<Mutex> lock);
+
+ private:
+  MirnTexture() = default;
+
+  PixelBufferRef _target;  // guarded by locker(), which may be replaced: no annotation can say so
+  std::shared_ptr<Mutex> _locker MIRN_GUARDED_BY(lockerLock_);
+  Mutex lockerLock_;
+};
+
+/// Guards both maps. Taken before a texture's own lock, never the other way round. Not recursive.
+extern Mutex g_MacOSTextureLock;
+extern std::map<int64_t, std::shared_ptr<MirnTexture>> g_TextureMgr MIRN_GUARDED_BY(g_MacOSTextureLock);
+extern std::map<int64_t, TextureRegistry*> g_TextureRegistryMgr MIRN_GUARDED_BY(g_MacOSTextureLock);
+
+/// One frame for one texture: keeps `buffer` in the texture and tells its registry. An id that isn't in both maps is
+/// ignored. Any thread.
+void updateTexture(int64_t id, const PixelBufferRef& buffer) MIRN_EXCLUDES(g_MacOSTextureLock);
+
+/// Unregisters and forgets one texture. An unknown id is ignored. Any thread; doesn't wait for the main thread.
+MIRN_EXPORT void destroyTexture(int64_t id) MIRN_EXCLUDES(g_MacOSTextureLock);
+
+}  // namespace mirn
