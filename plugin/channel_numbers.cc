@@ -19,7 +19,9 @@ T saturated(double number) {
   return static_cast<T>(number);
 }
 
-bool isBlank(char letter) { return letter == ' ' || (letter >= '\t' && letter <= '\r'); }
+bool isBlank(char letter) {
+  return letter == ' ' || (letter >= '\t' && letter <= '\r');
+}
 
 // Blanks, a sign, decimal digits; what follows them is not looked at.
 int64_t leadingNumber(std::string_view text) {

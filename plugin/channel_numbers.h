@@ -9,7 +9,8 @@
 namespace mirn {
 
 // Integers modulo 2^32; a double truncated toward zero and saturated (NaN is 0); a boolean as 0 or 1; a text's leading
-// decimal number, saturated; anything else 0. An absent key and null are 0 here too: whoever minds asks isAbsent() first.
+// decimal number, saturated; anything else 0. An absent key and null are 0 here too: whoever minds asks isAbsent()
+// first.
 int32_t channelInt32(const ValueView& value);
 
 // The same with 64 bits, integers in full.

@@ -11,9 +11,9 @@ class MirnManager;
 // there; other threads go through reportProgress.
 extern MirnManager* mirn_;
 
-// Makes the manager unless there is one. The object that releases it at exit is made with it, so after every static object of
-// the library, whatever file it stands in: at exit the manager goes first, then the registry map, the texture map and
-// their mutex.
+// Makes the manager unless there is one. The object that releases it at exit is made with it, so after every static
+// object of the library, whatever file it stands in: at exit the manager goes first, then the registry map, the texture
+// map and their mutex.
 void createManager();
 
 // MirnManager::setProcess of the manager, if there still is one. Thread-safe.

@@ -25,8 +25,8 @@ constexpr int32_t kNoProxy = -1;
 constexpr int32_t kUpgradeImpossible = -4;
 constexpr uint8_t kFlagSet = 1;
 
-// A proxy that was alive when its manager went, and the listener it reports to: kept for ever, because its sending thread may
-// be in an exchange. A root for leak checkers, too.
+// A proxy that was alive when its manager went, and the listener it reports to: kept for ever, because its sending
+// thread may be in an exchange. A root for leak checkers, too.
 struct LeftBehind {
   HardKMProxy* proxy;
   MyCppListenerWrapper* listener;
@@ -42,9 +42,13 @@ std::string deviceText(std::string_view field) {
 
 }  // namespace
 
-std::unique_ptr<MirnManager> MirnManager::init() { return std::unique_ptr<MirnManager>(new MirnManager()); }
+std::unique_ptr<MirnManager> MirnManager::init() {
+  return std::unique_ptr<MirnManager>(new MirnManager());
+}
 
-MirnManager::MirnManager() : pWrapper(std::make_unique<MyCppListenerWrapper>()) { hidFunctions().init(); }
+MirnManager::MirnManager() : pWrapper(std::make_unique<MyCppListenerWrapper>()) {
+  hidFunctions().init();
+}
 
 MirnManager::~MirnManager() {
   close();
@@ -75,7 +79,9 @@ bool MirnManager::initkmproxy() {
   }
 }
 
-void MirnManager::releaseProxy() { kmproxy_.reset(); }
+void MirnManager::releaseProxy() {
+  kmproxy_.reset();
+}
 
 bool MirnManager::getDeviceExist() {
   if (g_bInitUSBListener) {
@@ -90,7 +96,9 @@ bool MirnManager::getDeviceExist() {
   return g_bDeviceExist;
 }
 
-bool MirnManager::checkDeviceExist() { return UsbDeviceAttached(); }
+bool MirnManager::checkDeviceExist() {
+  return UsbDeviceAttached();
+}
 
 void MirnManager::setLedStatus(int32_t status) {
   if (kmproxy_ != nullptr) kmproxy_->SetLedStatus(static_cast<uint8_t>(status));
@@ -189,9 +197,13 @@ std::vector<int32_t> MirnManager::getUpgradeProgress() {
 
 void MyCppListenerWrapper::OnUpgradeStep(uint16_t /*id*/, uint16_t /*total*/) {}
 
-void MyCppListenerWrapper::OnSendMouseResult(int result) { linkCounters().mouse.count(result); }
+void MyCppListenerWrapper::OnSendMouseResult(int result) {
+  linkCounters().mouse.count(result);
+}
 
-void MyCppListenerWrapper::OnSendKeyboardResult(int result) { linkCounters().keyboard.count(result); }
+void MyCppListenerWrapper::OnSendKeyboardResult(int result) {
+  linkCounters().keyboard.count(result);
+}
 
 void MyCppListenerWrapper::OnSendUpgradeResult(int err_no, uint16_t cur_id, uint16_t total) {
   linkCounters().firmware.count(err_no);

@@ -1,5 +1,5 @@
-// Finds one of a fixed set of names in a time that does not depend on how many there are: one hash, one displacement, one
-// comparison.
+// Finds one of a fixed set of names in a time that does not depend on how many there are: one hash, one displacement,
+// one comparison.
 #pragma once
 
 #include <algorithm>
@@ -54,7 +54,8 @@ class PerfectIndex {
 
   constexpr explicit PerfectIndex(const std::array<std::string_view, kNames>& names) : names_(names) { build(); }
 
-  // False when two names could not be told apart (equal, or alike in length, first and last eight bytes): then nothing is found.
+  // False when two names could not be told apart (equal, or alike in length, first and last eight bytes): then nothing
+  // is found.
   constexpr bool valid() const { return valid_; }
 
   // The position of `name`, or kNone.

@@ -7,7 +7,8 @@
 namespace mirn {
 namespace {
 
-// A lead byte range, how many bytes follow, and the range of the first of them (Unicode 15, table 3-7). The others are 80..BF.
+// A lead byte range, how many bytes follow, and the range of the first of them (Unicode 15, table 3-7). The others
+// are 80..BF.
 struct Lead {
   uint8_t first;
   uint8_t last;

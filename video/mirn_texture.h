@@ -54,7 +54,8 @@ class MirnTexture : public ExternalTexture {
 /// Guards both maps. Taken before a texture's own lock, never the other way round. Not recursive.
 extern Mutex g_MacOSTextureLock;
 extern std::map<int64_t, std::shared_ptr<MirnTexture>> g_TextureMgr MIRN_GUARDED_BY(g_MacOSTextureLock);
-extern std::map<int64_t, TextureRegistry*> g_TextureRegistryMgr MIRN_GUARDED_BY(g_MacOSTextureLock);
+// The registry is kept alive: an engine may go while its textures are still in the maps.
+extern std::map<int64_t, std::shared_ptr<TextureRegistry>> g_TextureRegistryMgr MIRN_GUARDED_BY(g_MacOSTextureLock);
 
 /// One frame for one texture: keeps `buffer` in the texture and tells its registry. An id that isn't in both maps is
 /// ignored. Any thread.
