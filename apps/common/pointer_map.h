@@ -29,8 +29,9 @@ Placement placePicture(int view_width, int view_height, int picture_width, int p
 // The picture pixel under a point of the view (device pixels, fractions allowed), clamped to the picture's edges.
 PicturePoint pictureUnder(const Placement& placement, int picture_width, int picture_height, double x, double y);
 
-// Device position of the picture pixel `pixel` of `size`: the first pixel is 0, the last 32767, every other one
-// its centre, so that a target that divides by either the size or the size less one lands on the same pixel.
+// Device position of the picture pixel `pixel` of `size`: the first pixel is 0, the last 32767, every other one a
+// position well inside it, so that a target that divides by either the size or the size less one lands on the same
+// pixel.
 int positionOfPixel(int pixel, int size);
 
 }  // namespace mirn

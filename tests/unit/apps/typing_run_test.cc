@@ -1,0 +1,74 @@
+#include "apps/common/typing_run.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/unit/apps/recording_sink.h"
+
+namespace mirn {
+namespace {
+
+using State = TypingRun::State;
+
+TypingPlan planOf(const std::string& text) {
+  return planTyping(text, *keyboardLayout("us"));
+}
+
+TEST(TypingRun, NeverMoreInFlightThanAllowed) {
+  RecordingSink sink;
+  TypingRun run(planOf(std::string(100, 'a')), sink, 1000, 3);
+  uint64_t answered = 1000;
+  TypingRun::Time now{};
+  EXPECT_EQ(run.advance(answered, 3, now), State::kTyping);
+  EXPECT_EQ(sink.events.size(), TypingRun::kInFlight);
+  while (run.state() == State::kTyping) {
+    ++answered;
+    run.advance(answered, 3, now);
+    ASSERT_LE(sink.events.size(), answered - 1000 + TypingRun::kInFlight);
+  }
+  EXPECT_EQ(run.state(), State::kDone);
+  EXPECT_EQ(sink.events.size(), 200U);
+  EXPECT_EQ(run.charactersDone(), 100U);
+}
+
+TEST(TypingRun, CancelReleasesAndSendsNoMore) {
+  RecordingSink sink;
+  TypingRun run(planOf("hello"), sink, 0, 0);
+  run.advance(0, 0, {});
+  run.advance(3, 0, {});
+  run.cancel();
+  EXPECT_EQ(sink.events.back(), "up 0");
+  size_t sent = sink.events.size();
+  EXPECT_EQ(run.advance(8, 0, {}), State::kCancelled);
+  EXPECT_EQ(sink.events.size(), sent);
+  EXPECT_EQ(run.charactersDone(), 1U);
+}
+
+TEST(TypingRun, ARefusedKeyStopsTheRun) {
+  RecordingSink sink;
+  TypingRun run(planOf("hello"), sink, 0, 0);
+  run.advance(0, 0, {});
+  EXPECT_EQ(run.advance(4, 1, {}), State::kFailed);
+  EXPECT_EQ(sink.events.back(), "up 0");
+  EXPECT_THAT(run.failure(), testing::HasSubstr("after 2 of 5 characters"));
+}
+
+TEST(TypingRun, ASilentDeviceStopsTheRun) {
+  RecordingSink sink;
+  TypingRun run(planOf("hello"), sink, 0, 0);
+  TypingRun::Time now{};
+  run.advance(0, 0, now);
+  EXPECT_EQ(run.advance(0, 0, now + TypingRun::kPatience), State::kTyping);
+  EXPECT_EQ(run.advance(0, 0, now + TypingRun::kPatience + std::chrono::milliseconds(1)), State::kFailed);
+  EXPECT_THAT(run.failure(), testing::HasSubstr("stopped answering"));
+}
+
+TEST(TypingRun, AnEmptyTextIsDoneAtOnce) {
+  RecordingSink sink;
+  TypingRun run(planOf(""), sink, 5, 0);
+  EXPECT_EQ(run.advance(5, 0, {}), State::kDone);
+  EXPECT_TRUE(sink.events.empty());
+}
+
+}  // namespace
+}  // namespace mirn
