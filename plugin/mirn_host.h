@@ -14,30 +14,38 @@ class Clock;
 class UsbRegistry;
 struct HidFunctions;
 
-// How the capture session of the main plug-in is doing. All zero and empty while none is open.
+// How the capture session of the main plug-in is doing. All zero and empty while none is open. Counts belong to one
+// session.
 struct HostSessionStatistics {
-  bool open = false;     // a session object exists
-  bool running = false;  // it streams
-  std::string node;      // e.g. "/dev/video0"; the virtual back end names its own
-  int32_t width = 0;     // pixels, of the active format
+  bool open = false;       // a session object exists
+  bool running = false;    // it streams
+  std::string node;        // e.g. "/dev/video0"; the virtual back end names its own
+  std::string deviceName;  // as getDeviceList names it
+  std::string uniqueId;    // stable across reboots
+  int32_t width = 0;       // pixels, of the active format
   int32_t height = 0;
-  uint32_t subtype = 0;          // the active format's media subtype as a four-character code, e.g. '420v'
-  double framesPerSecond = 0;    // of the active format
-  uint64_t framesDelivered = 0;  // handed to the frame callback
-  uint64_t framesDropped = 0;    // discarded because a newer one came before they were taken
-  uint64_t framesBroken = 0;     // could not be decoded
+  uint32_t pixelFormat = 0;       // what the device sends, as a four-character code: 'YUYV', 'NV12', 'MJPG'
+  double framesPerSecond = 0;     // of the active format; 0 = unknown
+  uint64_t framesCaptured = 0;    // arrived and were converted, delivered or not
+  uint64_t framesDelivered = 0;   // handed to the textures
+  uint64_t droppedLate = 0;       // a newer one came before it was taken, or no buffer was free
+  uint64_t droppedDamaged = 0;    // could not be decoded
+  int64_t newestFrameAgeNs = -1;  // since the newest frame arrived; -1 = none yet
+  int stopCode = 0;               // errno when the device stopped by itself, e.g. was pulled out
 };
 MIRN_EXPORT HostSessionStatistics hostSessionStatistics();
 
-// Why the last "open" of the main plug-in failed. Empty reason: it did not fail, or none was tried.
+// Why a capture device could last not be opened or started. code 0: nothing has failed since the last success.
 struct HostOpenError {
-  std::string node;    // the capture node it happened on; empty when no node was found
-  std::string reason;  // one line, for a person
+  int code = 0;        // errno
+  std::string node;    // the node it happened on; "" when none was found
+  std::string reason;  // what happened, for a person
+  std::string advice;  // what to do about it; may be ""
 };
 MIRN_EXPORT HostOpenError hostLastOpenError();
 
-// Where on the bus a thing is plugged in, as the kernel names it (e.g. "1-4.2"); empty when there is none or it has no
-// place. Two parts of one Mirn have the same path.
+// Where a thing is plugged in, as the kernel names it on its bus (e.g. "1-4.2"); "" when there is none or it has no
+// place. The two halves of one Mirn give the same text. A virtual one gives "virtual:<name>".
 MIRN_EXPORT std::string hostHidTopologyPath();      // of the HID interface that the proxy has open
 MIRN_EXPORT std::string hostCaptureTopologyPath();  // of the capture node in use
 
@@ -66,13 +74,17 @@ MIRN_EXPORT bool hostInstallClock(Clock* clock);
 // Destroys the manager's key and pointer proxy and closes the device, as a new "initKmProxy" would do first.
 MIRN_EXPORT void hostReleaseProxy();
 
-// The strict check of an Intel HEX file: record lengths, checksums, addresses that follow each other, an end record.
-// The upgrade itself converts without checking, so a host asks first. Any thread.
+// Would an upgrade with this file send exactly the image that the file describes? Reads it record by record: marks,
+// digits, lengths, checksums, addresses, the end. The upgrade itself converts without looking, so a host asks first.
+// Any thread.
 struct HostHexCheck {
-  bool ok = false;
-  uint64_t line = 0;        // 1-based line of the first fault; 0 when ok or when it belongs to no line
-  std::string reason;       // one line for a person; empty when ok
-  uint64_t imageBytes = 0;  // size of the flat image; 0 unless ok
+  bool hexFile =
+      false;           // the path is one that an upgrade converts; false: it goes out as it is, and nothing was checked
+  bool exact = false;  // always true when this is no HEX file
+  uint64_t line = 0;   // 1-based, of the first finding; 0 = none, or the file as a whole
+  std::string reason;  // the first finding, for a person; "" when exact
+  uint64_t findings = 0;    // how many there are
+  uint64_t imageBytes = 0;  // of the described image
 };
 MIRN_EXPORT HostHexCheck hostCheckHexFile(const std::string& path);
 
