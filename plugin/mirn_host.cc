@@ -109,6 +109,10 @@ bool hostInstallClock(Clock* clock) {
   return true;
 }
 
+int32_t hostLedStatus() {
+  return proxyAlive() ? mirn_->kmproxy()->GetLedStatus() : -1;
+}
+
 void hostReleaseProxy() {
   if (mirn_ != nullptr) mirn_->releaseProxy();
 }

@@ -71,6 +71,9 @@ MIRN_EXPORT bool hostInstallCaptureSystem(CaptureSystem* system);
 MIRN_EXPORT bool hostInstallUsbRegistry(UsbRegistry* registry);
 MIRN_EXPORT bool hostInstallClock(Clock* clock);
 
+// The LED's status as the device answers it now: one exchange, 500 ms at most. -1 without a proxy or an answer.
+MIRN_EXPORT int32_t hostLedStatus();
+
 // Destroys the manager's key and pointer proxy and closes the device, as a new "initKmProxy" would do first.
 MIRN_EXPORT void hostReleaseProxy();
 
