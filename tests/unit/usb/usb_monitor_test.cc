@@ -23,6 +23,10 @@ const FakeUsbDevice kOther = fakeDevice(0x0bda, 0x0129);
 
 class UsbMonitorTest : public testing::Test {
  protected:
+  void SetUp() override { quickClock().sleeps.store(0); }
+  // A deferred stop ends by itself, also behind its monitor's back.
+  void TearDown() override { EXPECT_TRUE(threadsFallTo(threads_before_)); }
+
   // Runs `action` and returns what it wrote to the two standard streams.
   template <typename Action>
   std::pair<std::string, std::string> streamsOf(Action action) {
@@ -32,6 +36,7 @@ class UsbMonitorTest : public testing::Test {
     return {testing::internal::GetCapturedStdout(), testing::internal::GetCapturedStderr()};
   }
 
+  const int threads_before_ = runningThreads();
   UsbRegistryDouble registry_;
   ScopedUsbRegistry scoped_registry_{registry_};
   ScopedQuickClock scoped_clock_;
@@ -303,7 +308,7 @@ INSTANTIATE_TEST_SUITE_P(
                                  "Failed to create removed matching dictionary", true, 1, 1},
                     SetUpFailure{"Terminate", [](UsbRegistryDouble& r) { r.terminate_result = 5; },
                                  "Failed to add terminated notification: 5", true, 1, 1}),
-    [](const auto& info) { return info.param.name; });
+    [](const auto& failure) { return failure.param.name; });
 
 TEST_F(UsbMonitorTest, AFailedStartCanBeFollowedByAGoodOne) {
   registry_.fail_port = true;
@@ -348,6 +353,7 @@ TEST_P(UsbMonitorStopTest, AlwaysEnds) {
   reached.get_future().wait();
   std::thread stopper([&] { monitor.StopMonitoring(); });
   // The deferred stop fires while the monitor thread still stands at the step: only the two of them are left then.
+  while (quickClock().sleeps.load() < 2) std::this_thread::yield();
   EXPECT_TRUE(threadsFallTo(threads + 2));
   go_on.set_value();
   stopper.join();
@@ -358,7 +364,7 @@ TEST_P(UsbMonitorStopTest, AlwaysEnds) {
 INSTANTIATE_TEST_SUITE_P(Steps, UsbMonitorStopTest,
                          testing::Values("currentRunLoop", "createMatching", "createNotificationPort", "addSource",
                                          "addMatched", "addTerminate", "run"),
-                         [](const auto& info) { return std::string(info.param); });
+                         [](const auto& step) { return std::string(step.param); });
 
 // ---- real waits ----
 

@@ -1,0 +1,403 @@
+// The udev registry, and the monitor on top of it, on mocked devices: sysfs and the kernel's event socket are those of
+// a testbed that this process runs in (main() below starts it again with the mock library in front).
+#include "platform/linux/udev_usb_registry.h"
+
+#include <gtest/gtest.h>
+#include <umockdev.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <future>
+#include <iostream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/linux/udev_notification_port.h"
+#include "platform/mirn_identity.h"
+#include "tests/unit/usb/process_counts.h"
+#include "tests/unit/usb/quick_clock.h"
+#include "usb/usb_monitor.h"
+#include "usb/usb_scan.h"
+
+namespace mirn {
+namespace {
+
+#ifdef MIRN_SANITIZED
+constexpr int kFlaps = 200;
+constexpr int kQuickRounds = 100;
+constexpr int kRealRounds = 5;
+#else
+constexpr int kFlaps = 1000;
+constexpr int kQuickRounds = 1000;
+constexpr int kRealRounds = 50;
+#endif
+
+std::string hex(unsigned number, bool padded) {
+  char text[16];
+  std::snprintf(text, sizeof(text), padded ? "%04x" : "%x", number);
+  return text;
+}
+
+// Waits for what another thread is about to do. False after ten seconds.
+template <typename Condition>
+bool comesTrue(Condition condition) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::yield();
+  }
+  return true;
+}
+
+class Testbed {
+ public:
+  Testbed() : testbed_(umockdev_testbed_new()) {}
+  ~Testbed() { g_object_unref(testbed_); }
+  Testbed(const Testbed&) = delete;
+  Testbed& operator=(const Testbed&) = delete;
+
+  // Makes the device in sysfs and sends its "add".
+  void plug(const std::string& name, unsigned vendor, unsigned product) {
+    gchar* path = umockdev_testbed_add_device(
+        testbed_, "usb", name.c_str(), nullptr, "idVendor", hex(vendor, true).c_str(), "idProduct",
+        hex(product, true).c_str(), nullptr, "DEVTYPE", "usb_device", "PRODUCT",
+        (hex(vendor, false) + "/" + hex(product, false) + "/100").c_str(), nullptr);
+    g_free(path);
+  }
+  void plugMirn(const std::string& name) { plug(name, g_vid, g_pid); }
+
+  void plugInterface(const std::string& name) {
+    gchar* path = umockdev_testbed_add_device(testbed_, "usb", name.c_str(), nullptr, nullptr, "DEVTYPE",
+                                              "usb_interface", "PRODUCT", mirnProduct().c_str(), nullptr);
+    g_free(path);
+  }
+  void plugWithoutIdentifiers(const std::string& name) {
+    gchar* path =
+        umockdev_testbed_add_device(testbed_, "usb", name.c_str(), nullptr, nullptr, "DEVTYPE", "usb_device", nullptr);
+    g_free(path);
+  }
+  void plugWithAttributesOnly(const std::string& name) {
+    gchar* path =
+        umockdev_testbed_add_device(testbed_, "usb", name.c_str(), nullptr, "idVendor", hex(g_vid, true).c_str(),
+                                    "idProduct", hex(g_pid, true).c_str(), nullptr, "DEVTYPE", "usb_device", nullptr);
+    g_free(path);
+  }
+
+  void event(const std::string& name, const char* action) {
+    umockdev_testbed_uevent(testbed_, ("/sys/devices/" + name).c_str(), action);
+  }
+  // "remove" goes out, then the device leaves sysfs.
+  void unplug(const std::string& name) {
+    event(name, "remove");
+    umockdev_testbed_remove_device(testbed_, ("/sys/devices/" + name).c_str());
+  }
+
+  static std::string mirnProduct() { return hex(g_vid, false) + "/" + hex(g_pid, false) + "/100"; }
+
+ private:
+  UMockdevTestbed* testbed_;
+};
+
+class UdevRegistryTest : public testing::Test {
+ protected:
+  // An event that the monitor is known to see: when it has come, everything before it has.
+  void barrier(const USBMonitor& monitor, bool exist) {
+    EXPECT_TRUE(comesTrue([&] { return monitor.GetDeviceExist() == exist; })) << "expected " << exist;
+  }
+
+  size_t liveHandles() { return static_cast<UdevUsbRegistry&>(defaultUsbRegistry()).liveHandles(); }
+
+  Testbed testbed_;
+};
+
+TEST_F(UdevRegistryTest, ScanFindsTheDeviceByItsIdentifiers) {
+  EXPECT_FALSE(UsbDeviceAttached());
+  testbed_.plug("1-1", 0x0bda, 0x0129);
+  testbed_.plugInterface("1-2:1.0");
+  testbed_.plugWithoutIdentifiers("1-3");
+  EXPECT_FALSE(UsbDeviceAttached());
+  testbed_.plugMirn("1-4");
+  EXPECT_TRUE(UsbDeviceAttached());
+  testbed_.unplug("1-4");
+  EXPECT_FALSE(UsbDeviceAttached());
+  EXPECT_EQ(liveHandles(), 0U);
+}
+
+TEST_F(UdevRegistryTest, IdentifiersComeFromSysfsWhereThereIsNoProductProperty) {
+  testbed_.plugWithAttributesOnly("1-1");
+  EXPECT_TRUE(UsbDeviceAttached());
+}
+
+TEST_F(UdevRegistryTest, OnlyWholeDevicesAreListed) {
+  testbed_.plugInterface("1-1:1.0");
+  testbed_.plugMirn("1-1");
+  UsbRegistry& registry = defaultUsbRegistry();
+  UsbIterator iterator = 0;
+  ASSERT_EQ(registry.getMatchingServices(registry.createMatching(kUsbDeviceClass), &iterator), 0);
+  const UsbService service = registry.iteratorNext(iterator);
+  ASSERT_NE(service, 0U);
+  const auto properties = registry.createProperties(service);
+  ASSERT_NE(properties, nullptr);
+  UsbValue value;
+  EXPECT_TRUE(properties->valueIfPresent(kUsbVendorKey, &value));
+  EXPECT_EQ(std::get<int64_t>(value), g_vid);
+  EXPECT_TRUE(properties->valueIfPresent(kUsbProductKey, &value));
+  EXPECT_EQ(std::get<int64_t>(value), g_pid);
+  EXPECT_FALSE(properties->valueIfPresent("serial", &value));
+  EXPECT_EQ(registry.iteratorNext(iterator), 0U);
+  EXPECT_EQ(registry.createProperties(iterator), nullptr) << "an iterator is no entry";
+  EXPECT_EQ(registry.iteratorNext(service), 0U) << "an entry is no iterator";
+  registry.release(service);
+  EXPECT_EQ(registry.createProperties(service), nullptr);
+  registry.release(iterator);
+  EXPECT_EQ(registry.iteratorNext(iterator), 0U);
+  EXPECT_EQ(liveHandles(), 0U);
+}
+
+TEST_F(UdevRegistryTest, NoOtherClassCanBeMatched) {
+  EXPECT_EQ(defaultUsbRegistry().createMatching("IOHIDDevice"), nullptr);
+  EXPECT_EQ(defaultUsbRegistry().createMatching(nullptr), nullptr);
+  UsbIterator iterator = 7;
+  EXPECT_NE(defaultUsbRegistry().getMatchingServices(nullptr, &iterator), 0);
+  EXPECT_EQ(iterator, 7U);
+}
+
+TEST_F(UdevRegistryTest, DevicePresentAtTheStartIsSeen) {
+  testbed_.plug("1-1", 0x0bda, 0x0129);
+  testbed_.plugMirn("1-2");
+  USBMonitor monitor;
+  monitor.StartMonitoring();
+  barrier(monitor, true);
+}
+
+TEST_F(UdevRegistryTest, AddAndRemoveAreSeen) {
+  const ScopedQuickClock quick;
+  USBMonitor monitor;
+  monitor.StartMonitoring();
+  for (int round = 0; round < 20; ++round) {
+    testbed_.plugMirn("1-1");
+    barrier(monitor, true);
+    testbed_.unplug("1-1");
+    barrier(monitor, false);
+  }
+  monitor.StopMonitoring();
+  EXPECT_EQ(liveHandles(), 0U);
+}
+
+TEST_F(UdevRegistryTest, BindUnbindAndChangeDoNotCount) {
+  const ScopedQuickClock quick;
+  testbed_.plugMirn("1-1");
+  testbed_.plugMirn("1-2");
+  USBMonitor monitor;
+  monitor.StartMonitoring();
+  barrier(monitor, true);
+  for (const bool flag : {false, true}) {
+    monitor.SetDeviceExist(flag);
+    for (const char* action : {"bind", "unbind", "change", "move", "online", "offline"}) testbed_.event("1-1", action);
+    // The opposite event of the second device stands behind them: the flag must still be the seed when it comes,
+    // which shows in the number of changes.
+    std::atomic<bool> stop{false};
+    std::promise<int> changes;
+    std::thread watcher([&] {
+      int count = 0;
+      bool last = flag;
+      while (!stop.load()) {
+        const bool now = monitor.GetDeviceExist();
+        if (now != last) ++count;
+        last = now;
+      }
+      changes.set_value(count);
+    });
+    testbed_.event("1-2", flag ? "remove" : "add");
+    barrier(monitor, !flag);
+    stop.store(true);
+    watcher.join();
+    EXPECT_LE(changes.get_future().get(), 1);
+  }
+}
+
+TEST_F(UdevRegistryTest, RemovingOneOfTwoClearsTheFlag) {
+  const ScopedQuickClock quick;
+  testbed_.plugMirn("1-1");
+  testbed_.plugMirn("1-2");
+  USBMonitor monitor;
+  monitor.StartMonitoring();
+  barrier(monitor, true);
+  testbed_.unplug("1-1");
+  barrier(monitor, false);
+  testbed_.plugMirn("1-1");
+  barrier(monitor, true);
+}
+
+TEST_F(UdevRegistryTest, DevicesWithoutOrWithLargeIdentifiersNeverCount) {
+  const ScopedQuickClock quick;
+  USBMonitor monitor;
+  monitor.StartMonitoring();
+  testbed_.plugWithoutIdentifiers("1-1");
+  testbed_.plug("1-2", g_vid | 0x8000U, g_pid);
+  testbed_.plug("1-3", 0xffff, 0xffff);
+  testbed_.plugInterface("1-4:1.0");
+  testbed_.plugMirn("1-5");
+  barrier(monitor, true);
+  testbed_.unplug("1-5");
+  barrier(monitor, false);
+  monitor.SetDeviceExist(true);
+  testbed_.unplug("1-1");
+  testbed_.unplug("1-2");
+  testbed_.unplug("1-3");
+  testbed_.unplug("1-4:1.0");
+  testbed_.plugMirn("1-6");
+  testbed_.event("1-6", "remove");
+  barrier(monitor, false);
+}
+
+TEST_F(UdevRegistryTest, RemovalBetweenTheWalkAndTheLoopIsNotLost) {
+  const ScopedQuickClock quick;
+  testbed_.plugMirn("1-1");
+  UdevUsbRegistry registry;
+  const auto port = registry.createNotificationPort();
+  ASSERT_NE(port, nullptr);
+  const auto loop = registry.currentRunLoop();
+  loop->addSource(*port->runLoopSource());
+  struct Refcon {
+    UdevUsbRegistry& registry;
+    UsbRunLoop& loop;
+    std::string order;
+  } refcon{registry, *loop, ""};
+  UsbIterator added = 0;
+  UsbIterator removed = 0;
+  ASSERT_EQ(registry.addMatchingNotification(
+                *port, UsbNotification::kMatched, registry.createMatching(kUsbDeviceClass),
+                [](void* self, UsbIterator iterator) {
+                  auto* context = static_cast<Refcon*>(self);
+                  context->order += "+";
+                  while (const UsbService service = context->registry.iteratorNext(iterator))
+                    context->registry.release(service);
+                  context->loop.stop();
+                },
+                &refcon, &added),
+            0);
+  testbed_.unplug("1-1");
+  testbed_.plugMirn("1-2");
+  ASSERT_EQ(registry.addMatchingNotification(
+                *port, UsbNotification::kTerminate, registry.createMatching(kUsbDeviceClass),
+                [](void* self, UsbIterator iterator) {
+                  auto* context = static_cast<Refcon*>(self);
+                  context->order += "-";
+                  while (const UsbService service = context->registry.iteratorNext(iterator))
+                    context->registry.release(service);
+                },
+                &refcon, &removed),
+            0);
+  loop->run();
+  EXPECT_EQ(refcon.order, "-+");
+  registry.release(added);
+  registry.release(removed);
+  EXPECT_EQ(registry.liveHandles(), 0U);
+}
+
+TEST_F(UdevRegistryTest, StopBeforeRunIsNotLost) {
+  UdevUsbRegistry registry;
+  const auto loop = registry.currentRunLoop();
+  loop->stop();
+  loop->run();
+}
+
+// The testbed's socket holds about ten events and then refuses more, so no more than nine are ever on their way: a
+// burst may be waited for one event early at worst.
+constexpr int kBurst = 5;
+
+TEST_F(UdevRegistryTest, LastEventWinsWhileFlapping) {
+  const ScopedQuickClock quick;
+  USBMonitor monitor;
+  monitor.StartMonitoring();
+  testbed_.plugMirn("1-1");
+  barrier(monitor, true);
+  bool exist = true;
+  for (int event = 0; event < 2 * kFlaps; ++event) {
+    exist = !exist;
+    testbed_.event("1-1", exist ? "add" : "remove");
+    if (event % kBurst == 0) barrier(monitor, exist);
+  }
+  barrier(monitor, exist);
+  testbed_.event("1-1", "remove");
+  barrier(monitor, false);
+  testbed_.event("1-1", "add");
+  barrier(monitor, true);
+  monitor.StopMonitoring();
+  EXPECT_TRUE(monitor.GetDeviceExist());
+  EXPECT_EQ(liveHandles(), 0U);
+}
+
+TEST_F(UdevRegistryTest, LastEventWinsAlsoWhileTheMonitorStarts) {
+  const ScopedQuickClock quick;
+  for (int round = 0; round < 50; ++round) {
+    const bool ends_attached = round % 2 != 0;
+    USBMonitor monitor;
+    std::thread flapper([&] {
+      testbed_.plugMirn("1-1");
+      testbed_.unplug("1-1");
+      testbed_.plugMirn("1-1");
+      if (!ends_attached) testbed_.unplug("1-1");
+    });
+    monitor.StartMonitoring();
+    flapper.join();
+    barrier(monitor, ends_attached);
+    // A flag that is right by chance in mid-flight would fall back now: the second device's event comes last.
+    testbed_.plugMirn("1-2");
+    barrier(monitor, true);
+    testbed_.unplug("1-2");
+    barrier(monitor, false);
+    monitor.StopMonitoring();
+    if (ends_attached) testbed_.unplug("1-1");
+  }
+  EXPECT_EQ(liveHandles(), 0U);
+}
+
+void startAndStop(int rounds) {
+  const int threads = runningThreads();
+  USBMonitor monitor;
+  monitor.StartMonitoring();  // the first start may load what stays open
+  monitor.StopMonitoring();
+  const int descriptors = openDescriptors();
+  for (int round = 0; round < rounds; ++round) {
+    ASSERT_TRUE(monitor.StartMonitoring());
+    monitor.StopMonitoring();
+    ASSERT_LE(openDescriptors(), descriptors);
+  }
+  EXPECT_TRUE(threadsFallTo(threads));
+}
+
+TEST_F(UdevRegistryTest, StartAndStopLeaveNothingWithRealWaits) {
+  testbed_.plugMirn("1-1");
+  startAndStop(kRealRounds);
+  EXPECT_EQ(liveHandles(), 0U);
+}
+
+TEST_F(UdevRegistryTest, StartAndStopLeaveNothingWithoutWaits) {
+  const ScopedQuickClock quick;
+  testbed_.plugMirn("1-1");
+  startAndStop(kQuickRounds);
+  EXPECT_EQ(liveHandles(), 0U);
+}
+
+}  // namespace
+}  // namespace mirn
+
+int main(int argc, char** argv) {
+  // The loader itself says so on standard error when the library is missing; the testbed then ends the program.
+  if (std::getenv("MIRN_UMOCKDEV_STARTED") == nullptr) {
+    setenv("MIRN_UMOCKDEV_STARTED", "1", 1);
+    setenv("LD_PRELOAD", "libumockdev-preload.so.0", 1);
+    // The address sanitizer wants to be first; the mock library replaces only calls that it doesn't mind.
+    const char* options = std::getenv("ASAN_OPTIONS");
+    setenv("ASAN_OPTIONS", (std::string(options != nullptr ? options : "") + ":verify_asan_link_order=0").c_str(), 1);
+    execv("/proc/self/exe", argv);
+    std::perror("execv");
+    return 1;
+  }
+  testing::InitGoogleTest(&argc, argv);
+  return RUN_ALL_TESTS();
+}
