@@ -7,7 +7,8 @@ void VirtualClock::sleepFor(Duration duration) {
     return;
   }
   waits_.fetch_add(1, std::memory_order_relaxed);
-  advanceTo(now() + duration);
+  const Duration start = now();
+  advanceTo(duration < Duration::max() - start ? start + duration : Duration::max());
 }
 
 void VirtualClock::waitUntil(std::condition_variable_any& /*condition*/, Mutex& /*mutex*/, Duration deadline) {

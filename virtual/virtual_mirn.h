@@ -6,21 +6,19 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
-#include <random>
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <variant>
 #include <vector>
 
 #include "deps/pellum/thread_annotations.h"
 #include "platform/mirn_identity.h"
 #include "virtual/fault_plan.h"
-#include "virtual/wire.h"
 
 namespace mirn {
 
@@ -124,7 +122,8 @@ struct VirtualFirmwareState {
   uint32_t expected = 0;            // the next chunk's number
   uint32_t total = 0;               // as chunk 0 said
   uint64_t completed = 0;           // images received whole since construction
-  uint64_t rejected_chunks = 0;     // out of order, repeated, wrong total
+  uint64_t rejected_chunks = 0;     // out of order, repeated, wrong total, not greeted
+  uint64_t restarts = 0;            // chunk 0 came while another reception was underway
   std::vector<uint8_t> image;       // the last whole image: total * 1024 bytes
   std::vector<uint8_t> unfinished;  // what has come of the current one
 };
@@ -164,6 +163,9 @@ struct VirtualMirnSettings {
   // in again.
   bool version_after_replug = false;
 
+  // Refuse chunk 0 unless the three-byte greeting came before it.
+  bool greeting_required = false;
+
   size_t history_limit = 100000;  // received() keeps the newest that many
 };
 
@@ -198,9 +200,11 @@ enum class VirtualWriteResult : uint8_t {
   kGone,   // not plugged in (any more)
 };
 
-// Thread-safe; starts no thread and never waits. Time is what the caller says it is: pass the same clock's reading to
-// every call. It can so stand behind the in-process HID back end, which uses mirn::clock(), or behind a USB server with
-// an event loop of its own.
+class MirnState;
+
+// Plugged in from its construction on. Thread-safe; starts no thread and never waits. Time is what the caller says it
+// is: pass the same clock's reading to every call. It can so stand behind the in-process HID back end, which uses
+// mirn::clock(), or behind a USB server with an event loop of its own.
 //
 // Listeners are called on the thread whose call caused the change, in the order of the changes, before that call
 // returns. A listener may read the device's state, but not write to the device, plug it or unplug it, nor add or remove
@@ -274,33 +278,9 @@ class VirtualMirn {
   void removeListener(uint64_t id);
 
  private:
-  struct Verdict;  // how the fault plan wants one exchange
-
-  using Events = std::vector<VirtualMirnEvent>;
-
-  VirtualWriteResult accept(std::span<const uint8_t> report, std::chrono::nanoseconds now, Events* events)
-      MIRN_REQUIRES(mutex_);
-  void feedPieces(std::span<const uint8_t> report, const Verdict& verdict, std::chrono::nanoseconds now, Events* events)
-      MIRN_REQUIRES(mutex_);
-  Verdict judge(uint8_t command) MIRN_REQUIRES(mutex_);
-  void takeFrame(const WireFrame& frame, const Verdict& verdict, std::chrono::nanoseconds now, Events* events)
-      MIRN_REQUIRES(mutex_);
-  void takeRawReport(std::span<const uint8_t> report, const Verdict& verdict, std::chrono::nanoseconds now,
-                     Events* events) MIRN_REQUIRES(mutex_);
-  std::vector<uint8_t> carryOut(VirtualReceived* received, Events* events) MIRN_REQUIRES(mutex_);
-  std::vector<uint8_t> carryOutMouse(const VirtualMouse& mouse, Events* events) MIRN_REQUIRES(mutex_);
-  std::vector<uint8_t> carryOutFirmware(const VirtualFirmwareChunk& chunk, Events* events) MIRN_REQUIRES(mutex_);
-  void completeFirmware(Events* events) MIRN_REQUIRES(mutex_);
-  std::vector<uint8_t> handshakeAnswer() const MIRN_REQUIRES(mutex_);
-  std::vector<uint8_t> infoAnswer() const MIRN_REQUIRES(mutex_);
-  void answer(const WireFrame& request, std::span<const uint8_t> payload, const Verdict& verdict,
-              std::chrono::nanoseconds now) MIRN_REQUIRES(mutex_);
-  void emit(std::span<const uint8_t> bytes, std::chrono::nanoseconds due) MIRN_REQUIRES(mutex_);
-  std::chrono::nanoseconds dueTime(std::chrono::nanoseconds now, const Verdict& verdict) MIRN_REQUIRES(mutex_);
-  void remember(VirtualReceived received) MIRN_REQUIRES(mutex_);
-  void unplugLocked(Events* events) MIRN_REQUIRES(mutex_);
-  VirtualMirnEvent event(VirtualMirnEvent::Kind kind) const MIRN_REQUIRES(mutex_);
-  void tell(const Events& events) MIRN_REQUIRES(tell_mutex_);
+  // Runs `action` on the state, then tells the listeners what it changed.
+  void change(const std::function<void(MirnState&)>& action) MIRN_EXCLUDES(tell_mutex_, mutex_);
+  void tell(const std::vector<VirtualMirnEvent>& events) MIRN_REQUIRES(tell_mutex_);
 
   const VirtualMirnSettings settings_;
 
@@ -309,8 +289,7 @@ class VirtualMirn {
   uint64_t next_listener_ MIRN_GUARDED_BY(tell_mutex_) = 1;
 
   mutable Mutex mutex_;
-  struct State;
-  std::unique_ptr<State> state_ MIRN_GUARDED_BY(mutex_);
+  std::unique_ptr<MirnState> state_ MIRN_GUARDED_BY(mutex_);
 };
 
 }  // namespace mirn

@@ -47,7 +47,8 @@ class WireParser {
   const Counters& counters() const { return counters_; }
 
  private:
-  bool finish();
+  bool judgeLength();
+  bool finish(uint8_t tail);
   void fail();
 
   bool inside_ = false;
@@ -57,7 +58,9 @@ class WireParser {
   Counters counters_;
 };
 
-// One frame, ready for the wire.
-std::vector<uint8_t> buildWireFrame(uint8_t command, uint16_t packet_index, std::span<const uint8_t> payload);
+// One frame, ready for the wire. At most 65,529 bytes of payload. `checksum_error` is XORed into the checksum, for
+// frames that shall be refused.
+std::vector<uint8_t> buildWireFrame(uint8_t command, uint16_t packet_index, std::span<const uint8_t> payload,
+                                    uint16_t checksum_error = 0);
 
 }  // namespace mirn

@@ -1,0 +1,251 @@
+#include "virtual/virtual_hid.h"
+
+#include <algorithm>
+#include <condition_variable>
+#include <cstring>
+#include <cwchar>
+#include <deque>
+#include <utility>
+
+#include "deps/pellum/thread_annotations.h"
+#include "platform/clock.h"
+
+namespace mirn {
+namespace {
+
+// Unread reports that one handle keeps, as the kernel's hidraw does; newer ones are dropped.
+constexpr size_t kKeptReports = 63;
+
+struct Handle {
+  std::shared_ptr<VirtualMirn> device;
+  uint64_t generation = 0;
+  std::deque<VirtualReport> unread;
+
+  bool gone() const { return !device->plugged() || device->generation() != generation; }
+};
+
+struct Device {
+  std::shared_ptr<VirtualMirn> mirn;
+  uint64_t listener = 0;
+};
+
+bool sameText(const wchar_t* wide, const std::string& narrow) {
+  return std::equal(wide, wide + std::wcslen(wide), narrow.begin(), narrow.end(),
+                    [](wchar_t a, char b) { return static_cast<uint32_t>(a) == static_cast<uint8_t>(b); });
+}
+
+}  // namespace
+
+// Lock order: a device's own locks are taken under this one, so nothing that makes a device call its listeners (a
+// write, a plugging) may be done while it is held.
+struct VirtualHid::State {
+  mutable Mutex mutex;
+  std::condition_variable_any changed;
+  std::vector<Device> devices MIRN_GUARDED_BY(mutex);
+  std::vector<std::unique_ptr<Handle>> handles MIRN_GUARDED_BY(mutex);
+  uint64_t init_calls MIRN_GUARDED_BY(mutex) = 0;
+
+  Handle* find(hid_device* device) MIRN_REQUIRES(mutex) {
+    const auto found =
+        std::ranges::find(handles, reinterpret_cast<Handle*>(device), [](const auto& handle) { return handle.get(); });
+    return found != handles.end() ? found->get() : nullptr;
+  }
+
+  // Hands what the device has made to every handle on it.
+  void distribute(VirtualMirn& device) MIRN_REQUIRES(mutex) {
+    const std::vector<VirtualReport> reports = device.takeReports();
+    for (const auto& handle : handles) {
+      if (handle->device.get() != &device || handle->gone()) {
+        continue;
+      }
+      const size_t room = kKeptReports - std::min(kKeptReports, handle->unread.size());
+      handle->unread.insert(handle->unread.end(), reports.begin(),
+                            reports.begin() + static_cast<std::ptrdiff_t>(std::min(room, reports.size())));
+    }
+  }
+};
+
+// The calls of the table.
+struct VirtualHidCalls {
+  using State = VirtualHid::State;
+
+  static State& state() { return *VirtualHid::instance().state_; }
+
+  static int init() {
+    State& hid = state();
+    const MutexGuard guard(hid.mutex);
+    ++hid.init_calls;
+    return 0;
+  }
+
+  static hid_device* open(unsigned short vendor, unsigned short product, const wchar_t* serial) {
+    State& hid = state();
+    const MutexGuard guard(hid.mutex);
+    for (const Device& device : hid.devices) {
+      const VirtualMirn& mirn = *device.mirn;
+      if (!mirn.plugged() || mirn.vendorId() != vendor || mirn.productId() != product ||
+          (serial != nullptr && !sameText(serial, mirn.serial()))) {
+        continue;
+      }
+      hid.distribute(*device.mirn);
+      hid.handles.push_back(std::make_unique<Handle>(Handle{device.mirn, mirn.generation(), {}}));
+      return reinterpret_cast<hid_device*>(hid.handles.back().get());
+    }
+    return nullptr;
+  }
+
+  static int write(hid_device* device, const unsigned char* data, size_t length) {
+    State& hid = state();
+    std::shared_ptr<VirtualMirn> mirn;
+    {
+      const MutexGuard guard(hid.mutex);
+      const Handle* const handle = hid.find(device);
+      if (handle == nullptr || data == nullptr || length == 0 || handle->gone()) {
+        return -1;
+      }
+      mirn = handle->device;
+    }
+    // The report number stays behind: it never reaches a device that numbers no reports.
+    if (mirn->hostWrite({data + 1, length - 1}, clock().now()) != VirtualWriteResult::kAccepted) {
+      return -1;
+    }
+    const MutexGuard guard(hid.mutex);
+    hid.distribute(*mirn);
+    hid.changed.notify_all();
+    return static_cast<int>(length);
+  }
+
+  static int readTimeout(hid_device* device, unsigned char* data, size_t length, int milliseconds) {
+    State& hid = state();
+    const Clock::Duration deadline = clock().now() + std::chrono::milliseconds(milliseconds);
+    const MutexGuard guard(hid.mutex);
+    while (true) {
+      Handle* const handle = hid.find(device);
+      if (handle == nullptr || handle->gone()) {
+        return -1;
+      }
+      hid.distribute(*handle->device);
+      const Clock::Duration now = clock().now();
+      const bool any = !handle->unread.empty();
+      if (any && handle->unread.front().due <= now) {
+        return deliver(handle, data, length);
+      }
+      if (milliseconds >= 0 && now >= deadline) {
+        return 0;
+      }
+      if (any) {
+        const Clock::Duration due = handle->unread.front().due;
+        clock().waitUntil(hid.changed, hid.mutex, milliseconds >= 0 ? std::min(due, deadline) : due);
+      } else if (milliseconds >= 0) {
+        clock().waitUntil(hid.changed, hid.mutex, deadline);
+      } else {
+        hid.changed.wait(hid.mutex);
+      }
+    }
+  }
+
+  static int deliver(Handle* handle, unsigned char* data, size_t length) {
+    const VirtualReport report = handle->unread.front();
+    handle->unread.pop_front();
+    if (report.read_error) {
+      return -1;
+    }
+    const size_t size = std::min(length, report.bytes.size());
+    std::memcpy(data, report.bytes.data(), size);
+    return static_cast<int>(size);
+  }
+
+  static void close(hid_device* device) {
+    State& hid = state();
+    const MutexGuard guard(hid.mutex);
+    std::erase_if(hid.handles, [&](const auto& handle) { return handle.get() == reinterpret_cast<Handle*>(device); });
+    hid.changed.notify_all();
+  }
+
+  static std::string topology(hid_device* device) {
+    State& hid = state();
+    const MutexGuard guard(hid.mutex);
+    const Handle* const handle = hid.find(device);
+    return handle != nullptr ? handle->device->topology() : std::string();
+  }
+};
+
+VirtualHid::VirtualHid() : state_(new State) {}
+
+VirtualHid& VirtualHid::instance() {
+  static VirtualHid* const hid = new VirtualHid;
+  return *hid;
+}
+
+const HidFunctions& VirtualHid::functions() {
+  static constexpr HidFunctions kFunctions{VirtualHidCalls::init,  VirtualHidCalls::open,
+                                           VirtualHidCalls::write, VirtualHidCalls::readTimeout,
+                                           VirtualHidCalls::close, VirtualHidCalls::topology};
+  return kFunctions;
+}
+
+void VirtualHid::add(std::shared_ptr<VirtualMirn> device) {
+  // A reader that waits on a device hears of its unplugging.
+  const uint64_t listener = device->addListener([this](const VirtualMirnEvent& event) {
+    if (event.kind == VirtualMirnEvent::Kind::kUnplugged) {
+      const MutexGuard guard(state_->mutex);
+      state_->changed.notify_all();
+    }
+  });
+  const MutexGuard guard(state_->mutex);
+  state_->devices.push_back({std::move(device), listener});
+}
+
+void VirtualHid::remove(const std::shared_ptr<VirtualMirn>& device) {
+  Device removed;
+  {
+    const MutexGuard guard(state_->mutex);
+    const auto found = std::ranges::find(state_->devices, device, &Device::mirn);
+    if (found == state_->devices.end()) {
+      return;
+    }
+    removed = *found;
+    state_->devices.erase(found);
+  }
+  removed.mirn->unplug();
+  removed.mirn->removeListener(removed.listener);
+}
+
+void VirtualHid::removeAll() {
+  for (const std::shared_ptr<VirtualMirn>& device : devices()) {
+    remove(device);
+  }
+}
+
+std::vector<std::shared_ptr<VirtualMirn>> VirtualHid::devices() const {
+  const MutexGuard guard(state_->mutex);
+  std::vector<std::shared_ptr<VirtualMirn>> devices;
+  for (const Device& device : state_->devices) {
+    devices.push_back(device.mirn);
+  }
+  return devices;
+}
+
+size_t VirtualHid::openHandles() const {
+  const MutexGuard guard(state_->mutex);
+  return state_->handles.size();
+}
+
+uint64_t VirtualHid::initCalls() const {
+  const MutexGuard guard(state_->mutex);
+  return state_->init_calls;
+}
+
+ScopedVirtualHid::ScopedVirtualHid(std::vector<std::shared_ptr<VirtualMirn>> devices) {
+  for (std::shared_ptr<VirtualMirn>& device : devices) {
+    VirtualHid::instance().add(std::move(device));
+  }
+  setHidFunctions(&VirtualHid::functions());
+}
+
+ScopedVirtualHid::~ScopedVirtualHid() {
+  setHidFunctions(nullptr);
+  VirtualHid::instance().removeAll();
+}
+
+}  // namespace mirn
