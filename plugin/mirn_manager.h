@@ -109,8 +109,7 @@ class MirnManager : public SampleBufferDelegate {
   void probe(HardKMProxy& proxy);
 
   // Video half's helpers.
-  bool storeFormats();
-  bool activate(const CaptureFormatRef& format);
+  void storeFormats();
   void switchColor(bool normal);
 
   std::shared_ptr<CaptureSession> captureSession_;
@@ -125,6 +124,7 @@ class MirnManager : public SampleBufferDelegate {
   CaptureFormatRef bestcolor_;        // 1920 x 1080 'yuvs'
   CaptureFormatRef normalcolor_720_;  // 1280 x 720 '420v'
   CaptureFormatRef bestcolor_720_;    // 1280 x 720 'yuvs'
+  std::vector<int64_t> frameTextureIds_;  // of the frame being handed out; kept for its capacity
   std::unique_ptr<MyCppListenerWrapper> pWrapper;
   std::atomic<int32_t> curProgressNum{0};
   std::atomic<int32_t> totalProgressNum{0};

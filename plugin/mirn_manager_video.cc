@@ -3,9 +3,9 @@
 #include <vector>
 
 #include "platform/main_queue.h"
+#include "platform/mirn_identity.h"
 #include "platform/system_log.h"
 #include "plugin/mirn_manager.h"
-#include "video/device_name.h"
 #include "video/mirn_texture.h"
 
 namespace mirn {
@@ -50,7 +50,7 @@ std::vector<std::string> MirnManager::getDeviceList() {
 
 bool MirnManager::open() {
   for (const auto& device : captureSystem().devicesWithMediaType(MediaType::kVideo)) {
-    if (device->localizedName() == kMirnDeviceName) {
+    if (device->localizedName() == kMirnProductName) {
       captureDevice_ = device;
       logDevice(*device);
       break;
