@@ -31,7 +31,6 @@ enum class FirmwareFault : uint8_t {
   kAfterEnd,          // a record after the end-of-file record
   kNoEnd,             // no end-of-file record: the file was cut off
   kLineTooLong,       // the conversion reads at most 63 characters at a time and would mangle the record
-  kConversionStops,   // the conversion would give up here (a line of fewer than 9 characters)
   kConversionDiffers  // the conversion would give other bytes for this line
 };
 

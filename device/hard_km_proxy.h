@@ -49,9 +49,8 @@ class HardKMProxy : public KeyMouseProxy, public CReference {
     int Stop() override;
     int Stop(int milliseconds) override;
 
-    bool OpenQueue() { return queue_.open(kQueueArgument); }
     // To the back of the queue; without effect while it is closed.
-    void AddKMTask(const CRefObj<i_vx_task>& task);
+    void AddKMTask(CRefObj<i_vx_task> task);
     int ThreadLoop() override;
 
    private:
@@ -133,14 +132,11 @@ class HardKMProxy : public KeyMouseProxy, public CReference {
   std::string DeviceTopology();
 
  private:
-  // Submission: wraps a new task and puts it behind everything else.
-  void Submit(i_vx_task* task);
+  void Submit(CRefObj<i_vx_task> task);
   // Sends the held-back move, if there is one, ahead of what follows.
   void FlushPendingMove();
-  void SendNow(const CRefObj<i_vx_task>& move);
-  void HoldBack(const CRefObj<i_vx_task>& move);
-  // Is the device's firmware the first one, which knows neither the raw mouse report nor the upgrade greeting?
-  bool OldFirmware() const;
+  void SubmitMove(CRefObj<i_vx_task> move);
+  bool MoveIsDue();
 
   uint8_t UsageOf(int key);
   bool HoldKey(uint8_t usage);
@@ -148,7 +144,7 @@ class HardKMProxy : public KeyMouseProxy, public CReference {
 
   bool Relative() const { return relative_mode_ || last_move_relative_; }
   PointerPosition EventPosition(int x, int y) const;
-  int SendButton(uint8_t type, int x, int y, uint8_t middle = 0, int8_t wheel = 0);
+  int SendAt(int x, int y, mouse_args_type args);
 
   int QueueImage(const std::string& path, bool converted);
 

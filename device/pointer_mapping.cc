@@ -6,7 +6,9 @@
 namespace mirn {
 namespace {
 
-int16_t cut(int64_t value) { return static_cast<int16_t>(static_cast<uint16_t>(value)); }
+int16_t cut(int64_t value) {
+  return static_cast<int16_t>(static_cast<uint16_t>(value));
+}
 
 // A negative index is beyond every list: it compares as unsigned.
 void requireMonitor(int index, size_t count) {
@@ -37,7 +39,9 @@ int16_t scaledAxis(int16_t delta, uint32_t speed) {
 
 }  // namespace
 
-int64_t pixelOf(int value, int16_t size) { return static_cast<int64_t>(value) * size / kFullScale; }
+int64_t pixelOf(int value, int16_t size) {
+  return static_cast<int64_t>(value) * size / kFullScale;
+}
 
 void PointerMapping::setMonitors(const std::vector<tagRECT>& monitors, int index) {
   desktop_width = 0;
