@@ -236,17 +236,19 @@ void VirtualCaptureDevice::Stream::damage(const std::vector<VideoFault>& faults)
 }
 
 void VirtualCaptureDevice::Stream::tellEnd() {
+  bool told = false;
   CaptureError error;
   {
     const MutexGuard guard(mutex_);
-    ended_ = true;
-    played_wake_.notify_all();
-    if (stopping_) {
-      return;  // by the user's wish: nobody is told
-    }
+    told = !stopping_;  // a stop is the user's own wish: nobody is told
     error = end_;
   }
-  device_.deliverStopped(error);
+  if (told) {
+    device_.deliverStopped(error);
+  }
+  const MutexGuard guard(mutex_);
+  ended_ = true;  // after the telling: who waits for the end may look at the session then
+  played_wake_.notify_all();
 }
 
 }  // namespace mirn

@@ -26,6 +26,12 @@ std::vector<CaptureFormatRef> offered(const VirtualCaptureSettings& settings) {
   return sortedFormats(std::move(formats));
 }
 
+void report(CaptureError* out, CaptureError error) {
+  if (out != nullptr) {
+    *out = std::move(error);
+  }
+}
+
 }  // namespace
 
 VirtualCaptureDevice::VirtualCaptureDevice(std::shared_ptr<VirtualTarget> target, VirtualCaptureSettings settings)
@@ -116,11 +122,11 @@ VirtualCaptureCounters VirtualCaptureDevice::counters() const {
 bool VirtualCaptureDevice::openNode(CaptureError* error) {
   const MutexGuard guard(mutex_);
   if (!connected_) {
-    *error = failure(ENODEV, "the device is not plugged in", "Plug it in.");
+    report(error, failure(ENODEV, "the device is not plugged in", "Plug it in."));
   } else if (denied_) {
-    *error = failure(EACCES, "this user may not open it", "Ask the administrator for access to video devices.");
+    report(error, failure(EACCES, "this user may not open it", "Ask the administrator for access to video devices."));
   } else if (busy_) {
-    *error = failure(EBUSY, "another program is using it", "Close that program and open again.");
+    report(error, failure(EBUSY, "another program is using it", "Close that program and open again."));
   } else {
     opened_plugging_ = plugging_;
     return true;
@@ -136,7 +142,7 @@ void VirtualCaptureDevice::closeNode() {
 bool VirtualCaptureDevice::acquireConfiguration(CaptureError* error) {
   const MutexGuard guard(mutex_);
   if (!connected_ || opened_plugging_ != plugging_) {
-    *error = failure(ENODEV, "the device was unplugged", "Plug it in and open it again.");
+    report(error, failure(ENODEV, "the device was unplugged", "Plug it in and open it again."));
     return false;
   }
   return true;
@@ -147,13 +153,13 @@ void VirtualCaptureDevice::releaseConfiguration() {}
 bool VirtualCaptureDevice::applyFormat(const CaptureFormat& format, CaptureError* error) {
   const MutexGuard guard(mutex_);
   if (!connected_ || opened_plugging_ != plugging_) {
-    *error = failure(ENODEV, "the device was unplugged", "Plug it in and open it again.");
+    report(error, failure(ENODEV, "the device was unplugged", "Plug it in and open it again."));
     return false;
   }
   const bool known =
       std::any_of(formats_.begin(), formats_.end(), [&](const CaptureFormatRef& one) { return one.get() == &format; });
   if (!known || !VirtualTarget::supports(format.width, format.height) || captureMediaSubtype(format.pixelFormat) == 0) {
-    *error = failure(EINVAL, "the device does not take the format " + describe(format), "");
+    report(error, failure(EINVAL, "the device does not take the format " + describe(format), ""));
     return false;
   }
   format_ = format;
@@ -163,7 +169,7 @@ bool VirtualCaptureDevice::applyFormat(const CaptureFormat& format, CaptureError
 bool VirtualCaptureDevice::startStream(CaptureError* error) {
   const MutexGuard guard(mutex_);
   if (!connected_ || opened_plugging_ != plugging_) {
-    *error = failure(ENODEV, "the device was unplugged", "Plug it in and open it again.");
+    report(error, failure(ENODEV, "the device was unplugged", "Plug it in and open it again."));
     return false;
   }
   if (format_.width == 0) {

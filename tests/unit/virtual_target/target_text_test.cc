@@ -69,7 +69,7 @@ TEST(TargetText, CaretMovesAndTextGoesWhereItStands) {
   EXPECT_EQ(typed({0x04, 0x05, kHome, kDelete}), "b");
   EXPECT_EQ(typed({0x04, kEnter, 0x05, kUp, kEnd, 0x06}), "ac\nb");
   EXPECT_EQ(typed({0x04, kEnter, 0x05, kLeft, kLeft, kDelete}), "ab");
-  EXPECT_EQ(typed({0x04, kEnter, 0x05, kUp, kRight, kRight, 0x06}), "a\ncb");
+  EXPECT_EQ(typed({0x04, kEnter, 0x05, kUp, kRight, 0x06}), "a\ncb");
 }
 
 TEST(TargetText, WrapsAtItsWidthAndForgetsTheOldestLines) {

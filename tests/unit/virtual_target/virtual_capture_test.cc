@@ -111,7 +111,9 @@ class VirtualCaptureTest : public ::testing::Test {
   bool activate(FourCharCode code, int height) {
     for (const CaptureFormatRef& format : device_->formats()) {
       if (format->pixelFormat == code && format->height == height) {
-        device_->lockForConfiguration();
+        if (!device_->lockForConfiguration(&error_)) {
+          return false;
+        }
         const bool set = device_->setActiveFormat(format, &error_);
         device_->unlockForConfiguration();
         return set;
