@@ -298,9 +298,7 @@ void FlutterMirnPluginCApi::releaseTexture() {}
 int64_t FlutterMirnPluginCApi::createTexture() {
   std::shared_ptr<MirnTexture> texture = MirnTexture::init();
   const int64_t id = textures_->registerTexture(texture);
-  MutexGuard guard(g_MacOSTextureLock);
-  g_TextureMgr[id] = std::move(texture);
-  g_TextureRegistryMgr[id] = textures_;
+  insertTexture(id, std::move(texture), textures_);
   return id;
 }
 

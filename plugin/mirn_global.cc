@@ -4,6 +4,7 @@
 
 #include "deps/pellum/thread_annotations.h"
 #include "plugin/mirn_manager.h"
+#include "video/mirn_texture.h"
 
 namespace mirn {
 namespace {
@@ -18,7 +19,7 @@ constinit MirnManager* mirn_ = nullptr;
 
 void createManager() {
   if (mirn_ != nullptr) return;
-  static FreeMirnManager release_at_exit;
+  setFreeMirnManager(&releaseManager);
   MirnManager* manager = MirnManager::init().release();
   MutexGuard guard(g_manager_lock);
   mirn_ = manager;
@@ -29,7 +30,7 @@ void reportProgress(int32_t current, int32_t total) {
   if (mirn_ != nullptr) mirn_->setProcess(current, total);
 }
 
-FreeMirnManager::~FreeMirnManager() {
+void releaseManager() {
   MirnManager* manager = nullptr;
   {
     MutexGuard guard(g_manager_lock);

@@ -11,21 +11,14 @@ class MirnManager;
 // there; other threads go through reportProgress.
 extern MirnManager* mirn_;
 
-// Makes the manager unless there is one. The object that releases it at exit is made with it, so after every static
-// object of the library, whatever file it stands in: at exit the manager goes first, then the registry map, the texture
-// map and their mutex.
+// Makes the manager unless there is one, and gives its release to FreeMirnManager of the texture bridge: at exit the
+// manager goes first, then the registry map, the texture map and their mutex.
 void createManager();
+
+// Clears mirn_ and destroys the manager. Called at process exit.
+void releaseManager();
 
 // MirnManager::setProcess of the manager, if there still is one. Thread-safe.
 void reportProgress(int32_t current, int32_t total);
-
-// Releases the manager when it is destroyed; its only duty.
-class FreeMirnManager {
- public:
-  FreeMirnManager() = default;
-  ~FreeMirnManager();
-  FreeMirnManager(const FreeMirnManager&) = delete;
-  FreeMirnManager& operator=(const FreeMirnManager&) = delete;
-};
 
 }  // namespace mirn

@@ -120,10 +120,10 @@ class MirnManager : public SampleBufferDelegate {
   int64_t sourceHeight_ = 0;
   int64_t textureId_ = -1;  // -1 = none. Stored, but frames go to every texture: that is meant.
   std::unique_ptr<HardKMProxy> kmproxy_;
-  CaptureFormatRef normalcolor_;      // 1920 x 1080 '420v'
-  CaptureFormatRef bestcolor_;        // 1920 x 1080 'yuvs'
-  CaptureFormatRef normalcolor_720_;  // 1280 x 720 '420v'
-  CaptureFormatRef bestcolor_720_;    // 1280 x 720 'yuvs'
+  CaptureFormatRef normalcolor_;          // 1920 x 1080 '420v'
+  CaptureFormatRef bestcolor_;            // 1920 x 1080 'yuvs'
+  CaptureFormatRef normalcolor_720_;      // 1280 x 720 '420v'
+  CaptureFormatRef bestcolor_720_;        // 1280 x 720 'yuvs'
   std::vector<int64_t> frameTextureIds_;  // of the frame being handed out; kept for its capacity
   std::unique_ptr<MyCppListenerWrapper> pWrapper;
   std::atomic<int32_t> curProgressNum{0};
