@@ -152,6 +152,7 @@ bool CaptureDevice::openForUser(CaptureError* error) {
 
 void CaptureDevice::closeForUser() {
   if (--openUsers_ == 0) {
+    endStream();
     closeNode();
   }
 }
