@@ -1,0 +1,99 @@
+// Hand-over of a value between two threads pinned to one CPU: two sem_queues against the same ping-pong on one bare
+// mutex and condition variables. Each iteration is one sample of kRoundTrips round trips; the reported median is the
+// p50.
+#include <benchmark/benchmark.h>
+#include <pthread.h>
+#include <sched.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+#include "deps/pellum/sem_queue.h"
+
+namespace {
+
+constexpr int kRoundTrips = 200;
+constexpr int kStop = -1;
+
+void pinToOneCpu() {
+  static const int cpu = sched_getcpu();
+  cpu_set_t set;
+  CPU_ZERO(&set);
+  CPU_SET(cpu, &set);
+  pthread_setaffinity_np(pthread_self(), sizeof set, &set);
+}
+
+// A channel that holds at most one value: what a queue can't be faster than.
+class BareSlot {
+ public:
+  void push(int value) {
+    {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      value_ = value;
+      full_ = true;
+    }
+    filled_.notify_one();
+  }
+  int pop() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    filled_.wait(lock, [this] { return full_; });
+    full_ = false;
+    return value_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable filled_;
+  int value_ = 0;
+  bool full_ = false;
+};
+
+class QueueChannel {
+ public:
+  QueueChannel() { queue_.open(100); }
+  void push(int value) { queue_.push(value); }
+  int pop() {
+    int value = kStop;
+    queue_.pop_timedwait(value, mirn::kWaitForever);
+    return value;
+  }
+
+ private:
+  mirn::sem_queue<int> queue_;
+};
+
+template <typename Channel>
+void pingPong(benchmark::State& state) {
+  pinToOneCpu();
+  Channel there;
+  Channel back;
+  std::thread echo([&] {
+    pinToOneCpu();
+    for (int value = there.pop(); value != kStop; value = there.pop()) {
+      back.push(value);
+    }
+  });
+  for (auto _ : state) {
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < kRoundTrips; ++i) {
+      there.push(i);
+      benchmark::DoNotOptimize(back.pop());
+    }
+    const auto time = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    state.SetIterationTime(time / (2 * kRoundTrips));
+  }
+  there.push(kStop);
+  echo.join();
+}
+
+}  // namespace
+
+BENCHMARK(pingPong<QueueChannel>)->Name("sem_queue hand-over, one CPU/ours")->UseManualTime()->Iterations(60);
+BENCHMARK(pingPong<BareSlot>)
+    ->Name("sem_queue hand-over, one CPU/peer:condition variable")
+    ->UseManualTime()
+    ->Iterations(60);
+
+BENCHMARK_MAIN();
