@@ -1,7 +1,7 @@
 #include "deps/pellum/logger/flogger.h"
 
 #define SI_IMPLEMENTATION  // the templates are compiled here, not taken from a library
-#define SI_NO_CONVERSION  // 8-bit text alone needs none of the wide converters
+#define SI_NO_CONVERSION   // 8-bit text alone needs none of the wide converters
 #include <SimpleIni.h>
 #include <sys/stat.h>
 
