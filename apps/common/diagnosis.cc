@@ -1,14 +1,9 @@
 #include "apps/common/diagnosis.h"
 
-#include <algorithm>
-#include <cctype>
+#include <cerrno>
 
 namespace mirn {
 namespace {
-
-bool holds(const std::string& text, const char* part) {
-  return text.find(part) != std::string::npos;
-}
 
 Condition ofFailure(OpenFailure failure) {
   switch (failure) {
@@ -27,23 +22,22 @@ std::string detail(const DeviceFacts& facts) {
 
 }  // namespace
 
-OpenFailure classifyOpenError(const std::string& reason) {
-  if (reason.empty()) {
-    return OpenFailure::kNone;
+OpenFailure classifyOpenError(int code) {
+  switch (code) {
+    case 0:
+      return OpenFailure::kNone;
+    case EACCES:
+    case EPERM:
+      return OpenFailure::kPermission;
+    case EBUSY:
+      return OpenFailure::kBusy;
+    case ENODEV:
+    case ENOENT:
+    case ENXIO:
+      return OpenFailure::kNotFound;
+    default:
+      return OpenFailure::kOther;
   }
-  std::string low = reason;
-  std::transform(low.begin(), low.end(), low.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  if (holds(low, "permission") || holds(low, "not permitted") || holds(low, "eacces") || holds(low, "eperm")) {
-    return OpenFailure::kPermission;
-  }
-  if (holds(low, "busy") || holds(low, "in use")) {
-    return OpenFailure::kBusy;
-  }
-  if (holds(low, "no such") || holds(low, "not found") || holds(low, "no capture") || holds(low, "no device")) {
-    return OpenFailure::kNotFound;
-  }
-  return OpenFailure::kOther;
 }
 
 Condition Diagnosis::update(const DeviceFacts& facts, Time now) {

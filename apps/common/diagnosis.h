@@ -28,8 +28,8 @@ struct Advice {
 
 // The reasons that a failed open can name.
 enum class OpenFailure { kNone, kNotFound, kPermission, kBusy, kOther };
-// From the reason text of the last open error.
-OpenFailure classifyOpenError(const std::string& reason);
+// From the errno of the last open error; 0 = none.
+OpenFailure classifyOpenError(int code);
 
 struct DeviceFacts {
   bool present = false;  // the bus shows a Mirn

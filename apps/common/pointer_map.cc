@@ -54,8 +54,8 @@ int positionOfPixel(int pixel, int size) {
   if (pixel >= size - 1) {
     return kFullScale;
   }
-  // A target may divide by the size (and cut) or by the size less one (and round). The middle of what both take for this
-  // pixel slides from a quarter into it at the left end to three quarters at the right end.
+  // A target may divide by the size (and cut) or by the size less one (and round). The middle of what both take for
+  // this pixel slides from a quarter into it at the left end to three quarters at the right end.
   double inside = 0.25 + 0.5 * pixel / (size - 1);
   return static_cast<int>(std::lround((pixel + inside) * kFullScale / size));
 }

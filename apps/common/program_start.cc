@@ -1,0 +1,57 @@
+#include "apps/common/program_start.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+
+namespace mirn {
+
+PrivateTempDir::PrivateTempDir() {
+  if (std::getenv("TMPDIR") != nullptr) {
+    return;
+  }
+  std::string pattern = "/tmp/mirn-XXXXXX";
+  if (mkdtemp(pattern.data()) == nullptr) {
+    return;
+  }
+  path_ = pattern + "/";
+  setenv("TMPDIR", path_.c_str(), 1);
+}
+
+PrivateTempDir::~PrivateTempDir() {
+  if (path_.empty()) {
+    return;
+  }
+  std::error_code ignored;
+  std::filesystem::remove_all(path_, ignored);
+}
+
+int reserveStandardOutput() {
+  std::fflush(stdout);
+  int copy = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  if (copy >= 0) {
+    dup2(STDERR_FILENO, STDOUT_FILENO);
+  }
+  return copy;
+}
+
+bool writeAll(int descriptor, const std::string& text) {
+  size_t done = 0;
+  while (done < text.size()) {
+    ssize_t written = write(descriptor, text.data() + done, text.size() - done);
+    if (written < 0 && errno == EINTR) {
+      continue;
+    }
+    if (written <= 0) {
+      return false;
+    }
+    done += static_cast<size_t>(written);
+  }
+  return true;
+}
+
+}  // namespace mirn

@@ -1,0 +1,34 @@
+// What our programs do before they start the library: a private place for its temporary file, and a standard output
+// that belongs to the program alone.
+#pragma once
+
+#include <string>
+
+namespace mirn {
+
+// The library writes its temporary image to TMPDIR, taken as it stands with the file's name right behind it. Where
+// TMPDIR is unset, this makes a private directory (mode 0700) and sets TMPDIR to it with a slash at the end; the
+// destructor removes both. Where it is set it stays as it is. Make one at the start of main().
+class PrivateTempDir {
+ public:
+  PrivateTempDir();
+  ~PrivateTempDir();
+  PrivateTempDir(const PrivateTempDir&) = delete;
+  PrivateTempDir& operator=(const PrivateTempDir&) = delete;
+
+  // Empty when TMPDIR was set already or nothing could be made.
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+// The library prints plain lines to standard output, even after main(). A program whose output is data keeps a copy of
+// the real descriptor: from then on everything that prints to standard output goes to standard error, for good.
+// The copy, or -1 when there is no standard output. Call once, before any output.
+int reserveStandardOutput();
+
+// Writes all bytes; false when the reader is gone or the disk is full.
+bool writeAll(int descriptor, const std::string& text);
+
+}  // namespace mirn

@@ -1,0 +1,186 @@
+#include "apps/common/session.h"
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <utility>
+
+#include "apps/common/held_keys.h"
+#include "host/main_loop.h"
+#include "plugin/registration.h"
+
+namespace mirn {
+
+Session::Session() : channel_(engine_), input_(channel_) {
+  registerFlutterMirnPluginCApi(engine_.makeRegistrar());
+}
+
+Session::~Session() {
+  closePicture();
+}
+
+bool Session::isPlugged() {
+  return channel_.call("isVidPidExist").asBool();
+}
+
+std::vector<std::string> Session::captureNames() {
+  CallOutcome outcome = channel_.call("getDeviceList");
+  std::vector<std::string> names;
+  for (size_t i = 0; i < outcome.listSize(); ++i) {
+    const std::string* name = outcome.at(i).asText();
+    names.push_back(name != nullptr ? *name : std::string());
+  }
+  return names;
+}
+
+bool Session::connectKeyboard() {
+  if (!channel_.call("initKmProxy").asBool()) {
+    return false;
+  }
+  constexpr int kMiddle = 16383;
+  releaseEverythingOn(input_, kMiddle, kMiddle);
+  return true;
+}
+
+std::optional<DeviceInfo> Session::info() {
+  // Without a proxy the command would make one itself, and nothing would be released after it.
+  if (!hostLinkStatistics().proxy && !connectKeyboard()) {
+    return std::nullopt;
+  }
+  CallOutcome outcome = channel_.call("getMirnDevInfo");
+  constexpr size_t kFields = 4;
+  if (outcome.listSize() != kFields) {
+    return std::nullopt;
+  }
+  auto text = [&](size_t index) {
+    const std::string* value = outcome.at(index).asText();
+    return value != nullptr ? *value : std::string();
+  };
+  return DeviceInfo{text(0), text(1), text(2) == "1", text(3)};
+}
+
+int Session::setName(const std::string& name) {
+  return static_cast<int>(channel_.call("setMirnDevInfo", {{"name", Value(name)}}).asInt(-1));
+}
+
+void Session::setLed(int status) {
+  channel_.call("setLedStatus", {{"ledStatus", Value(int32_t{status})}});
+}
+
+int Session::led() {
+  return hostLedStatus();
+}
+
+bool Session::openPicture() {
+  // A second "open" would make a new session beside the old one.
+  closePicture();
+  open_ = channel_.call("open").asBool();
+  return open_;
+}
+
+void Session::closePicture() {
+  if (std::exchange(open_, false)) {
+    channel_.call("release");
+  }
+}
+
+bool Session::setQuality(const std::string& quality) {
+  return channel_.call("setVideoQuality", {{"quality", Value(quality)}}).asBool();
+}
+
+void Session::setColor(bool best) {
+  channel_.call(best ? "bestColor" : "normalColor");
+}
+
+int64_t Session::texture() {
+  if (texture_ < 0) {
+    texture_ = channel_.call("createTexture").asInt(-1);
+    channel_.call("bindTexture", {{"textureId", Value(int64_t{texture_})}});
+  }
+  return texture_;
+}
+
+PixelBufferRef Session::picture() {
+  return engine_.latestPicture(texture());
+}
+
+PixelBufferRef Session::waitForPicture(const PixelBufferRef& after, std::chrono::milliseconds limit) {
+  PixelBufferRef newest;
+  runLoopUntil(
+      [&] {
+        newest = picture();
+        return newest && newest.get() != after.get();
+      },
+      limit);
+  return newest && newest.get() != after.get() ? newest : PixelBufferRef();
+}
+
+int64_t Session::startUpgrade(const std::string& path) {
+  constexpr int kMiddle = 16383;
+  releaseEverythingOn(input_, kMiddle, kMiddle);
+  return channel_.call("reqUpgradeFirmware", {{"path", Value(path)}}).asInt(0);
+}
+
+DeviceFacts Session::facts() {
+  DeviceFacts facts;
+  facts.present = isPlugged();
+  facts.proxy = hostLinkStatistics().proxy;
+  HostSessionStatistics session = hostSessionStatistics();
+  facts.open = open_ && session.open && session.stopCode == 0;
+  facts.frames = session.framesCaptured;
+  if (!facts.open) {
+    HostOpenError error = hostLastOpenError();
+    facts.failure = classifyOpenError(error.code);
+    if (error.code != 0) {
+      facts.failure_detail = (error.node.empty() ? "" : error.node + ": ") + error.reason;
+    }
+  }
+  return facts;
+}
+
+UpgradeFacts Session::upgradeFacts() {
+  HostLinkStatistics link = hostLinkStatistics();
+  return {isPlugged(), link.firmwareSent + link.firmwareFailed, link.firmwareFailed};
+}
+
+UpgradeFile checkUpgradeFile(const std::string& path) {
+  UpgradeFile file;
+  file.path = path;
+  file.hex = isHexPath(path);
+  auto refuse = [&](std::string reason) {
+    file.reason = std::move(reason);
+    return file;
+  };
+  std::error_code error;
+  if (!std::filesystem::is_regular_file(path, error)) {
+    return refuse(error ? path + ": " + error.message() : path + " is no regular file.");
+  }
+  file.file_bytes = std::filesystem::file_size(path, error);
+  if (error) {
+    return refuse(path + ": " + error.message());
+  }
+  if (!std::ifstream(path, std::ios::binary)) {
+    return refuse(path + ": " + std::strerror(errno));
+  }
+  file.image_bytes = file.file_bytes;
+  if (file.hex) {
+    HostHexCheck check = hostCheckHexFile(path);
+    if (!check.exact) {
+      return refuse(path + (check.line != 0 ? ", line " + std::to_string(check.line) : "") + ": " + check.reason);
+    }
+    file.image_bytes = check.imageBytes;
+  }
+  file.chunks = chunksOf(file.image_bytes);
+  if (file.chunks == 0) {
+    return refuse(path + " is empty.");
+  }
+  if (file.chunks > kMostChunks) {
+    return refuse(path + " is too large: the device takes at most " + std::to_string(kMostChunks) +
+                  " chunks of 1024 bytes.");
+  }
+  file.ok = true;
+  return file;
+}
+
+}  // namespace mirn

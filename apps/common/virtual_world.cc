@@ -1,0 +1,115 @@
+#include "apps/common/virtual_world.h"
+
+#include <limits>
+
+#include "plugin/mirn_host.h"
+
+namespace mirn {
+namespace {
+
+VirtualMirnSettings mirnSettings(const VirtualOptions& options) {
+  VirtualMirnSettings settings;
+  settings.version = options.version;
+  settings.version_after_replug = options.version_after_replug;
+  return settings;
+}
+
+VirtualCaptureSettings cameraSettings(const VirtualOptions& options) {
+  VirtualCaptureSettings settings;
+  settings.busy = options.busy;
+  settings.denied = options.denied;
+  return settings;
+}
+
+std::vector<VideoFault> neverAPicture() {
+  VideoFault lost;
+  lost.kind = VideoFaultKind::kLose;
+  lost.first = 1;
+  lost.last = std::numeric_limits<uint64_t>::max();
+  return {lost};
+}
+
+}  // namespace
+
+VirtualWorld::VirtualWorld(const VirtualOptions& options)
+    : options_(options),
+      setup_(options.mismatch && options.devices < 2 ? 2 : options.devices, mirnSettings(options),
+             cameraSettings(options)) {}
+
+std::unique_ptr<VirtualWorld> VirtualWorld::create(const VirtualOptions& options, std::string* error) {
+  FaultPlan plan;
+  if (!FaultPlan::parse(options.faults, &plan, error)) {
+    return nullptr;
+  }
+  std::vector<VideoFault> video;
+  if (!parseVideoFaults(options.video_faults, &video, error)) {
+    return nullptr;
+  }
+  std::unique_ptr<VirtualWorld> world(new VirtualWorld(options));
+  world->mirn().setFaultPlan(plan);
+  world->setup_.camera().setFaults(options.no_signal ? neverAPicture() : video);
+  for (size_t index = 0; index < world->setup_.size(); ++index) {
+    world->follow(index);
+    world->mirn(index).plug();
+  }
+  if (!world->install(error)) {
+    return nullptr;
+  }
+  if (options.unplugged) {
+    for (size_t index = 0; index < world->setup_.size(); ++index) {
+      world->unplug(index);
+    }
+  }
+  if (options.mismatch) {
+    // The first device's camera is away, as when only its HID half enumerated: the second one's is opened instead.
+    world->setup_.camera(0).unplug();
+  }
+  return world;
+}
+
+void VirtualWorld::follow(size_t index) {
+  VirtualMirn& device = setup_.mirn(index);
+  VirtualCaptureDevice& camera = setup_.camera(index);
+  VirtualUsbRegistry::Identity identity{device.vendorId(), device.productId()};
+  // Plugging is one event for the whole stick, also when a fault plan pulls it in the middle of an exchange.
+  listeners_.push_back(device.addListener([this, index, identity, &camera](const VirtualMirnEvent& event) {
+    if (event.kind == VirtualMirnEvent::Kind::kPlugged) {
+      registry_.arrived(index, identity);
+    } else if (event.kind == VirtualMirnEvent::Kind::kUnplugged) {
+      camera.unplug();
+      registry_.gone(index);
+    }
+  }));
+  if (device.plugged()) {
+    registry_.arrived(index, identity);
+  }
+}
+
+bool VirtualWorld::install(std::string* error) {
+  setup_.install();
+  if (!hostInstallHidFunctions(&VirtualHid::functions()) || !hostInstallCaptureSystem(&setup_.capture()) ||
+      !hostInstallUsbRegistry(&registry_)) {
+    if (error != nullptr) {
+      *error = "The virtual device can't be installed while the library is in use.";
+    }
+    return false;
+  }
+  return true;
+}
+
+VirtualWorld::~VirtualWorld() {
+  hostReleaseProxy();
+  for (size_t index = 0; index < listeners_.size(); ++index) {
+    setup_.mirn(index).removeListener(listeners_[index]);
+  }
+}
+
+void VirtualWorld::unplug(size_t index) {
+  setup_.unplug(index);
+}
+
+void VirtualWorld::replug(size_t index) {
+  setup_.replug(index);
+}
+
+}  // namespace mirn

@@ -1,0 +1,127 @@
+#include "apps/mirnctl/context.h"
+
+#include <glib.h>
+
+#include "apps/mirnctl/doctor_facts.h"
+#include "host/main_loop.h"
+
+namespace mirn {
+namespace {
+
+gboolean pullNow(gpointer world) {
+  static_cast<VirtualWorld*>(world)->unplug();
+  return G_SOURCE_REMOVE;
+}
+
+gboolean plugNow(gpointer world) {
+  static_cast<VirtualWorld*>(world)->replug();
+  return G_SOURCE_REMOVE;
+}
+
+}  // namespace
+
+Context::Context(const GlobalOptions& options, int descriptor) : options_(options), report_(descriptor, options.json) {}
+
+Context::~Context() {
+  session_.reset();
+  // The last key and pointer events are on their way until here; commands wait for their answers.
+  hostReleaseProxy();
+}
+
+std::optional<int> Context::prepare() {
+  if (!options_.use_virtual) {
+    return std::nullopt;
+  }
+  std::string error;
+  world_ = VirtualWorld::create(options_.virtual_options, &error);
+  if (!world_) {
+    return report_.failure(kExitUsage, error);
+  }
+  scheduleVirtualPlugging();
+  return std::nullopt;
+}
+
+void Context::scheduleVirtualPlugging() {
+  if (options_.pull_after_ms >= 0) {
+    g_timeout_add(static_cast<guint>(options_.pull_after_ms), &pullNow, world_.get());
+  }
+  if (options_.plug_after_ms >= 0) {
+    g_timeout_add(static_cast<guint>(options_.plug_after_ms), &plugNow, world_.get());
+  }
+}
+
+Session& Context::session() {
+  if (!session_) {
+    session_ = std::make_unique<Session>();
+  }
+  return *session_;
+}
+
+std::optional<int> Context::needKeyboard() {
+  if (!session().isPlugged()) {
+    return report_.failure(kExitNotPluggedIn, "No Mirn is plugged in.");
+  }
+  if (!session().connectKeyboard()) {
+    return keyboardTrouble();
+  }
+  return std::nullopt;
+}
+
+int Context::keyboardTrouble() {
+  DoctorFacts facts = world_ ? virtualDoctorFacts(*world_) : systemDoctorFacts();
+  for (const MirnOnBus& device : facts.devices) {
+    for (const NodeFact& node : device.hid) {
+      if (!node.may_open) {
+        return report_.failure(kExitNoPermission,
+                               node.path + ": no permission to open it; \"mirnctl doctor\" says what to do.");
+      }
+    }
+  }
+  return report_.failure(kExitDevice, "The Mirn's keyboard interface doesn't answer.");
+}
+
+std::optional<int> Context::needPicture(const std::string& quality, bool best_color, std::chrono::milliseconds limit,
+                                        PixelBufferRef* first) {
+  if (!session().isPlugged()) {
+    return report_.failure(kExitNotPluggedIn, "No Mirn is plugged in.");
+  }
+  session().texture();
+  if (!session().openPicture()) {
+    return pictureTrouble();
+  }
+  if (!session().setQuality(quality)) {
+    return report_.failure(kExitDevice, "The Mirn refuses the picture size " + quality + ".");
+  }
+  session().setColor(best_color);
+  int width = quality == "720P" ? 1280 : 1920;
+  PixelBufferRef newest;
+  bool came = runLoopUntil(
+      [&] {
+        newest = session().picture();
+        return newest && static_cast<int>(newest->width()) == width;
+      },
+      limit);
+  if (!came) {
+    return report_.failure(kExitNoPicture,
+                           "No picture came within " + std::to_string(limit.count()) +
+                               " ms. Wake the target computer and check the video cable between it and the Mirn.");
+  }
+  *first = newest;
+  return std::nullopt;
+}
+
+int Context::pictureTrouble() {
+  DeviceFacts facts = session().facts();
+  switch (facts.failure) {
+    case OpenFailure::kPermission:
+      return report_.failure(kExitNoPermission, "No permission to open the camera: " + facts.failure_detail + ".");
+    case OpenFailure::kBusy:
+      return report_.failure(kExitBusy, "The camera is busy: " + facts.failure_detail + ".");
+    default:
+      return report_.failure(kExitNoPicture, facts.failure_detail.empty()
+                                                 ? "The Mirn's camera was not found."
+                                                 : "The camera can't be opened: " + facts.failure_detail + ".");
+  }
+}
+
+}  // namespace mirn

@@ -1,0 +1,56 @@
+// What every command of mirnctl works with.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "apps/common/session.h"
+#include "apps/common/virtual_world.h"
+#include "apps/mirnctl/report.h"
+
+namespace mirn {
+
+struct GlobalOptions {
+  bool json = false;
+  bool use_virtual = false;
+  VirtualOptions virtual_options;
+  int pull_after_ms = -1;  // the virtual device is unplugged then; -1 = never
+  int plug_after_ms = -1;  // and plugged in (again) then
+};
+
+// Bound to the main thread.
+class Context {
+ public:
+  Context(const GlobalOptions& options, int descriptor);
+  ~Context();
+  Context(const Context&) = delete;
+  Context& operator=(const Context&) = delete;
+
+  Report& report() { return report_; }
+  const GlobalOptions& options() const { return options_; }
+  VirtualWorld* world() { return world_.get(); }
+  // Installs the virtual device when it is asked for; an exit status otherwise.
+  std::optional<int> prepare();
+  Session& session();
+
+  // The device is there and its keyboard interface answers; else the exit status, with everything said.
+  std::optional<int> needKeyboard();
+  // The picture runs and its first frame came, in `first`.
+  std::optional<int> needPicture(const std::string& quality, bool best_color, std::chrono::milliseconds limit,
+                                 PixelBufferRef* first);
+
+ private:
+  int keyboardTrouble();
+  int pictureTrouble();
+  void scheduleVirtualPlugging();
+
+  GlobalOptions options_;
+  Report report_;
+  std::unique_ptr<VirtualWorld> world_;
+  std::unique_ptr<Session> session_;
+};
+
+}  // namespace mirn

@@ -1,0 +1,63 @@
+#include "apps/mirnctl/report.h"
+
+#include <cstdio>
+
+#include "apps/common/program_start.h"
+#include "apps/common/utf8.h"
+
+namespace mirn {
+namespace {
+
+std::string dumped(const Json& value) {
+  return value.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
+}  // namespace
+
+int Report::success(const std::string& text, const Json& fields) {
+  bool written = true;
+  if (json_) {
+    Json whole = {{"ok", true}};
+    whole.update(fields);
+    written = writeAll(descriptor_, dumped(whole));
+  } else {
+    written = writeAll(descriptor_, text);
+  }
+  if (!written) {
+    std::fprintf(stderr, "mirnctl: can't write to standard output\n");
+    return kExitData;
+  }
+  return kExitOk;
+}
+
+int Report::failure(ExitStatus status, const std::string& message, const Json& fields) {
+  if (json_) {
+    Json whole = {{"ok", false}, {"status", static_cast<int>(status)}, {"error", message}};
+    whole.update(fields);
+    writeAll(descriptor_, dumped(whole));
+  } else {
+    std::fprintf(stderr, "mirnctl: %s\n", message.c_str());
+  }
+  return status;
+}
+
+void Report::line(const std::string& text, const Json& fields) {
+  writeAll(descriptor_, json_ ? dumped(fields) : text + "\n");
+}
+
+void Report::text(const std::string& text) {
+  if (!json_) {
+    writeAll(descriptor_, text);
+  }
+}
+
+std::string printable(const std::string& text) {
+  std::string clean;
+  for (const Utf8Character& character : utf8Characters(text)) {
+    bool control = character.code < 0x20 || (character.code >= 0x7F && character.code < 0xA0);
+    clean += !character.valid || control ? "\xEF\xBF\xBD" : utf8Of(character.code);
+  }
+  return clean;
+}
+
+}  // namespace mirn

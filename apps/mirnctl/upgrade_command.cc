@@ -1,0 +1,175 @@
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <memory>
+
+#include "apps/common/program_start.h"
+#include "apps/common/upgrade_flow.h"
+#include "apps/mirnctl/commands.h"
+#include "host/main_loop.h"
+
+namespace mirn {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct UpgradeOptions {
+  std::string file;
+  bool check_only = false;
+  std::string expected_version;
+  int replug_seconds = 120;
+};
+
+Json fileFields(const UpgradeFile& file) {
+  return {{"file", file.path},
+          {"kind", file.hex ? "hex" : "raw"},
+          {"file_bytes", file.file_bytes},
+          {"image_bytes", file.image_bytes},
+          {"chunks", file.chunks}};
+}
+
+std::string fileText(const UpgradeFile& file) {
+  return file.path + ": " + (file.hex ? "Intel HEX, checked; " : "raw image; ") + std::to_string(file.image_bytes) +
+         " bytes in " + std::to_string(file.chunks) + (file.chunks == 1 ? " chunk" : " chunks") + " of 1024 are sent\n";
+}
+
+std::string progressText(const UpgradeStatus& status) {
+  std::array<char, 96> numbers{};
+  std::snprintf(numbers.data(), numbers.size(), "chunk %llu of %llu, %3.0f %%, %.1f KiB/s",
+                static_cast<unsigned long long>(status.chunk), static_cast<unsigned long long>(status.total),
+                status.percent, status.bytes_per_second / 1024);
+  std::string text = numbers.data();
+  if (status.remaining) {
+    text += ", " + std::to_string(status.remaining->count()) + " s left";
+  }
+  return text;
+}
+
+// A bar that redraws its line on a terminal; elsewhere a plain line for every tenth part.
+class Progress {
+ public:
+  explicit Progress(Report& report) : report_(report), terminal_(isatty(report.descriptor()) == 1) {}
+
+  void show(const UpgradeStatus& status) {
+    if (report_.json()) {
+      return;
+    }
+    if (terminal_) {
+      constexpr size_t kWidth = 30;
+      auto filled = static_cast<size_t>(status.percent / 100 * kWidth);
+      writeAll(report_.descriptor(), "\r[" + std::string(filled, '#') + std::string(kWidth - filled, ' ') + "] " +
+                                         progressText(status) + "\x1B[K");
+      open_line_ = true;
+      return;
+    }
+    int tenth = static_cast<int>(status.percent / 10);
+    if (tenth != tenth_) {
+      tenth_ = tenth;
+      writeAll(report_.descriptor(), progressText(status) + "\n");
+    }
+  }
+  void say(const std::string& line) {
+    finish();
+    report_.text(line + "\n");
+  }
+  void finish() {
+    if (open_line_) {
+      writeAll(report_.descriptor(), "\n");
+      open_line_ = false;
+    }
+  }
+
+ private:
+  Report& report_;
+  bool terminal_;
+  bool open_line_ = false;
+  int tenth_ = -1;
+};
+
+std::optional<std::string> greet(Session& session) {
+  if (!session.connectKeyboard()) {
+    return std::nullopt;
+  }
+  std::optional<DeviceInfo> info = session.info();
+  return info ? std::optional<std::string>(info->version) : std::nullopt;
+}
+
+void follow(Context& context, UpgradeFlow& flow, Progress& progress, int replug_seconds) {
+  constexpr std::chrono::milliseconds kEvery{20};
+  bool said_unplugged = false;
+  Clock::time_point unplugged;
+  while (flow.state() != UpgradeState::kFinished) {
+    runLoopFor(kEvery);
+    Clock::time_point now = Clock::now();
+    flow.update(context.session().upgradeFacts(), now);
+    progress.show(flow.status(now));
+    if (flow.state() == UpgradeState::kUnplugged) {
+      if (!said_unplugged) {
+        said_unplugged = true;
+        unplugged = now;
+        progress.say("The device was unplugged. Waiting for it to come back.");
+      } else if (now - unplugged > std::chrono::seconds(replug_seconds)) {
+        flow.giveUp();
+      }
+    }
+    if (flow.wantsHandshake(now)) {
+      flow.handshake(greet(context.session()), Clock::now());
+    }
+  }
+  progress.finish();
+}
+
+int judgeResult(Context& context, const UpgradeFlow& flow, const UpgradeOptions& options) {
+  Json fields = fileFields(flow.file());
+  fields["result"] = upgradeResultWord(flow.result());
+  fields["version_before"] = printable(flow.versionBefore());
+  fields["version_after"] = printable(flow.versionAfter());
+  bool expected = !options.expected_version.empty();
+  bool good = expected ? flow.versionAfter() == options.expected_version : flow.result() == UpgradeResult::kUpdated;
+  if (good) {
+    return context.report().success(flow.resultText() + "\n", fields);
+  }
+  bool silent = flow.result() == UpgradeResult::kNotAnswering || flow.result() == UpgradeResult::kNotStarted;
+  return context.report().failure(silent ? kExitDevice : kExitNotUpdated, flow.resultText(), fields);
+}
+
+int runUpgrade(Context& context, const UpgradeOptions& options) {
+  UpgradeFile file = checkUpgradeFile(options.file);
+  if (!file.ok) {
+    return context.report().failure(kExitData, file.reason);
+  }
+  if (options.check_only) {
+    return context.report().success(fileText(file), fileFields(file));
+  }
+  if (auto trouble = context.needKeyboard()) {
+    return *trouble;
+  }
+  std::optional<DeviceInfo> before = context.session().info();
+  if (!before) {
+    return context.report().failure(kExitDevice, "The Mirn doesn't answer.");
+  }
+  context.report().text(fileText(file));
+  UpgradeFlow flow(file, before->version, context.session().upgradeFacts());
+  flow.start(context.session().startUpgrade(file.path), Clock::now());
+  Progress progress(context.report());
+  follow(context, flow, progress, options.replug_seconds);
+  return judgeResult(context, flow, options);
+}
+
+}  // namespace
+
+void addUpgradeCommand(CLI::App& app, ChosenCommand& chosen) {
+  CLI::App* command = app.add_subcommand("upgrade", "Send new firmware and judge by the version the device then shows");
+  auto options = std::make_shared<UpgradeOptions>();
+  command->add_option("FILE", options->file, "Intel HEX (.hex, .HEX; checked strictly) or a raw image")->required();
+  command->add_flag("--check", options->check_only, "Only check the file and say what would be sent");
+  command->add_option("--expect", options->expected_version, "Success is exactly this version afterwards");
+  command->add_option("--replug", options->replug_seconds, "Seconds to wait for a device that was unplugged")
+      ->capture_default_str()
+      ->check(CLI::Range(0, 3600));
+  command->callback(
+      [&chosen, options] { chosen = [options](Context& context) { return runUpgrade(context, *options); }; });
+}
+
+}  // namespace mirn
