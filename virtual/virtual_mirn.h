@@ -144,10 +144,10 @@ struct VirtualMirnSettings {
   uint8_t flag = 1;
   std::string version = "1.0.0";        // at most 9 bytes count
   std::string detail = "virtual-mirn";  // at most 40 bytes count
-  VirtualLed led;
+  VirtualLed led{};
   uint16_t vendor_id = g_vid;
   uint16_t product_id = g_pid;
-  std::string serial;                  // "" = the id text
+  std::string serial{};                // "" = the id text
   std::string topology = "virtual-1";  // where it is plugged in; set it differently for each device
 
   // Time from a request to its answer: latency + a part of jitter that differs from answer to answer. The first

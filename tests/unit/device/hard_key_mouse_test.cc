@@ -1,0 +1,529 @@
+// Each command of the device: its bytes, its time-out, what the device makes of it, and its result.
+#include "device/hard_key_mouse.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "tests/unit/device/scripted_hid.h"
+#include "tests/unit/device/wire_fixture.h"
+
+namespace mirn {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
+using Bytes = std::vector<uint8_t>;
+using namespace std::chrono_literals;
+
+// ---- against a script: exact bytes and calls ----
+
+class ScriptedDevice : public ::testing::Test {
+ protected:
+  ScriptedDevice() {
+    settleDecoder();
+    hid_.present = {{g_vid, g_pid}};
+    // version "1.0.0", detail "d"
+    hid_.answer(frame(1, {'1', '.', '0', '.', '0', 0, 0, 0, 0, 0, 'd', 0}));
+    device_ = makeRef<OpenHardKeyMouse>(g_vid, g_pid);
+    greeting_ = hid_.writes.at(0);
+    hid_.writes.clear();
+    hid_.read_timeouts.clear();
+  }
+
+  // Written by hand for answers without AA and CC in them.
+  static Bytes frame(uint8_t command, const Bytes& payload) {
+    const auto length = static_cast<uint8_t>(payload.size() + 6);
+    uint16_t sum = static_cast<uint16_t>(command + 0xBB);
+    for (const uint8_t byte : payload) {
+      sum = static_cast<uint16_t>(sum + byte);
+    }
+    Bytes bytes{0xAA, length, 0, 0, 1, static_cast<uint8_t>(sum), static_cast<uint8_t>(sum >> 8), command};
+    bytes.insert(bytes.end(), payload.begin(), payload.end());
+    bytes.push_back(0xBB);
+    return bytes;
+  }
+
+  void answer(const Bytes& payload) { hid_.answer(frame(1, payload)); }
+
+  ScopedVirtualClock clock_;
+  ScriptedHid hid_;
+  Bytes greeting_;
+  CRefObj<OpenHardKeyMouse> device_;
+};
+
+TEST_F(ScriptedDevice, GreetsOnConstructionWithFrameIndex256) {
+  EXPECT_THAT(greeting_, ElementsAre(0, 0xAA, 0x06, 0x00, 0x00, 0x01, 0xBC, 0x00, 0x01, 0xBB));
+  EXPECT_EQ(device_->version_text(), "1.0.0");
+  EXPECT_EQ(device_->detail_text(), "d");
+  EXPECT_EQ(device_->topology(), "9-9");
+  EXPECT_TRUE(device_->device_opened());
+}
+
+TEST_F(ScriptedDevice, TheGreetingWaitsTwoSeconds) {
+  EXPECT_EQ(device_->shake_hand(), -1);
+  EXPECT_THAT(hid_.read_timeouts, ElementsAre(2000));
+  EXPECT_EQ(device_->version_text(), "1.0.0") << "a failed greeting changes nothing";
+}
+
+TEST_F(ScriptedDevice, AnEmptyGreetingAnswerGivesEmptyTexts) {
+  answer({});
+  EXPECT_EQ(device_->shake_hand(), 0);
+  EXPECT_EQ(device_->version_text(), "");
+  EXPECT_EQ(device_->detail_text(), "");
+}
+
+TEST_F(ScriptedDevice, AVersionWithoutItsNulRunsOnToTheNextOne) {
+  answer({'1', '2', '3', '4', '5', '6', '7', '8', '9', '0', 'x', 'y'});
+  EXPECT_EQ(device_->shake_hand(), 0);
+  EXPECT_EQ(device_->version_text(), "1234567890xy");
+  EXPECT_EQ(device_->detail_text(), "xy");
+}
+
+TEST_F(ScriptedDevice, AnAbsoluteMove) {
+  answer({0});
+  EXPECT_EQ(device_->send_abs_mouse({.type = 1, .x = 0x0102, .y = 0x0304, .left = 1, .wheel = -1}), 0);
+  ASSERT_EQ(hid_.writes.size(), 1U);
+  // length 14; checksum 2 + 2 + 1 + 4 + 3 + 1 + FF + BB = 0x1C7
+  EXPECT_THAT(hid_.writes[0], ElementsAre(0, 0xAA, 0x0E, 0x00, 0x00, 0x01, 0xC7, 0x01, 0x02, 0x02, 0x01, 0x04, 0x03, 1,
+                                          0, 0, 0xFF, 0xBB));
+  EXPECT_THAT(hid_.read_timeouts, ElementsAre(50));
+}
+
+TEST_F(ScriptedDevice, AKeyboardRecord) {
+  answer({0});
+  EXPECT_EQ(device_->send_keyboard({.keys = {4}, .modifiers = 2}), 0);
+  // length 13; checksum 3 + 2 + 4 + BB = 0xC4
+  EXPECT_THAT(hid_.writes,
+              ElementsAre(ElementsAre(0, 0xAA, 0x0D, 0x00, 0x00, 0x01, 0xC4, 0x00, 0x03, 2, 4, 0, 0, 0, 0, 0, 0xBB)));
+  EXPECT_THAT(hid_.read_timeouts, ElementsAre(200));
+}
+
+TEST_F(ScriptedDevice, TheTimeOutsOfTheOtherCommands) {
+  vx_led_status_def led;
+  _get_dev_info_reply reply;
+  std::string version;
+  upgrade_args_ex_type chunk;
+  chunk.total = 2;
+  device_->send_rla_mouse({});
+  device_->set_vx_led_status(led);
+  device_->set_led_status(1);
+  device_->get_vx_led_status(&led);
+  device_->get_led_status();
+  device_->new_firmware_handshake({});
+  device_->upgrade_firmware(chunk);
+  device_->get_dev_info(&reply, &version);
+  device_->send_set_dev_info("x");
+  EXPECT_THAT(hid_.read_timeouts, ElementsAre(50, 200, 500, 2000, 500, 1000, 10000, 50, 500));
+  EXPECT_THAT(hid_.read_lengths, ::testing::Each(65U));
+}
+
+TEST_F(ScriptedDevice, ARawMouseReportIsNotFramedAndReadsNothing) {
+  EXPECT_EQ(device_->send_new_mouse_logic_abs_mouse({.type = 2, .x = 258, .y = 3, .wheel = 1}), 0);
+  EXPECT_THAT(hid_.writes, ElementsAre(ElementsAre(0, 0x01, 1, 1, 2, 1, 3, 0)));
+  EXPECT_TRUE(hid_.read_timeouts.empty());
+}
+
+TEST_F(ScriptedDevice, ARawMouseReportFailsWithItsWrite) {
+  hid_.write_results = {-1};
+  EXPECT_EQ(device_->send_new_mouse_logic_abs_mouse({.type = 1}), -1);
+}
+
+TEST_F(ScriptedDevice, TheRawButtonMaskFollowsTheEventTypes) {
+  const auto mask = [&](uint8_t type) {
+    device_->send_new_mouse_logic_abs_mouse({.type = type});
+    return hid_.writes.back().at(2);
+  };
+  EXPECT_EQ(mask(kMouseMove), 0) << "starts with nothing held";
+  EXPECT_EQ(mask(kMouseLeftDown), 1);
+  EXPECT_EQ(mask(kMouseMove), 1) << "a move repeats what is held";
+  EXPECT_EQ(mask(kMouseRightDown), 2);
+  EXPECT_EQ(mask(kMouseMove), 2);
+  EXPECT_EQ(mask(kMouseMiddleDown), 4);
+  EXPECT_EQ(mask(kMouseMove), 4);
+  for (const uint8_t releasing : {0, 3, 4, 6, 7, 9, 10, 11, 14, 200}) {
+    EXPECT_EQ(mask(kMouseLeftDown), 1);
+    EXPECT_EQ(mask(releasing), 0) << int{releasing};
+    EXPECT_EQ(mask(kMouseMove), 0) << int{releasing};
+  }
+}
+
+TEST_F(ScriptedDevice, AFailedRawReportStillChangesTheHeldButtons) {
+  hid_.write_results = {-1};
+  EXPECT_EQ(device_->send_new_mouse_logic_abs_mouse({.type = kMouseLeftDown}), -1);
+  device_->send_new_mouse_logic_abs_mouse({.type = kMouseMove});
+  EXPECT_EQ(hid_.writes.back().at(2), 1);
+}
+
+TEST_F(ScriptedDevice, AChunkOfEscapesGoesOutWhole) {
+  upgrade_args_ex_type chunk;
+  std::memset(chunk.data, 0xCC, sizeof(chunk.data));
+  chunk.id = 0xAAAA;
+  chunk.total = 0xCCCC;
+  answer({0});
+  EXPECT_EQ(device_->upgrade_firmware(chunk), 0);
+  const Bytes& report = hid_.writes.at(0);
+  EXPECT_EQ(report.size(), 1 + 9 + 2 * kFirmwarePayloadBytes);
+  EXPECT_EQ(report.back(), 0xBB);
+  EXPECT_EQ(report[1], 0xAA);
+  for (size_t i = 9; i + 1 < report.size(); i += 2) {
+    ASSERT_EQ(report[i], 0xCC) << i;
+  }
+}
+
+TEST_F(ScriptedDevice, AWriteErrorFailsAtOnceWithoutReading) {
+  hid_.write_results = {-1};
+  EXPECT_EQ(device_->send_keyboard({}), -1);
+  EXPECT_TRUE(hid_.read_timeouts.empty());
+}
+
+TEST_F(ScriptedDevice, AShortWriteCountsAsWritten) {
+  hid_.write_results = {5};
+  answer({0});
+  EXPECT_EQ(device_->send_keyboard({}), 0);
+}
+
+TEST_F(ScriptedDevice, AReadErrorFails) {
+  hid_.reads = {{-1, frame(1, {0})}};
+  EXPECT_EQ(device_->send_keyboard({}), -1) << "what stands in the buffer of a failed read is not looked at";
+}
+
+TEST_F(ScriptedDevice, TheFirst64BytesCountWhateverTheReadReturned) {
+  hid_.reads = {{1, frame(1, {0})}};
+  EXPECT_EQ(device_->send_keyboard({}), 0);
+  // a frame that reaches into byte 65 is not complete
+  Bytes late(60, 0);
+  const Bytes answer = frame(1, {});
+  ASSERT_EQ(answer.size(), 9U);
+  late.insert(late.end(), answer.begin(), answer.end());
+  late.resize(65);
+  hid_.reads = {{65, late}};
+  EXPECT_EQ(device_->send_keyboard({}), -1);
+}
+
+TEST_F(ScriptedDevice, CommandAndIndexOfTheAnswerAreNotCompared) {
+  Bytes strange = frame(0x55, {0});
+  strange[3] = 9;  // the index is in no checksum
+  hid_.answer(strange);
+  EXPECT_EQ(device_->send_keyboard({}), 0);
+}
+
+TEST_F(ScriptedDevice, AnEmptyAnswerIsOk) {
+  answer({});
+  EXPECT_EQ(device_->send_keyboard({}), 0);
+  answer({});
+  EXPECT_EQ(device_->get_led_status(), 0);
+}
+
+TEST_F(ScriptedDevice, LedOperationsReturnTheFirstByteWhateverItIs) {
+  answer({0xFF});
+  EXPECT_EQ(device_->get_led_status(), 255);
+  answer({7, 1, 2});
+  EXPECT_EQ(device_->set_led_status(3), 7);
+  EXPECT_EQ(hid_.writes.back().at(9), 3);
+  EXPECT_EQ(device_->get_led_status(), -1);
+  EXPECT_EQ(device_->set_led_status(3), -1);
+}
+
+TEST_F(ScriptedDevice, LedStatusWithAMissingParameterReadsZero) {
+  vx_led_status_def led{.status = 9, .param = 9};
+  answer({5});
+  EXPECT_EQ(device_->get_vx_led_status(&led), 0);
+  EXPECT_EQ(led.status, 5U);
+  EXPECT_EQ(led.param, 0);
+  answer({5, 0x34, 0x12});
+  EXPECT_EQ(device_->get_vx_led_status(&led), 0);
+  EXPECT_EQ(led.param, 0x1234);
+}
+
+TEST_F(ScriptedDevice, AShortInformationAnswerIsFilledWithZeros) {
+  _get_dev_info_reply reply;
+  std::memset(&reply, 0x5E, sizeof(reply));
+  std::string version;
+  answer({'h', 'i'});
+  EXPECT_EQ(device_->get_dev_info(&reply, &version), 0);
+  EXPECT_STREQ(reply.info_text, "hi");
+  EXPECT_EQ(reply.flag, 0);
+  EXPECT_EQ(version, "1.0.0");
+}
+
+TEST_F(ScriptedDevice, AnAnswerThatDoesNotFitOneReportComesPieceByPiece) {
+  // 3 reports full of one frame: the exchange that brings its end gets it
+  Bytes whole = frame(1, Bytes(110, 3));
+  ASSERT_EQ(whole.size(), 119U);
+  hid_.answer({whole.begin(), whole.begin() + 64});
+  EXPECT_EQ(device_->get_led_status(), -1);
+  hid_.answer({whole.begin() + 64, whole.end()});
+  EXPECT_EQ(device_->get_led_status(), 3);
+}
+
+TEST_F(ScriptedDevice, ManyFramesInEachReportNeverBreakAnything) {
+  Bytes crowded;
+  for (int i = 0; i < 6; ++i) {
+    const Bytes one = frame(1, {9});
+    crowded.insert(crowded.end(), one.begin(), one.end());
+  }
+  crowded.resize(64);
+  for (int i = 0; i < 1000; ++i) {
+    hid_.answer(crowded);
+    const int status = device_->get_led_status();
+    ASSERT_TRUE(status == 9 || status == -1) << status;
+  }
+}
+
+TEST_F(ScriptedDevice, APayloadThatNoCommandHasIsRefused) {
+  OpenHardKeyMouse::Answer answer;
+  const Bytes large(kMaxRequestPayloadBytes + 1);
+  EXPECT_EQ(device_->_send_msg_to_hid(DeviceCommand::kFirmware, large, 10, &answer), -1);
+  EXPECT_EQ(device_->_send_msg_to_hid(DeviceCommand::kRawMouse, large, 10, nullptr), -1);
+  EXPECT_TRUE(hid_.writes.empty());
+}
+
+TEST_F(ScriptedDevice, ThePackIndexRunsFrom256To65535AndNoCommandMovesIt) {
+  EXPECT_EQ(device_->pack_index, 256);
+  device_->send_keyboard({});
+  EXPECT_EQ(device_->pack_index, 256);
+  device_->_inc_pack_index();
+  EXPECT_EQ(device_->pack_index, 257);
+  device_->pack_index = 65535;
+  device_->_inc_pack_index();
+  EXPECT_EQ(device_->pack_index, 256);
+}
+
+TEST_F(ScriptedDevice, ATextOfMoreThanTwentyBytesIsRefusedAndNothingIsSent) {
+  EXPECT_EQ(device_->send_set_dev_info("123456789012345678901"), -1);
+  EXPECT_TRUE(hid_.writes.empty());
+  answer({0});
+  EXPECT_EQ(device_->send_set_dev_info("12345678901234567890"), 0);
+  EXPECT_EQ(hid_.writes.at(0).size(), 1 + 9 + 20U);
+}
+
+TEST(HardKeyMouseAlone, WithoutADeviceEverythingFailsAtOnce) {
+  settleDecoder();
+  const ScopedVirtualClock clock;
+  const ScriptedHid hid;
+  const auto device = makeRef<OpenHardKeyMouse>(g_vid, g_pid);
+  vx_led_status_def led;
+  _get_dev_info_reply reply;
+  std::string version = "x";
+  upgrade_args_ex_type chunk;
+  chunk.total = 2;
+  EXPECT_FALSE(device->device_opened());
+  EXPECT_EQ(device->topology(), "");
+  EXPECT_EQ(device->shake_hand(), -1);
+  EXPECT_EQ(device->send_abs_mouse({}), -1);
+  EXPECT_EQ(device->send_keyboard({}), -1);
+  EXPECT_EQ(device->send_rla_mouse({.x = 1000}), -1);
+  EXPECT_EQ(device->send_new_mouse_logic_abs_mouse({}), -1);
+  EXPECT_EQ(device->set_vx_led_status(led), -1);
+  EXPECT_EQ(device->get_vx_led_status(&led), -1);
+  EXPECT_EQ(device->set_led_status(1), -1);
+  EXPECT_EQ(device->get_led_status(), -1);
+  EXPECT_EQ(device->new_firmware_handshake({}), -1);
+  EXPECT_EQ(device->upgrade_firmware(chunk), -1);
+  EXPECT_EQ(device->get_dev_info(&reply, &version), -1);
+  EXPECT_EQ(device->send_set_dev_info("x"), -1);
+  EXPECT_EQ(device->version_text(), "");
+  EXPECT_EQ(hid.writes.size(), 0U);
+}
+
+TEST(HardKeyMouseAlone, IsReferenceCounted) {
+  settleDecoder();
+  ScriptedHid hid;
+  hid.present = {{g_vid, g_pid}};
+  auto* const device = new hard_key_mouse(g_vid, g_pid);
+  EXPECT_EQ(device->AddRef(), 1);
+  EXPECT_EQ(device->AddRef(), 2);
+  EXPECT_EQ(device->Release(), 1);
+  EXPECT_EQ(hid.closes, 0);
+  EXPECT_EQ(device->Release(), 0);
+  EXPECT_EQ(hid.closes, 1);
+}
+
+// ---- against the virtual Mirn: what the device makes of it ----
+
+class HardKeyMouse : public WireTest {};
+
+TEST_F(HardKeyMouse, ShakesHandsAndKeepsTheTexts) {
+  EXPECT_EQ(device().version_text(), "1.0.0");
+  EXPECT_EQ(device().detail_text(), "virtual-mirn");
+  EXPECT_EQ(device().topology(), "virtual-1");
+}
+
+TEST_F(HardKeyMouse, AbsoluteMoveReachesTheTarget) {
+  EXPECT_EQ(device().send_abs_mouse({.type = 1, .x = 32767, .y = 12345, .left = 1, .middle = 1, .wheel = 1}), 0);
+  const VirtualInputState input = mirn_->input();
+  EXPECT_EQ(input.x, 32767);
+  EXPECT_EQ(input.y, 12345);
+  EXPECT_EQ(input.buttons, 5);
+  EXPECT_EQ(input.wheel, 1);
+}
+
+TEST_F(HardKeyMouse, KeyboardReachesTheTarget) {
+  EXPECT_EQ(device().send_keyboard({.keys = {4, 0xAA, 0xCC, 0xBB}, .modifiers = 0xAA}), 0);
+  EXPECT_EQ(mirn_->input().modifiers, 0xAA);
+  EXPECT_THAT(mirn_->input().keys, ElementsAre(4, 0xAA, 0xCC, 0xBB, 0, 0));
+}
+
+std::vector<std::pair<int, int>> steps(const std::vector<VirtualRecord>& records) {
+  std::vector<std::pair<int, int>> steps;
+  for (const VirtualRecord& record : records) {
+    const auto& mouse = std::get<VirtualMouse>(record);
+    EXPECT_TRUE(mouse.relative);
+    steps.emplace_back(mouse.x, mouse.y);
+  }
+  return steps;
+}
+
+TEST_F(HardKeyMouse, ARelativeMoveGoesInStepsOf127AndARemainder) {
+  EXPECT_EQ(device().send_rla_mouse({.x = 300, .y = -20}), 0);
+  EXPECT_THAT(steps(records()), ElementsAre(std::pair(127, 0), std::pair(127, 0), std::pair(46, -20)));
+}
+
+TEST_F(HardKeyMouse, ARelativeMoveOfNothingSendsOneReport) {
+  EXPECT_EQ(device().send_rla_mouse({}), 0);
+  EXPECT_THAT(steps(records()), ElementsAre(std::pair(0, 0)));
+}
+
+TEST_F(HardKeyMouse, ARelativeMoveOfWholeStepsEndsWithAnEmptyRemainder) {
+  EXPECT_EQ(device().send_rla_mouse({.x = -254, .y = 127}), 0);
+  EXPECT_THAT(steps(records()), ElementsAre(std::pair(-127, 127), std::pair(-127, 0), std::pair(0, 0)));
+}
+
+TEST_F(HardKeyMouse, TheLargestRelativeMovesArriveWhole) {
+  for (const int delta : {32767, -32768}) {
+    mirn_->clearReceived();
+    EXPECT_EQ(device().send_rla_mouse({.x = static_cast<int16_t>(delta), .y = 1}), 0);
+    int sum_x = 0;
+    int sum_y = 0;
+    for (const auto& [x, y] : steps(records())) {
+      EXPECT_LE(std::abs(x), 127);
+      sum_x += x;
+      sum_y += y;
+    }
+    EXPECT_EQ(sum_x, delta);
+    EXPECT_EQ(sum_y, 1);
+  }
+}
+
+TEST_F(HardKeyMouse, EveryRelativeStepRepeatsButtonsAndWheel) {
+  EXPECT_EQ(device().send_rla_mouse({.x = 200, .left = 1, .right = 1, .wheel = -1}), 0);
+  ASSERT_EQ(records().size(), 2U);
+  for (const VirtualRecord& record : records()) {
+    const auto& mouse = std::get<VirtualMouse>(record);
+    EXPECT_EQ(mouse.left, 1);
+    EXPECT_EQ(mouse.right, 1);
+    EXPECT_EQ(mouse.wheel, -1);
+  }
+}
+
+TEST_F(HardKeyMouse, RelativeStepsAreThreeMillisecondsApart) {
+  mirn_->setLatency(0ns, 0ns);
+  while (mirn_->counters().answers < mirn_->settings().warm_up_answers) {
+    device().get_led_status();
+  }
+  const auto start = clock().now();
+  EXPECT_EQ(device().send_rla_mouse({.x = 127 * 10}), 0);
+  EXPECT_EQ(elapsed(start), 30ms);
+}
+
+TEST_F(HardKeyMouse, AFailingRelativeStepEndsTheMove) {
+  faults("refuse@2");
+  EXPECT_EQ(device().send_rla_mouse({.x = 1000}), -1);
+  EXPECT_EQ(records().size(), 2U);
+}
+
+TEST_F(HardKeyMouse, ARawReportReachesTheTarget) {
+  EXPECT_EQ(device().send_new_mouse_logic_abs_mouse({.type = kMouseRightDown, .x = 0x00AA, .y = 0x00CC}), 0);
+  EXPECT_EQ(mirn_->input().x, 0xAA);
+  EXPECT_EQ(mirn_->input().y, 0xCC);
+  EXPECT_EQ(mirn_->input().buttons, 2);
+  EXPECT_THAT(records(), ElementsAre(VirtualRecord(VirtualRawMouse{2, 0, 0xAA, 0xCC})));
+}
+
+TEST_F(HardKeyMouse, LedStatusIsSetAndReadBack) {
+  EXPECT_EQ(device().set_vx_led_status({.status = 0x1102, .param = 0xABCD}), 0);
+  EXPECT_EQ(mirn_->led(), (VirtualLed{2, 0xABCD}));
+  vx_led_status_def led;
+  EXPECT_EQ(device().get_vx_led_status(&led), 0);
+  EXPECT_EQ(led.status, 2U);
+  EXPECT_EQ(led.param, 0xABCD);
+  EXPECT_EQ(device().set_led_status(9), 0);
+  EXPECT_EQ(device().get_led_status(), 9);
+  EXPECT_EQ(mirn_->led(), (VirtualLed{9, 0xABCD}));
+}
+
+TEST_F(HardKeyMouse, DeviceInformationIsReadAndTheNameIsSet) {
+  _get_dev_info_reply reply;
+  std::string version;
+  ASSERT_EQ(device().get_dev_info(&reply, &version), 0);
+  EXPECT_STREQ(reply.info_text, "Nuvra Mirn");
+  EXPECT_EQ(std::string(reply.id_text, sizeof(reply.id_text)), "VM0000000001");
+  EXPECT_EQ(reply.flag, 1);
+  EXPECT_EQ(version, "1.0.0");
+
+  ASSERT_EQ(device().send_set_dev_info("12345678901234567890"), 0);
+  EXPECT_EQ(mirn_->name(), "12345678901234567890");
+  ASSERT_EQ(device().get_dev_info(&reply, &version), 0);
+  EXPECT_EQ(std::string(reply.info_text, sizeof(reply.info_text)), "12345678901234567890");
+  ASSERT_EQ(device().send_set_dev_info(""), 0);
+  EXPECT_EQ(mirn_->name(), "");
+}
+
+TEST_F(HardKeyMouse, FirmwareIsTakenChunkByChunk) {
+  EXPECT_EQ(device().new_firmware_handshake({}), 0);
+  EXPECT_TRUE(mirn_->firmware().greeted);
+  std::vector<uint8_t> image;
+  upgrade_args_ex_type chunk;
+  chunk.total = 3;
+  for (chunk.id = 0; chunk.id < chunk.total; ++chunk.id) {
+    std::memset(chunk.data, 0xCC - chunk.id * 0x11, sizeof(chunk.data));
+    image.insert(image.end(), std::begin(chunk.data), std::end(chunk.data));
+    EXPECT_EQ(device().upgrade_firmware(chunk), 0);
+  }
+  EXPECT_EQ(mirn_->firmware().completed, 1U);
+  EXPECT_EQ(mirn_->firmware().image, image);
+  EXPECT_EQ(device().version_text(), "1.0.0") << "known since the last handshake";
+  EXPECT_EQ(device().shake_hand(), 0);
+  EXPECT_EQ(device().version_text(), "1.0.1");
+}
+
+TEST_F(HardKeyMouse, ARefusedGreetingFails) {
+  faults("refuse@1");
+  EXPECT_EQ(device().new_firmware_handshake({}), -1);
+  EXPECT_EQ(device().new_firmware_handshake({}), 0);
+}
+
+TEST_F(HardKeyMouse, AFailedChunkFailsUnlessItIsTheLast) {
+  upgrade_args_ex_type chunk;
+  chunk.total = 40;
+  chunk.id = 38;
+  EXPECT_EQ(device().upgrade_firmware(chunk), -1) << "the device refuses a chunk out of order";
+  chunk.id = 39;
+  EXPECT_EQ(device().upgrade_firmware(chunk), 0) << "refused, and yet a success: it is the last";
+  EXPECT_EQ(mirn_->firmware().rejected_chunks, 2U);
+  faults("lose@*");
+  EXPECT_EQ(device().upgrade_firmware(chunk), 0) << "so is one without an answer";
+}
+
+TEST_F(HardKeyMouse, TheLastChunkRuleFollowsAWrappedTotal) {
+  faults("refuse@*");
+  upgrade_args_ex_type chunk;
+  chunk.total = 1;  // 65,537 chunks, as they travel
+  chunk.id = 0;
+  EXPECT_EQ(device().upgrade_firmware(chunk), 0);
+  chunk.id = 40000;
+  EXPECT_EQ(device().upgrade_firmware(chunk), 0);
+  chunk.total = 65535;
+  chunk.id = 65533;
+  EXPECT_EQ(device().upgrade_firmware(chunk), -1);
+  chunk.id = 65535;  // id + 1 does not wrap to 0
+  EXPECT_EQ(device().upgrade_firmware(chunk), 0);
+  chunk.total = 0;
+  chunk.id = 0;
+  EXPECT_EQ(device().upgrade_firmware(chunk), 0);
+}
+
+}  // namespace
+}  // namespace mirn
