@@ -25,7 +25,9 @@ Context::Context(const GlobalOptions& options, int descriptor) : options_(option
 Context::~Context() {
   session_.reset();
   // The last key and pointer events are on their way until here; commands wait for their answers.
-  hostReleaseProxy();
+  if (!leave_device_alone_) {
+    hostReleaseProxy();
+  }
 }
 
 std::optional<int> Context::prepare() {

@@ -35,6 +35,8 @@ class Context {
   // Installs the virtual device when it is asked for; an exit status otherwise.
   std::optional<int> prepare();
   Session& session();
+  // The connection to the device stays as it is when this object goes; else it is closed, which lets go of held keys.
+  void leaveDeviceAlone() { leave_device_alone_ = true; }
 
   // The device is there and its keyboard interface answers; else the exit status, with everything said.
   std::optional<int> needKeyboard();
@@ -51,6 +53,7 @@ class Context {
   Report report_;
   std::unique_ptr<VirtualWorld> world_;
   std::unique_ptr<Session> session_;
+  bool leave_device_alone_ = false;
 };
 
 }  // namespace mirn

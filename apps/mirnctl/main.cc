@@ -1,5 +1,6 @@
 // mirnctl: the Mirn for scripts.
 #include <clocale>
+#include <optional>
 #include <sstream>
 #include <string>
 
@@ -89,6 +90,11 @@ int run(int argc, char** argv, int output) {
     }
     return Report(output, options.json).failure(kExitUsage, message + " (see mirnctl --help)");
   }
+  // Raw messages find the environment as it is.
+  std::optional<PrivateTempDir> temporary;
+  if (!app.got_subcommand("channel")) {
+    temporary.emplace();
+  }
   options.use_virtual = options.use_virtual || namesVirtualOption(app);
   Context context(options, output);
   if (auto trouble = context.prepare()) {
@@ -102,7 +108,6 @@ int run(int argc, char** argv, int output) {
 
 int main(int argc, char** argv) {
   std::setlocale(LC_CTYPE, "");
-  mirn::PrivateTempDir temporary;
   int output = mirn::reserveStandardOutput();
   return mirn::run(argc, argv, output);
 }

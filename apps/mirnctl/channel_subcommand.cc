@@ -1,0 +1,33 @@
+#include <unistd.h>
+
+#include <memory>
+#include <string>
+
+#include "apps/mirnctl/channel_command.h"
+#include "apps/mirnctl/commands.h"
+#include "plugin/registration.h"
+
+namespace mirn {
+
+void addChannelCommand(CLI::App& app, ChosenCommand& chosen) {
+  CLI::App* command = app.add_subcommand(
+      "channel", "Speak raw channel messages: a line of hex in, a line of hex, no-reply or not-implemented out");
+  auto plugin = std::make_shared<std::string>("main");
+  command->add_option("--plugin", *plugin, "Which plug-in serves the channel: main or second")
+      ->check(CLI::IsMember({"main", "second"}));
+  command->callback([&chosen, plugin] {
+    chosen = [plugin](Context& context) {
+      // As an application that just ends: nothing is sent to the device on the way out.
+      context.leaveDeviceAlone();
+      Engine engine;
+      if (*plugin == "second") {
+        registerFlutterMirnPlugin(engine.makeRegistrar());
+      } else {
+        registerFlutterMirnPluginCApi(engine.makeRegistrar());
+      }
+      return runChannel(engine, STDIN_FILENO, context.report().descriptor());
+    };
+  });
+}
+
+}  // namespace mirn
