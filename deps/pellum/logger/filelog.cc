@@ -1,5 +1,9 @@
 #include "deps/pellum/logger/filelog.h"
 
+#include <unistd.h>
+
+#include <cerrno>
+
 #include "deps/pellum/base_assert.h"
 #include "deps/pellum/logger/filelog_line.h"
 
@@ -64,49 +68,63 @@ int filelog::write_log(int level, const char* format, ...) {
   if (style_ == by_hour) {
     write_file_with_hour({line, length});
   } else {
-    write_file_with_fixedsize(appendLine({line, length}));
+    append({line, length});
   }
   return 1;
 }
 
-filelog::FlushDuty filelog::appendLine(std::string_view line) {
-  CMutexLockGuard lock(buffer_lock_);
+bool filelog::mayLeaveToFlusher(size_t waiting_bytes) const {
+  return write_failures_ > kFailuresToGiveUp ||
+         (flushing_ && !relief_wanted_ && waiting_bytes < kWaitingBytesToQueueUp);
+}
+
+void filelog::append(std::string_view line) {
+  buffer_lock_.LockBriefly();
   std::string& buffer = buffers_[1 - fill_index_];
   if (buffer.size() + line.size() < buffer_limit_) {
     buffer.append(line);
   }
-  if (write_failures_ > kFailuresToGiveUp || (flushing_ && !relief_wanted_ && buffer.size() < kWaitingBytesToQueueUp)) {
-    return {};
+  if (mayLeaveToFlusher(buffer.size())) {
+    buffer_lock_.Unlock();
+    return;
   }
   flushing_ = true;
   relief_wanted_ = false;
-  return {true, ++ticket_};
+  const uint64_t ticket = ++ticket_;
+  std::string* batch = nullptr;
+  // File lock before buffer lock: here it may only be tried. With nobody else about, that saves a round of locking.
+  if (file_lock_.TryLock()) {
+    batch = selectBuffer();
+    buffer_lock_.Unlock();
+  } else {
+    buffer_lock_.Unlock();
+    file_lock_.Lock();
+    batch = nextBatch(ticket, 0, false);
+  }
+  write_file_with_fixedsize(ticket, batch);
+  file_lock_.Unlock();
 }
 
-void filelog::write_file_with_fixedsize(const FlushDuty& duty) {
-  if (!duty.mine) {
-    return;
-  }
-  CMutexLockGuard file(file_lock_);
-  bool written = false;
-  int rounds = 0;
-  while (std::string* batch = nextBatch(duty, rounds++, written)) {
-    written = writeBatch(*batch);
+void filelog::write_file_with_fixedsize(uint64_t ticket, std::string* batch) {
+  for (int rounds = 1; batch; ++rounds) {
+    const bool written = writeBatch(*batch);
+    batch = nextBatch(ticket, rounds, written);
   }
 }
 
 // The end of one round and the start of the next, in one step for all who append. Null: leave.
-std::string* filelog::nextBatch(const FlushDuty& duty, int rounds_done, bool last_one_written) {
-  CMutexLockGuard lock(buffer_lock_);
+std::string* filelog::nextBatch(uint64_t ticket, int rounds_done, bool last_one_written) {
+  std::string* batch = nullptr;
+  buffer_lock_.LockBriefly();
   if (last_one_written) {
     fill_index_ = 1 - fill_index_;
   }
-  if (duty.ticket != ticket_) {
-    return nullptr;  // relieved: the newer one is waiting for the file lock
+  if (ticket == ticket_) {  // else relieved: the newer one is waiting for the file lock
+    batch = write_failures_ > kFailuresToGiveUp ? nullptr : selectBuffer();
+    flushing_ = batch != nullptr;
+    relief_wanted_ = flushing_ && rounds_done >= kRoundsBeforeRelief;
   }
-  std::string* batch = write_failures_ > kFailuresToGiveUp ? nullptr : selectBuffer();
-  flushing_ = batch != nullptr;
-  relief_wanted_ = flushing_ && rounds_done >= kRoundsBeforeRelief;
+  buffer_lock_.Unlock();
   return batch;
 }
 
@@ -118,9 +136,29 @@ std::string* filelog::selectBuffer() {
   return buffers_[fill_index_].empty() ? nullptr : &buffers_[fill_index_];
 }
 
+// The file's end is known, and a positioned write is cheaper than one that takes the kernel's lock on the file
+// position. The stream is only opened and closed.
+bool filelog::writeToFile(std::string_view bytes) {
+  const int descriptor = ::fileno(file_);
+  auto offset = static_cast<off_t>(bytes_written_);
+  while (!bytes.empty()) {
+    const ssize_t written = ::pwrite(descriptor, bytes.data(), bytes.size(), offset);
+    if (written < 0 && errno == EINTR) {
+      continue;
+    }
+    if (written <= 0) {
+      return false;
+    }
+    bytes.remove_prefix(static_cast<size_t>(written));
+    offset += written;
+  }
+  bytes_written_ = static_cast<uint64_t>(offset);
+  return true;
+}
+
 // Returns false when the batch is to be tried again.
 bool filelog::writeBatch(std::string& batch) {
-  if (file_ && fwrite_unlocked(batch.data(), 1, batch.size(), file_) != batch.size()) {
+  if (file_ && !writeToFile(batch)) {
     ++write_failures_;
     closeLocked();
     openLocked(base_name_, style_, false);
@@ -128,7 +166,6 @@ bool filelog::writeBatch(std::string& batch) {
   }
   if (file_) {
     write_failures_ = 0;
-    bytes_written_ += batch.size();
   } else {
     std::fwrite(batch.data(), 1, batch.size(), stdout);
   }
@@ -148,7 +185,7 @@ void filelog::writeRest() {
     if (!batch) {
       return;
     }
-    if (fwrite_unlocked(batch->data(), 1, batch->size(), file_) != batch->size()) {
+    if (!writeToFile(*batch)) {
       ++write_failures_;
       return;
     }

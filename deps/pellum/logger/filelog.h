@@ -65,18 +65,16 @@ class filelog {
  private:
   // Flushing is one thread's duty at a time. A caller that finds it taken leaves its line to that thread, which looks
   // at the buffers once more, under the buffer lock, before it leaves: nothing stays behind when all callers have
-  // returned. A newer ticket relieves the older one.
-  struct FlushDuty {
-    bool mine = false;
-    uint64_t ticket = 0;
-  };
-
-  FlushDuty appendLine(std::string_view line) MIRN_EXCLUDES(buffer_lock_);
-  void write_file_with_fixedsize(const FlushDuty& duty) MIRN_EXCLUDES(file_lock_, buffer_lock_);
-  std::string* nextBatch(const FlushDuty& duty, int rounds_done, bool last_one_written) MIRN_REQUIRES(file_lock_)
+  // returned.
+  void append(std::string_view line) MIRN_EXCLUDES(file_lock_, buffer_lock_);
+  bool mayLeaveToFlusher(size_t waiting_bytes) const MIRN_REQUIRES(buffer_lock_);
+  void write_file_with_fixedsize(uint64_t ticket, std::string* batch) MIRN_REQUIRES(file_lock_)
+      MIRN_EXCLUDES(buffer_lock_);
+  std::string* nextBatch(uint64_t ticket, int rounds_done, bool last_one_written) MIRN_REQUIRES(file_lock_)
       MIRN_EXCLUDES(buffer_lock_);
   std::string* selectBuffer() MIRN_REQUIRES(file_lock_, buffer_lock_);
   bool writeBatch(std::string& batch) MIRN_REQUIRES(file_lock_);
+  bool writeToFile(std::string_view bytes) MIRN_REQUIRES(file_lock_);
   void writeRest() MIRN_REQUIRES(file_lock_) MIRN_EXCLUDES(buffer_lock_);
   void write_file_with_hour(std::string_view line) MIRN_EXCLUDES(file_lock_);
   void current_file_byhour() MIRN_EXCLUDES(file_lock_);
@@ -108,7 +106,7 @@ class filelog {
 
   bool flushing_ MIRN_GUARDED_BY(buffer_lock_) = false;
   bool relief_wanted_ MIRN_GUARDED_BY(buffer_lock_) = false;  // the flusher has done its share
-  uint64_t ticket_ MIRN_GUARDED_BY(buffer_lock_) = 0;         // of the newest flusher
+  uint64_t ticket_ MIRN_GUARDED_BY(buffer_lock_) = 0;         // of the newest flusher; it relieves older ones
 };
 
 // Removes the file in `directory` with the earliest modification time among those whose names contain `part`, if there

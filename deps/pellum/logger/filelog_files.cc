@@ -78,10 +78,6 @@ void delete_earliest_logfile(const char* directory, const char* part, unsigned i
 
 void filelog::openStream(const std::string& path, const char* mode) {
   file_ = std::fopen(path.c_str(), mode);
-  if (file_) {
-    // Batches are buffered already. Without a buffer of its own each batch is one write(2), and flushed.
-    std::setvbuf(file_, nullptr, _IONBF, 0);
-  }
 }
 
 bool filelog::openLocked(const std::string& name, _logstyle style, bool append) {
@@ -145,8 +141,8 @@ void filelog::write_file_with_hour(std::string_view line) {
   current_file_byhour();
   CMutexLockGuard file(file_lock_);
   errno = EBADF;  // what no file means
-  const size_t written = file_ && !line.empty() ? fwrite_unlocked(line.data(), 1, line.size(), file_) : 0;
-  if (written == 0) {
+  const size_t written = file_ && !line.empty() ? std::fwrite(line.data(), 1, line.size(), file_) : 0;
+  if (written == 0 || std::fflush(file_) != 0) {
     std::printf("[filelog] write failed(%d), %s:%s\n", errno, kSourcePath, "write_file_with_hour");
   }
 }

@@ -12,8 +12,8 @@ inline constexpr size_t kMessageBytes = 10240;
 // Room for everything that stands before the message.
 inline constexpr size_t kLineHeadBytes = 96;
 
-// Writes "[thread]\t", the local time with milliseconds, the level's tag and both separators. Returns the bytes
-// written, at most kLineHeadBytes. No terminating NUL.
+// Needs kLineHeadBytes of room. Writes "[thread]\t", the local time with milliseconds, the level's tag and both
+// separators. Returns the bytes written, at most kLineHeadBytes. No terminating NUL.
 size_t formatLineHead(char* out, int level, char separator);
 
 // Formats into kMessageBytes bytes. Returns the length of the text; a null or failing format gives an empty one.
