@@ -131,6 +131,11 @@ class HardKMProxy : public KeyMouseProxy, public CReference {
   // Where the HID interface hangs; "" without a device.
   std::string DeviceTopology();
 
+ protected:
+  // For work of other kinds than the listener knows: it runs in its turn and is not reported.
+  SendThread& send_thread() { return send_thread_; }
+  hard_key_mouse& device() { return device_; }
+
  private:
   void Submit(CRefObj<i_vx_task> task);
   // Sends the held-back move, if there is one, ahead of what follows.

@@ -1,0 +1,186 @@
+// When a proxy goes: what still reaches the device, and what the destructor waits for.
+#include <sched.h>
+
+#include <algorithm>
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/unit/device_proxy/proxy_fixture.h"
+
+namespace mirn {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+
+
+const std::vector<std::string> kReleases{
+    "keys 00 00 00 00 00 00 mod 00",
+    "abs 0 0 lrm 000 wheel 0",  // left, right, middle button up
+    "abs 0 0 lrm 000 wheel 0",
+    "abs 0 0 lrm 000 wheel 0",
+};
+
+class ProxyLifetimeTest : public ProxyTest {
+ protected:
+  // Holds the sending thread in its next keyboard exchange until `go_on`.
+  struct InFlight {
+    Signal reached;
+    Signal go_on;
+    std::atomic<bool> finished{false};
+    std::atomic<int> writes{0};
+  };
+
+  void startWatched(std::function<void(std::span<const uint8_t>)> on_write) {
+    plugIn({});
+    watched_ = std::make_unique<WatchedHid>(std::move(on_write));
+    proxy_ = std::make_unique<TestProxy>(&listener_);
+    proxy_->initKeyMap();
+    seen_ = mirn_->receivedCount();
+  }
+
+  std::vector<std::string> arrivedInAll() const {
+    std::vector<std::string> lines;
+    for (const VirtualReceived& received : mirn_->receivedAfter(seen_)) lines.push_back(describe(received.record));
+    return lines;
+  }
+
+  std::unique_ptr<WatchedHid> watched_;
+};
+
+// Until the thread waits for something: the state behind the name in its stat file is S.
+bool waitUntilAsleep(uint32_t thread) {
+  const auto deadline = std::chrono::steady_clock::now() + kTestPatience;
+  while (std::chrono::steady_clock::now() < deadline) {
+    const std::string stat = readFile("/proc/self/task/" + std::to_string(thread) + "/stat");
+    const size_t name_end = stat.rfind(") ");
+    if (name_end != std::string::npos && stat[name_end + 2] == 'S') return true;
+    sched_yield();
+  }
+  return false;
+}
+
+TEST_F(ProxyLifetimeTest, DestroyingWaitsForTheExchangeInFlightAndDropsEverythingBehindIt) {
+  auto flight = std::make_shared<InFlight>();
+  startWatched([flight](std::span<const uint8_t> report) {
+    ++flight->writes;
+    // Report number, head, length (2), index (2), checksum, command.
+    if (report.size() < 8 || flight->reached.isSet() || flight->writes < 2) return;
+    flight->reached.set();
+    EXPECT_TRUE(flight->go_on.wait());
+    flight->finished = true;
+  });
+  proxy_->KeyBoardDown(0, 'A');
+  ASSERT_TRUE(flight->reached.wait());
+  for (int i = 0; i < 1000; ++i) proxy_->KeyBoardUp(0, 0);
+  // Its end tells that the destructor has closed the queue; only then may the exchange go on.
+  proxy_->addTask(new MarkerTask([] { ADD_FAILURE() << "a dropped task ran"; }, [flight] { flight->go_on.set(); }));
+  proxy_.reset();
+  EXPECT_TRUE(flight->finished) << "the destructor did not wait";
+  EXPECT_EQ(flight->writes, 2) << "the greeting and the exchange in flight";
+  EXPECT_THAT(arrivedInAll(), ElementsAre("keys 04 00 00 00 00 00 mod 00"))
+      << "with an exchange in flight none of the releases arrives";
+  EXPECT_THAT(listener_.outcomes(), ElementsAre(Outcome{Outcome::Kind::kKeyboard, 0}))
+      << "dropped tasks are not reported";
+  EXPECT_EQ(VirtualHid::instance().openHandles(), 0u);
+  watched_.reset();
+}
+
+TEST_F(ProxyLifetimeTest, ASilentDeviceHoldsTheDestructorForOneTimeOutOnly) {
+  start();
+  mirn_->setLatency(std::chrono::seconds(20), {});
+  for (int i = 0; i < 50; ++i) proxy_->KeyBoardUp(0, 0);
+  const auto before = clock_.get().now();
+  proxy_.reset();
+  // 200 ms for each keyboard exchange that was taken: far less than all fifty, and no time-out of the dropped ones.
+  const auto exchanges = static_cast<int64_t>(listener_.count());
+  EXPECT_LE(clock_.get().now() - before, std::chrono::milliseconds(200) * (exchanges + 1));
+  EXPECT_EQ(mirn_->receivedCount() - seen_, listener_.count()) << "each exchange begun is reported";
+}
+
+// The sending thread is idle and is the more urgent one on a shared processor, so it takes each record as soon as it is
+// submitted: the kernel lets a normal thread preempt a SCHED_IDLE one at once.
+TEST_F(ProxyLifetimeTest, AnIdleSendingThreadThatGetsTheChanceDeliversTheReleases) {
+  cpu_set_t before;
+  ASSERT_EQ(sched_getaffinity(0, sizeof before, &before), 0);
+  cpu_set_t one;
+  CPU_ZERO(&one);
+  for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
+    if (CPU_ISSET(cpu, &before)) {
+      CPU_SET(cpu, &one);
+      break;
+    }
+  }
+  ASSERT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
+  start();  // its thread inherits the processor and, for now, the policy
+  proxy_->KeyBoardDown(0, 'A');
+  proxy_->KeyBoardDown(0, 17);
+  proxy_->MouseLButtonDown(5, 0);
+  arrived();
+  const sched_param none{};
+  if (sched_setscheduler(0, SCHED_IDLE, &none) != 0) GTEST_SKIP() << "this system does not let a thread step back";
+  ASSERT_TRUE(waitUntilAsleep(proxy_->send_thread().ThreadId()));
+  proxy_.reset();
+  sched_setscheduler(0, SCHED_OTHER, &none);
+  sched_setaffinity(0, sizeof before, &before);
+  EXPECT_EQ(arrivedInAll(), kReleases);
+  EXPECT_EQ(mirn_->input().keys, (std::array<uint8_t, 6>{}));
+  EXPECT_EQ(mirn_->input().modifiers, 0);
+  EXPECT_EQ(mirn_->input().buttons, 0);
+}
+
+TEST_F(ProxyLifetimeTest, WhateverArrivesOfTheReleasesIsAFirstPartOfThem) {
+  for (int round = 0; round < 200; ++round) {
+    start();
+    proxy_->KeyBoardDown(0, 'A');
+    arrived();
+    const size_t heard = listener_.count();
+    proxy_.reset();
+    const std::vector<std::string> last = arrivedInAll();
+    ASSERT_LE(last.size(), kReleases.size());
+    EXPECT_TRUE(std::equal(last.begin(), last.end(), kReleases.begin())) << ::testing::PrintToString(last);
+    EXPECT_THAT(listener_.outcomes(), SizeIs(heard + last.size()));
+  }
+}
+
+TEST_F(ProxyLifetimeTest, ReleasingFirstAndWaitingForTheListenerLeavesNothingHeld) {
+  start();
+  proxy_->KeyBoardDown(0, 'A');
+  proxy_->KeyBoardUp(0, 0);
+  proxy_->drain();
+  proxy_.reset();
+  EXPECT_EQ(mirn_->input().keys, (std::array<uint8_t, 6>{}));
+}
+
+TEST_F(ProxyLifetimeTest, TheHeldMoveGoesAheadOfTheReleasesOrNotAtAll) {
+  for (int round = 0; round < 50; ++round) {
+    start();
+    proxy_->MouseMove(77, 0, false);
+    proxy_.reset();
+    const std::vector<std::string> last = arrivedInAll();
+    if (!last.empty()) {
+      EXPECT_EQ(last.front(), "abs 77 0 lrm 000 wheel 0");
+    }
+  }
+}
+
+TEST_F(ProxyLifetimeTest, ANewProxyStartsWithNothingHeld) {
+  start();
+  proxy_->KeyBoardDown(0, 'A');
+  proxy_->KeyBoardDown(0, 17);
+  proxy_->MouseLButtonDown(0, 0);
+  proxy_->drain();
+  proxy_.reset();
+  proxy_ = std::make_unique<TestProxy>(&listener_);
+  proxy_->initKeyMap();
+  seen_ = mirn_->receivedCount();
+  proxy_->KeyBoardDown(0, 'B');
+  proxy_->MouseWheelUp(1, 0, 0);
+  EXPECT_THAT(arrived(), ElementsAre("keys 05 00 00 00 00 00 mod 00", "abs 1 0 lrm 000 wheel -1"));
+}
+
+}  // namespace
+}  // namespace mirn
