@@ -15,9 +15,13 @@ constexpr uint16_t kSpoiledChecksum = 0x0101;
 constexpr size_t kVersionLimit = 9;
 constexpr size_t kDetailLimit = 40;
 
+bool isRawReport(std::span<const uint8_t> report) {
+  return report.size() == kRawReportBytes && report[0] == kRawReportMark;
+}
+
 // The command that a write begins, for the fault plan: 0 when it can't be told.
 uint8_t commandOf(std::span<const uint8_t> report) {
-  if (report.size() == kRawReportBytes && report[0] == kRawReportMark) {
+  if (isRawReport(report)) {
     return kRawCommand;
   }
   // head, six escaped bytes of length, index and checksum, then the command (which needs no escape)
@@ -145,7 +149,7 @@ void MirnState::apply(const Fault& fault, ExchangeVerdict* verdict) {
 }
 
 void MirnState::takePieces(std::span<const uint8_t> report, Nanoseconds now) {
-  if (!parser_.inFrame() && commandOf(report) == kRawCommand) {
+  if (!parser_.inFrame() && isRawReport(report)) {
     takeRawReport(report, now);
     return;
   }
