@@ -8,6 +8,8 @@
 #include <climits>
 #include <cstring>
 
+#include "platform/bt709_rows.h"
+
 namespace mirn {
 namespace {
 
@@ -16,6 +18,12 @@ const libyuv::YuvConstants* constantsOf(const FrameLayout& layout) {
     return layout.range == YuvRange::kVideo ? &libyuv::kYuvI601Constants : &libyuv::kYuvJPEGConstants;
   }
   return layout.range == YuvRange::kVideo ? &libyuv::kYuvH709Constants : &libyuv::kYuvF709Constants;
+}
+
+// libyuv's x86 rows keep coefficients in a signed byte, too small for the blue of BT.709 in video range: colours come
+// out up to 4 levels wrong. The rows of our own have no such limit.
+bool needsOwnRows(const FrameLayout& layout) {
+  return layout.matrix == YuvMatrix::kBt709 && layout.range == YuvRange::kVideo;
 }
 
 using PackedRow = void (*)(const uint8_t* source, uint8_t* destination, const libyuv::YuvConstants* constants,
@@ -48,15 +56,31 @@ size_t packedLine(const FrameLayout& layout) {
 }
 
 void convertYuyv(const uint8_t* bytes, size_t line, const FrameLayout& layout, uint8_t* pixels, size_t stride) {
+  const auto height = static_cast<size_t>(layout.height);
+  if (needsOwnRows(layout)) {
+    const Bt709Rows& rows = bt709Rows(RowCode::kBest);
+    for (size_t y = 0; y < height; ++y) {
+      rows.yuyv(bytes + y * line, pixels + y * stride, static_cast<size_t>(layout.width));
+    }
+    return;
+  }
   const PackedRow row = packedRow(layout.width);
   const libyuv::YuvConstants* constants = constantsOf(layout);
-  for (int32_t y = 0; y < layout.height; ++y) {
-    row(bytes + static_cast<size_t>(y) * line, pixels + static_cast<size_t>(y) * stride, constants, layout.width);
+  for (size_t y = 0; y < height; ++y) {
+    row(bytes + y * line, pixels + y * stride, constants, layout.width);
   }
 }
 
 void convertNv12(const uint8_t* bytes, size_t line, const FrameLayout& layout, uint8_t* pixels, size_t stride) {
-  const uint8_t* chroma = bytes + line * static_cast<size_t>(layout.height);
+  const auto height = static_cast<size_t>(layout.height);
+  const uint8_t* chroma = bytes + line * height;
+  if (needsOwnRows(layout)) {
+    const Bt709Rows& rows = bt709Rows(RowCode::kBest);
+    for (size_t y = 0; y < height; ++y) {
+      rows.nv12(bytes + y * line, chroma + y / 2 * line, pixels + y * stride, static_cast<size_t>(layout.width));
+    }
+    return;
+  }
   libyuv::NV12ToARGBMatrix(bytes, static_cast<int>(line), chroma, static_cast<int>(line), pixels,
                            static_cast<int>(stride), constantsOf(layout), layout.width, layout.height);
 }
@@ -143,23 +167,32 @@ ConvertResult FrameConverter::convertMjpeg(const uint8_t* bytes, size_t size, co
       return ConvertResult::kUnsupported;
     }
   }
+  if (decodeMjpeg(bytes, size, layout, pixels, stride)) {
+    return ConvertResult::kConverted;
+  }
+  // A decoder that gave up inside a header would read the next picture from there on.
+  tjDestroy(decoder_);
+  decoder_ = nullptr;
+  return ConvertResult::kDamaged;
+}
+
+bool FrameConverter::decodeMjpeg(const uint8_t* bytes, size_t size, const FrameLayout& layout, uint8_t* pixels,
+                                 size_t stride) {
   int width = 0;
   int height = 0;
   int subsampling = 0;
   int colorspace = 0;
   if (tjDecompressHeader3(decoder_, bytes, size, &width, &height, &subsampling, &colorspace) != 0 ||
       width != layout.width || height != layout.height) {
-    return ConvertResult::kDamaged;
+    return false;
   }
   // The scan limit keeps a hostile progressive picture from taking seconds.
   const int flags = TJFLAG_FASTUPSAMPLE | TJFLAG_LIMITSCANS;
   if (tjDecompress2(decoder_, bytes, size, pixels, width, static_cast<int>(stride), height, TJPF_BGRA, flags) == 0) {
-    return ConvertResult::kConverted;
+    return true;
   }
   // Only the first warning of a picture is kept; a fault in front of the filler would have been that one.
-  return tjGetErrorCode(decoder_) == TJERR_WARNING && onlyFillBeforeEnd(tjGetErrorStr2(decoder_))
-             ? ConvertResult::kConverted
-             : ConvertResult::kDamaged;
+  return tjGetErrorCode(decoder_) == TJERR_WARNING && onlyFillBeforeEnd(tjGetErrorStr2(decoder_));
 }
 
 }  // namespace mirn

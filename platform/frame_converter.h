@@ -51,6 +51,7 @@ class FrameConverter {
  private:
   ConvertResult convertMjpeg(const uint8_t* bytes, size_t size, const FrameLayout& layout, uint8_t* pixels,
                              size_t stride);
+  bool decodeMjpeg(const uint8_t* bytes, size_t size, const FrameLayout& layout, uint8_t* pixels, size_t stride);
 
   void* decoder_ = nullptr;  // tjhandle
 };

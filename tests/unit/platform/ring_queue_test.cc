@@ -1,0 +1,39 @@
+#include "platform/ring_queue.h"
+
+#include <gtest/gtest.h>
+
+#include <deque>
+#include <memory>
+#include <random>
+
+namespace mirn {
+namespace {
+
+TEST(RingQueueTest, KeepsTheOrderLikeAPlainQueueThroughGrowthAndWrapping) {
+  RingQueue<int> queue;
+  std::deque<int> model;
+  std::mt19937 random(7);
+  for (int step = 0; step < 20000; ++step) {
+    if (model.empty() || random() % 5 < 3) {
+      queue.push(step);
+      model.push_back(step);
+    } else {
+      ASSERT_EQ(queue.front(), model.front());
+      ASSERT_EQ(queue.pop(), model.front());
+      model.pop_front();
+    }
+    ASSERT_EQ(queue.size(), model.size());
+    ASSERT_EQ(queue.empty(), model.empty());
+  }
+}
+
+TEST(RingQueueTest, APoppedPlaceKeepsNothingAlive) {
+  RingQueue<std::shared_ptr<int>> queue;
+  auto value = std::make_shared<int>(3);
+  queue.push(value);
+  queue.pop();
+  EXPECT_EQ(value.use_count(), 1);
+}
+
+}  // namespace
+}  // namespace mirn
