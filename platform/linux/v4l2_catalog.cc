@@ -51,7 +51,8 @@ V4l2NodeInfo describeNode(udev_device* device) {
     info.product = textOf(udev_device_get_sysattr_value(usb, "product"));
     info.topologyPath = textOf(udev_device_get_sysname(usb));
     serial = textOf(udev_device_get_sysattr_value(usb, "serial"));
-    info.key += "#" + textOf(udev_device_get_sysattr_value(usb, "devnum"));
+    info.key += '#';
+    info.key += textOf(udev_device_get_sysattr_value(usb, "devnum"));
   }
   info.uniqueId = captureUniqueId(sysPath, serial, info.index);
   return info;
