@@ -39,6 +39,20 @@ int reserveStandardOutput() {
   return copy;
 }
 
+int silenceStandardError() {
+  std::fflush(stderr);
+  int copy = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
+  if (copy >= 0 && nowhere >= 0) {
+    dup2(nowhere, STDERR_FILENO);
+    dup2(nowhere, STDOUT_FILENO);
+  }
+  if (nowhere >= 0) {
+    close(nowhere);
+  }
+  return copy;
+}
+
 bool writeAll(int descriptor, const std::string& text) {
   size_t done = 0;
   while (done < text.size()) {

@@ -28,6 +28,10 @@ class PrivateTempDir {
 // The copy, or -1 when there is no standard output. Call once, before any output.
 int reserveStandardOutput();
 
+// Standard error is silent from now on for everything that writes to its descriptor: the library's plain lines would
+// drown the program's own. The copy is the program's own way to it; -1 when there is none.
+int silenceStandardError();
+
 // Writes all bytes; false when the reader is gone or the disk is full.
 bool writeAll(int descriptor, const std::string& text);
 

@@ -36,7 +36,7 @@ VirtualWorld::VirtualWorld(const VirtualOptions& options)
       setup_(options.mismatch && options.devices < 2 ? 2 : options.devices, mirnSettings(options),
              cameraSettings(options)) {}
 
-std::unique_ptr<VirtualWorld> VirtualWorld::create(const VirtualOptions& options, std::string* error) {
+VirtualWorld* VirtualWorld::create(const VirtualOptions& options, std::string* error) {
   FaultPlan plan;
   if (!FaultPlan::parse(options.faults, &plan, error)) {
     return nullptr;
@@ -45,7 +45,12 @@ std::unique_ptr<VirtualWorld> VirtualWorld::create(const VirtualOptions& options
   if (!parseVideoFaults(options.video_faults, &video, error)) {
     return nullptr;
   }
-  std::unique_ptr<VirtualWorld> world(new VirtualWorld(options));
+  static VirtualWorld* world = nullptr;
+  if (world != nullptr) {
+    *error = "There is a virtual device already.";
+    return nullptr;
+  }
+  world = new VirtualWorld(options);
   world->mirn().setFaultPlan(plan);
   world->setup_.camera().setFaults(options.no_signal ? neverAPicture() : video);
   for (size_t index = 0; index < world->setup_.size(); ++index) {
@@ -72,14 +77,14 @@ void VirtualWorld::follow(size_t index) {
   VirtualCaptureDevice& camera = setup_.camera(index);
   VirtualUsbRegistry::Identity identity{device.vendorId(), device.productId()};
   // Plugging is one event for the whole stick, also when a fault plan pulls it in the middle of an exchange.
-  listeners_.push_back(device.addListener([this, index, identity, &camera](const VirtualMirnEvent& event) {
+  device.addListener([this, index, identity, &camera](const VirtualMirnEvent& event) {
     if (event.kind == VirtualMirnEvent::Kind::kPlugged) {
       registry_.arrived(index, identity);
     } else if (event.kind == VirtualMirnEvent::Kind::kUnplugged) {
       camera.unplug();
       registry_.gone(index);
     }
-  }));
+  });
   if (device.plugged()) {
     registry_.arrived(index, identity);
   }
@@ -95,13 +100,6 @@ bool VirtualWorld::install(std::string* error) {
     return false;
   }
   return true;
-}
-
-VirtualWorld::~VirtualWorld() {
-  hostReleaseProxy();
-  for (size_t index = 0; index < listeners_.size(); ++index) {
-    setup_.mirn(index).removeListener(listeners_[index]);
-  }
 }
 
 void VirtualWorld::unplug(size_t index) {

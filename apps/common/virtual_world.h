@@ -3,9 +3,7 @@
 #pragma once
 
 #include <cstddef>
-#include <memory>
 #include <string>
-#include <vector>
 
 #include "apps/common/virtual_usb_registry.h"
 #include "virtual/virtual_setup.h"
@@ -25,12 +23,13 @@ struct VirtualOptions {
   bool version_after_replug = false;
 };
 
-// Bound to the main thread. Make it before the first session of the process and keep it until the end of it.
+// Bound to the main thread. There is at most one in a process, and it lives for ever: the library's manager goes only
+// when the process ends, and until then its monitor and its sending thread reach for what is installed here.
 class VirtualWorld {
  public:
-  // Null with one line in `error` when a fault text isn't understood or the library is in use already.
-  static std::unique_ptr<VirtualWorld> create(const VirtualOptions& options, std::string* error);
-  ~VirtualWorld();
+  // Make it before the first session. Null with one line in `error` when a fault text isn't understood or the library
+  // is in use already.
+  static VirtualWorld* create(const VirtualOptions& options, std::string* error);
   VirtualWorld(const VirtualWorld&) = delete;
   VirtualWorld& operator=(const VirtualWorld&) = delete;
 
@@ -44,13 +43,13 @@ class VirtualWorld {
 
  private:
   explicit VirtualWorld(const VirtualOptions& options);
+  ~VirtualWorld() = default;
   bool install(std::string* error);
   void follow(size_t index);
 
   const VirtualOptions options_;
   VirtualUsbRegistry registry_;
   VirtualSetup setup_;
-  std::vector<uint64_t> listeners_;
 };
 
 }  // namespace mirn

@@ -20,7 +20,7 @@ gboolean plugNow(gpointer world) {
 
 }  // namespace
 
-Context::Context(const GlobalOptions& options, int descriptor) : options_(options), report_(descriptor, options.json) {}
+Context::Context(const GlobalOptions& options, int descriptor, int error_descriptor) : options_(options), report_(descriptor, error_descriptor, options.json) {}
 
 Context::~Context() {
   session_.reset();
@@ -45,10 +45,10 @@ std::optional<int> Context::prepare() {
 
 void Context::scheduleVirtualPlugging() {
   if (options_.pull_after_ms >= 0) {
-    g_timeout_add(static_cast<guint>(options_.pull_after_ms), &pullNow, world_.get());
+    g_timeout_add(static_cast<guint>(options_.pull_after_ms), &pullNow, world_);
   }
   if (options_.plug_after_ms >= 0) {
-    g_timeout_add(static_cast<guint>(options_.plug_after_ms), &plugNow, world_.get());
+    g_timeout_add(static_cast<guint>(options_.plug_after_ms), &plugNow, world_);
   }
 }
 

@@ -16,6 +16,7 @@ namespace mirn {
 struct GlobalOptions {
   bool json = false;
   bool use_virtual = false;
+  bool verbose = false;  // the library's own lines on standard error
   VirtualOptions virtual_options;
   int pull_after_ms = -1;  // the virtual device is unplugged then; -1 = never
   int plug_after_ms = -1;  // and plugged in (again) then
@@ -24,14 +25,14 @@ struct GlobalOptions {
 // Bound to the main thread.
 class Context {
  public:
-  Context(const GlobalOptions& options, int descriptor);
+  Context(const GlobalOptions& options, int descriptor, int error_descriptor);
   ~Context();
   Context(const Context&) = delete;
   Context& operator=(const Context&) = delete;
 
   Report& report() { return report_; }
   const GlobalOptions& options() const { return options_; }
-  VirtualWorld* world() { return world_.get(); }
+  VirtualWorld* world() { return world_; }
   // Installs the virtual device when it is asked for; an exit status otherwise.
   std::optional<int> prepare();
   Session& session();
@@ -51,7 +52,7 @@ class Context {
 
   GlobalOptions options_;
   Report report_;
-  std::unique_ptr<VirtualWorld> world_;
+  VirtualWorld* world_ = nullptr;
   std::unique_ptr<Session> session_;
   bool leave_device_alone_ = false;
 };

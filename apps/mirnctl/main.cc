@@ -1,4 +1,6 @@
 // mirnctl: the Mirn for scripts.
+#include <unistd.h>
+
 #include <clocale>
 #include <optional>
 #include <sstream>
@@ -14,6 +16,7 @@ namespace {
 void addGlobalOptions(CLI::App& app, GlobalOptions& options) {
   app.add_flag("--json", options.json, "One JSON object (or one for each line) instead of text");
   app.add_flag("--virtual", options.use_virtual, "Use a virtual Mirn with a virtual target computer");
+  app.add_flag("--verbose", options.verbose, "Let the library's own lines through to standard error");
   const char* group = "Virtual device (each implies --virtual)";
   VirtualOptions& world = options.virtual_options;
   app.add_option("--virtual-devices", world.devices, "How many there are")->check(CLI::Range(1, 8))->group(group);
@@ -60,6 +63,17 @@ bool namesVirtualOption(const CLI::App& app) {
   return false;
 }
 
+// "channel" is for programs that read the library's lines beside its replies; a sanitizer's report must get through.
+int errorDescriptor(const CLI::App& app, const GlobalOptions& options) {
+#ifdef MIRN_SANITIZED
+  bool silent = false;
+#else
+  bool silent = !options.verbose && !app.got_subcommand("channel");
+#endif
+  int copy = silent ? silenceStandardError() : -1;
+  return copy >= 0 ? copy : STDERR_FILENO;
+}
+
 constexpr const char* kFooter =
     "Exit status: 0 done; 1 the device refused or didn't answer; 2 wrong arguments; 3 not plugged in;\n"
     "4 no permission; 5 busy in another program; 6 no picture; 7 a file or text can't be used;\n"
@@ -88,7 +102,7 @@ int run(int argc, char** argv, int output) {
     for (char& c : message) {
       c = c == '\n' ? ' ' : c;
     }
-    return Report(output, options.json).failure(kExitUsage, message + " (see mirnctl --help)");
+    return Report(output, STDERR_FILENO, options.json).failure(kExitUsage, message + " (see mirnctl --help)");
   }
   // Raw messages find the environment as it is.
   std::optional<PrivateTempDir> temporary;
@@ -96,7 +110,7 @@ int run(int argc, char** argv, int output) {
     temporary.emplace();
   }
   options.use_virtual = options.use_virtual || namesVirtualOption(app);
-  Context context(options, output);
+  Context context(options, output, errorDescriptor(app, options));
   if (auto trouble = context.prepare()) {
     return *trouble;
   }

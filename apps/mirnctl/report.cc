@@ -1,7 +1,5 @@
 #include "apps/mirnctl/report.h"
 
-#include <cstdio>
-
 #include "apps/common/program_start.h"
 #include "apps/common/utf8.h"
 
@@ -24,7 +22,7 @@ int Report::success(const std::string& text, const Json& fields) {
     written = writeAll(descriptor_, text);
   }
   if (!written) {
-    std::fprintf(stderr, "mirnctl: can't write to standard output\n");
+    writeAll(error_descriptor_, "mirnctl: can't write to standard output\n");
     return kExitData;
   }
   return kExitOk;
@@ -36,7 +34,7 @@ int Report::failure(ExitStatus status, const std::string& message, const Json& f
     whole.update(fields);
     writeAll(descriptor_, dumped(whole));
   } else {
-    std::fprintf(stderr, "mirnctl: %s\n", message.c_str());
+    writeAll(error_descriptor_, "mirnctl: " + message + "\n");
   }
   return status;
 }

@@ -14,7 +14,9 @@ using Json = nlohmann::ordered_json;
 // Writes to the reserved standard output; errors go to standard error. Bound to the main thread.
 class Report {
  public:
-  Report(int descriptor, bool json) : descriptor_(descriptor), json_(json) {}
+  // Descriptors of the program's own output and of its error lines; borrowed.
+  Report(int descriptor, int error_descriptor, bool json)
+      : descriptor_(descriptor), error_descriptor_(error_descriptor), json_(json) {}
 
   bool json() const { return json_; }
   int descriptor() const { return descriptor_; }
@@ -29,6 +31,7 @@ class Report {
 
  private:
   int descriptor_;
+  int error_descriptor_;
   bool json_;
 };
 
