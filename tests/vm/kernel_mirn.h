@@ -1,0 +1,57 @@
+// Virtual Mirns on this machine's own kernel, for test programs that run as root in a machine made for it.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "virtual/usb/frame_source.h"
+#include "virtual/usb/usb_plug.h"
+#include "virtual/virtual_mirn.h"
+#include "virtual/virtual_setup.h"
+
+namespace mirn {
+
+// Waits for what the kernel is about to do. False when it did not come in time.
+template <typename Condition>
+bool waitFor(Condition condition, std::chrono::milliseconds patience = std::chrono::seconds(20)) {
+  const auto deadline = std::chrono::steady_clock::now() + patience;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
+// One device with a target computer behind it.
+class KernelMirn {
+ public:
+  explicit KernelMirn(VirtualMirnSettings settings = {}, UsbShape shape = {})
+      : mirn_(std::make_shared<VirtualMirn>(std::move(settings))),
+        target_(std::make_shared<VirtualTarget>()),
+        binding_(mirn_, target_),
+        plug_({shape, std::nullopt, VhciHost()}, mirn_, std::make_shared<TargetFrames>(target_)) {}
+
+  void plug() {
+    std::string detail;
+    const VhciError error = plug_.plug(&detail);
+    EXPECT_EQ(error, VhciError::kNone) << detail;
+  }
+  void unplug() { plug_.unplug(); }
+
+  VirtualMirn& mirn() { return *mirn_; }
+  VirtualTarget& target() { return *target_; }
+  UsbPlug& usb() { return plug_; }
+
+ private:
+  const std::shared_ptr<VirtualMirn> mirn_;
+  const std::shared_ptr<VirtualTarget> target_;
+  const VirtualBinding binding_;
+  UsbPlug plug_;
+};
+
+}  // namespace mirn
