@@ -1,0 +1,369 @@
+#include "platform/linux/v4l2_device.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <condition_variable>
+#include <thread>
+
+#include "platform/work_queue.h"
+#include "tests/support/video/log_capture.h"
+#include "tests/unit/platform_linux_video/fake_v4l2.h"
+
+namespace mirn {
+namespace {
+
+using test::nodeInfo;
+
+constexpr const char* kPath = "/dev/video0";
+
+// Waits for frames, or for the statistics to reach something, without polling the clock for results.
+class Collector : public SampleBufferDelegate {
+ public:
+  void captureOutput(CaptureVideoOutput& /*output*/, const SampleBuffer& sample,
+                     const CaptureConnection& /*connection*/) override {
+    MutexGuard guard(lock_);
+    frames_.push_back(sample);
+    changed_.notify_all();
+  }
+  std::vector<SampleBuffer> waitFor(size_t count) {
+    MutexGuard guard(lock_);
+    while (frames_.size() < count) {
+      changed_.wait(lock_);
+    }
+    return frames_;
+  }
+  size_t count() {
+    MutexGuard guard(lock_);
+    return frames_.size();
+  }
+
+ private:
+  Mutex lock_;
+  std::condition_variable_any changed_;
+  std::vector<SampleBuffer> frames_ MIRN_GUARDED_BY(lock_);
+};
+
+class V4l2DeviceTest : public testing::Test {
+ protected:
+  V4l2DeviceTest() {
+    calls_->node(kPath).sizes = {
+        {V4L2_PIX_FMT_YUYV, 64, 32, {30}}, {V4L2_PIX_FMT_YUYV, 128, 64, {30}}, {V4L2_PIX_FMT_MJPEG, 64, 32, {60}}};
+    device_ = std::make_shared<V4l2Device>(nodeInfo(kPath, "Nuvra Mirn"), calls_);
+    EXPECT_EQ(device_->look(), V4l2Look::kCapture);
+  }
+
+  CaptureFormatRef format(FourCharCode pixelFormat, int32_t width) {
+    for (const CaptureFormatRef& entry : device_->formats()) {
+      if (entry->pixelFormat == pixelFormat && entry->width == width) {
+        return entry;
+      }
+    }
+    return nullptr;
+  }
+
+  bool open(CaptureError* error = nullptr) {
+    session_ = std::make_unique<CaptureSession>();
+    output_ = std::make_shared<CaptureVideoOutput>();
+    output_->setSampleBufferDelegate(&collector_, &queue_);
+    auto input = CaptureDeviceInput::create(device_, error);
+    if (!input) {
+      return false;
+    }
+    session_->addInput(std::move(input));
+    session_->addOutput(output_);
+    return session_->startRunning(error);
+  }
+
+  // The capture thread counts before it goes on: what it must reach is waited for, turn by turn.
+  template <typename Condition>
+  void until(Condition condition) {
+    while (!condition()) {
+      std::this_thread::yield();
+    }
+  }
+  CaptureStatistics numbers() { return session_->statistics(); }
+
+  static std::vector<uint8_t> grey(size_t bytes) { return std::vector<uint8_t>(bytes, 128); }
+  static constexpr size_t kSmall = 64 * 32 * 2;
+  static constexpr size_t kLarge = 128 * 64 * 2;
+
+  test::LogCapture log_;
+  std::shared_ptr<test::FakeV4l2> calls_ = std::make_shared<test::FakeV4l2>();
+  std::shared_ptr<V4l2Device> device_;
+  WorkQueue queue_{"frames"};
+  Collector collector_;
+  std::shared_ptr<CaptureVideoOutput> output_;
+  std::unique_ptr<CaptureSession> session_;
+};
+
+TEST_F(V4l2DeviceTest, OpeningTakesPriorityBeforeAnythingElseAndStreams) {
+  calls_->clearTrace();
+  ASSERT_TRUE(open());
+  EXPECT_EQ(calls_->trace(kPath), (std::vector<std::string>{"S_PRIORITY", "S_FMT", "REQBUFS", "STREAMON"}));
+}
+
+TEST_F(V4l2DeviceTest, FramesAreConvertedOnceAndTheBufferGoesBack) {
+  ASSERT_TRUE(open());
+  for (size_t i = 1; i <= 20; ++i) {
+    until([&] { return calls_->push(kPath, grey(kSmall)); });
+    until([&] { return numbers().framesCaptured == i || numbers().droppedLate > 0; });
+  }
+  const auto frames = collector_.waitFor(1);
+  EXPECT_EQ(frames[0].imageBuffer->width(), 64U);
+  EXPECT_EQ(frames[0].imageBuffer->height(), 32U);
+  EXPECT_EQ(frames[0].imageBuffer->format(), kPixelFormatBGRA);
+  EXPECT_EQ(frames[0].imageBuffer->locksTaken(), 1U);
+}
+
+TEST_F(V4l2DeviceTest, StoppingGivesEverythingBack) {
+  ASSERT_TRUE(open());
+  EXPECT_GT(calls_->mappings(), 0U);
+  calls_->clearTrace();
+  session_->stopRunning();
+  EXPECT_EQ(calls_->trace(kPath), (std::vector<std::string>{"STREAMOFF", "REQBUFS(0)"}));
+  EXPECT_EQ(calls_->mappings(), 0U);
+  session_.reset();
+  EXPECT_EQ(calls_->openDescriptors(), 0U);
+}
+
+TEST_F(V4l2DeviceTest, ChangingTheFormatFollowsTheSequenceThatDriversWant) {
+  ASSERT_TRUE(open());
+  device_->lockForConfiguration();
+  calls_->clearTrace();
+  ASSERT_TRUE(device_->setActiveFormat(format(kCaptureYuyv, 128)));
+  EXPECT_EQ(calls_->trace(kPath),
+            (std::vector<std::string>{"STREAMOFF", "REQBUFS(0)", "S_FMT", "S_PARM", "REQBUFS", "STREAMON"}));
+  device_->unlockForConfiguration();
+  until([&] { return calls_->push(kPath, grey(kLarge)); });
+  EXPECT_EQ(collector_.waitFor(1)[0].imageBuffer->width(), 128U);
+  EXPECT_EQ(numbers().width, 128);
+}
+
+TEST_F(V4l2DeviceTest, TheConfigurationLockWorksWithoutASession) {
+  ASSERT_TRUE(device_->lockForConfiguration());
+  EXPECT_EQ(calls_->openDescriptors(), 1U);
+  ASSERT_TRUE(device_->setActiveFormat(format(kCaptureMjpg, 64)));
+  device_->unlockForConfiguration();
+  EXPECT_EQ(calls_->openDescriptors(), 0U);
+}
+
+TEST_F(V4l2DeviceTest, AFormatTheDriverAdjustsIsRefusedAndTheFormerComesBack) {
+  ASSERT_TRUE(open());
+  device_->lockForConfiguration();
+  const auto unknown =
+      std::make_shared<const CaptureFormat>(CaptureFormat{kCaptureYuyv, 640, 480, kPixelFormatYuvs, {1, 30}});
+  EXPECT_FALSE(device_->setActiveFormat(unknown));
+  until([&] { return calls_->push(kPath, grey(kSmall)); });
+  EXPECT_EQ(collector_.waitFor(1)[0].imageBuffer->width(), 64U);
+  EXPECT_TRUE(session_->isRunning());
+}
+
+struct BadFrame {
+  const char* name;
+  size_t bytes;
+  uint32_t flags;
+};
+
+TEST_F(V4l2DeviceTest, DamagedFramesAreDroppedCountedAndTheStreamGoesOn) {
+  ASSERT_TRUE(open());
+  const BadFrame frames[] = {{"cut short", kSmall - 1, 0},
+                             {"zero length", 0, 0},
+                             {"flagged", kSmall, V4L2_BUF_FLAG_ERROR},
+                             {"longer than its buffer", kSmall + 1, 0}};
+  uint64_t expected = 0;
+  for (const BadFrame& frame : frames) {
+    SCOPED_TRACE(frame.name);
+    until([&] { return calls_->push(kPath, grey(frame.bytes), frame.flags); });
+    ++expected;
+    until([&] { return numbers().droppedDamaged == expected; });
+    EXPECT_EQ(numbers().framesCaptured, 0U);
+  }
+  until([&] { return calls_->push(kPath, grey(kSmall)); });
+  collector_.waitFor(1);
+  EXPECT_TRUE(session_->isRunning());
+}
+
+TEST_F(V4l2DeviceTest, ACorruptJpegIsDroppedAndCounted) {
+  device_->lockForConfiguration();
+  ASSERT_TRUE(device_->setActiveFormat(format(kCaptureMjpg, 64)));
+  ASSERT_TRUE(open());
+  until([&] { return calls_->push(kPath, grey(100)); });
+  until([&] { return numbers().droppedDamaged == 1; });
+  EXPECT_TRUE(session_->isRunning());
+}
+
+TEST_F(V4l2DeviceTest, EveryFrameIsDeliveredOrCountedAsDropped) {
+  ASSERT_TRUE(open());
+  constexpr uint64_t kFrames = 400;
+  for (uint64_t i = 0; i < kFrames; ++i) {
+    until([&] { return calls_->push(kPath, grey(kSmall)); });
+  }
+  until([&] { return numbers().framesDelivered + numbers().droppedLate == kFrames; });
+  EXPECT_GT(numbers().framesDelivered, 0U);
+  EXPECT_EQ(numbers().droppedDamaged, 0U);
+}
+
+TEST_F(V4l2DeviceTest, AHeldPictureIsNeverOverwritten) {
+  ASSERT_TRUE(open());
+  // The collector keeps every frame, so the pool runs dry: late, not torn.
+  until([&] {
+    calls_->push(kPath, grey(kSmall));
+    return collector_.count() >= 4 && numbers().droppedLate > 0;
+  });
+  std::vector<PixelBuffer*> distinct;
+  for (const SampleBuffer& sample : collector_.waitFor(4)) {
+    for (const PixelBuffer* other : distinct) {
+      EXPECT_NE(other, sample.imageBuffer.get());
+    }
+    distinct.push_back(sample.imageBuffer.get());
+  }
+}
+
+TEST_F(V4l2DeviceTest, AnotherProgramAtRecordPriorityMakesOpenFailWithItsNode) {
+  calls_->node(kPath).otherHoldsRecord = true;
+  CaptureError error;
+  EXPECT_FALSE(open(&error));
+  EXPECT_EQ(error.code, EBUSY);
+  EXPECT_EQ(error.node, kPath);
+  EXPECT_EQ(calls_->openDescriptors(), 0U);
+}
+
+TEST_F(V4l2DeviceTest, AnotherProgramThatOwnsTheDriverMakesOpenFail) {
+  calls_->node(kPath).otherOwns = true;
+  CaptureError error;
+  EXPECT_FALSE(open(&error));
+  EXPECT_EQ(error.code, EBUSY);
+  // It works again as soon as the other one is done.
+  calls_->node(kPath).otherOwns = false;
+  EXPECT_TRUE(open(&error));
+}
+
+TEST_F(V4l2DeviceTest, ANodeThatMayNotBeOpenedSaysSo) {
+  calls_->node(kPath).openError = EACCES;
+  CaptureError error;
+  EXPECT_FALSE(open(&error));
+  EXPECT_EQ(error.code, EACCES);
+  EXPECT_NE(error.localizedDescription().find("group 'video'"), std::string::npos);
+}
+
+TEST_F(V4l2DeviceTest, ADriverWithoutPrioritiesWorks) {
+  calls_->node(kPath).noPriorities = true;
+  EXPECT_TRUE(open());
+}
+
+struct FailingStep {
+  const char* name;
+  unsigned long request;  // 0 = mmap
+  int code;
+};
+
+TEST_F(V4l2DeviceTest, EveryFailingStepOfTheStartGivesItsReasonAndLeavesNothingBehind) {
+  const FailingStep steps[] = {{"S_PRIORITY", VIDIOC_S_PRIORITY, ENODEV},
+                               {"G_FMT", VIDIOC_G_FMT, EIO},
+                               {"S_FMT", VIDIOC_S_FMT, EBUSY},
+                               {"REQBUFS", VIDIOC_REQBUFS, ENOMEM},
+                               {"QUERYBUF", VIDIOC_QUERYBUF, EINVAL},
+                               {"mmap", 0, ENOMEM},
+                               {"QBUF", VIDIOC_QBUF, EINVAL},
+                               {"STREAMON", VIDIOC_STREAMON, ENOSPC}};
+  for (const FailingStep& step : steps) {
+    SCOPED_TRACE(step.name);
+    calls_->fail(kPath, step.request, step.code);
+    CaptureError error;
+    EXPECT_FALSE(open(&error));
+    EXPECT_EQ(error.code, step.code);
+    EXPECT_EQ(error.node, kPath);
+    session_.reset();
+    EXPECT_EQ(calls_->mappings(), 0U);
+    EXPECT_EQ(calls_->openDescriptors(), 0U);
+    calls_->node(kPath).errors.clear();
+    EXPECT_TRUE(open(&error));
+    session_.reset();
+  }
+}
+
+TEST_F(V4l2DeviceTest, PullingItOutStopsTheSessionAndNothingBlocks) {
+  ASSERT_TRUE(open());
+  calls_->unplug(kPath);
+  until([&] { return !session_->isRunning(); });
+  EXPECT_EQ(numbers().stopCode, ENODEV);
+  EXPECT_FALSE(device_->isConnected());
+  CaptureError error;
+  EXPECT_FALSE(device_->lockForConfiguration(&error));
+  EXPECT_EQ(error.code, ENODEV);
+  session_->stopRunning();
+  session_.reset();
+  EXPECT_EQ(calls_->mappings(), 0U);
+  EXPECT_EQ(calls_->openDescriptors(), 0U);
+  EXPECT_FALSE(open(&error));
+  EXPECT_EQ(error.code, ENODEV);
+}
+
+TEST_F(V4l2DeviceTest, APollErrorOfALivingDeviceStopsTheStreamAndItCanStartAgain) {
+  ASSERT_TRUE(open());
+  calls_->setPollError(kPath);
+  until([&] { return !session_->isRunning(); });
+  EXPECT_EQ(numbers().stopCode, EPIPE);
+  EXPECT_TRUE(device_->isConnected());
+  calls_->node(kPath).pollError = false;
+  ASSERT_TRUE(session_->startRunning());
+  until([&] { return calls_->push(kPath, grey(kSmall)); });
+  collector_.waitFor(1);
+}
+
+TEST_F(V4l2DeviceTest, AFailingDequeueStopsTheStreamWithItsCode) {
+  ASSERT_TRUE(open());
+  calls_->fail(kPath, VIDIOC_DQBUF, EIO);
+  until([&] { return calls_->push(kPath, grey(kSmall)); });
+  until([&] { return !session_->isRunning(); });
+  EXPECT_EQ(numbers().stopCode, EIO);
+}
+
+TEST_F(V4l2DeviceTest, ABufferThatCantBeGivenBackStopsTheStream) {
+  ASSERT_TRUE(open());
+  calls_->fail(kPath, VIDIOC_QBUF, EINVAL);
+  until([&] { return calls_->push(kPath, grey(kSmall)); });
+  until([&] { return !session_->isRunning(); });
+  EXPECT_EQ(numbers().stopCode, EINVAL);
+}
+
+TEST_F(V4l2DeviceTest, WithoutFramesStopReturnsAtOnce) {
+  ASSERT_TRUE(open());
+  session_->stopRunning();  // no signal: the capture thread is waiting
+  EXPECT_EQ(numbers().framesCaptured, 0U);
+  EXPECT_TRUE(session_->startRunning());
+}
+
+TEST_F(V4l2DeviceTest, ASecondSessionTakesOverWithoutAnErrorOfOurOwn) {
+  ASSERT_TRUE(open());
+  auto older = std::move(session_);
+  auto olderOutput = output_;
+  ASSERT_TRUE(open());
+  EXPECT_FALSE(older->isRunning());
+  EXPECT_EQ(calls_->openDescriptors(), 1U);
+  until([&] { return calls_->push(kPath, grey(kSmall)); });
+  collector_.waitFor(1);
+  olderOutput->setSampleBufferDelegate(nullptr, nullptr);
+}
+
+TEST_F(V4l2DeviceTest, TheNameIsTheProductOrTheCard) {
+  EXPECT_EQ(device_->localizedName(), "Nuvra Mirn");
+  V4l2Device other(nodeInfo(kPath, ""), calls_);
+  EXPECT_EQ(other.localizedName(), "Fake Card");
+  calls_->node(kPath).card = "Seen When Opened";
+  other.look();
+  EXPECT_EQ(other.localizedName(), "Seen When Opened");
+}
+
+TEST_F(V4l2DeviceTest, TheFormatListIsTheSameObjectsUntilItChanges) {
+  const auto before = device_->formats();
+  device_->look();
+  EXPECT_EQ(device_->formats(), before);
+  calls_->node(kPath).sizes.push_back({V4L2_PIX_FMT_MJPEG, 128, 64, {60}});
+  device_->look();
+  EXPECT_EQ(device_->formats().size(), before.size() + 1);
+}
+
+}  // namespace
+}  // namespace mirn
