@@ -1,0 +1,178 @@
+// Captured pictures on their way to the raster thread of the stand-in.
+#include <atomic>
+#include <thread>
+
+#include "platform/main_queue.h"
+#include "plugin_fixture.h"
+#include "video/mirn_texture.h"
+#include "virtual/frame_strip.h"
+
+namespace mirn {
+namespace {
+
+class FlutterTexture : public FlutterPluginTest {
+ protected:
+  int64_t createTexture() { return call("createTexture").asInt(); }
+  void openCamera() {
+    ASSERT_TRUE(call("open").asBool());
+    ASSERT_TRUE(call("setVideoQuality", {{"quality", Value("720P")}}).asBool());
+  }
+};
+
+TEST_F(FlutterTexture, APictureArrivesAsRedGreenBlueAlpha) {
+  const int64_t id = createTexture();
+  openCamera();
+  setup_.target().pointerAbsolute(4000, 5000, 0, 0);
+  playFrame();
+  const Painted painted = engine().paint(id);
+  ASSERT_TRUE(painted.drawn) << painted.error;
+  EXPECT_EQ(painted.width, 1280U);
+  EXPECT_EQ(painted.height, 720U);
+  const auto strip = readStripBgra(painted.rgba.data(), 1280, 720, 1280 * 4);
+  ASSERT_TRUE(strip.has_value());
+  EXPECT_EQ(strip->input_digest, setup_.target().inputState().digest());
+  // A pixel of the title bar: blue weighs most there, red least.
+  const uint8_t* title = painted.rgba.data() + (40 * 1280 + 600) * 4;
+  EXPECT_LT(title[0] + 30, title[1]);
+  EXPECT_LT(title[1] + 30, title[2]);
+  EXPECT_EQ(title[3], 255);
+}
+
+TEST_F(FlutterTexture, AskingBeforeTheFirstPictureIsAnErrorThatSaysSo) {
+  const int64_t id = createTexture();
+  const Painted painted = engine().paint(id);
+  EXPECT_FALSE(painted.drawn);
+  EXPECT_EQ(painted.error, "no picture has arrived yet");
+}
+
+TEST_F(FlutterTexture, EachMarkIsAskedOnceAndEveryTextureShowsTheSameFrame) {
+  const int64_t first = createTexture();
+  const int64_t second = createTexture();
+  openCamera();
+  playFrame();
+  EXPECT_EQ(engine().paint(first).rgba, engine().paint(second).rgba);
+  EXPECT_FALSE(engine().paint(first).drawn) << "cached until the next mark";
+  playFrame();
+  EXPECT_TRUE(engine().paint(first).drawn);
+}
+
+TEST_F(FlutterTexture, TheSizeMayChangeBetweenFrames) {
+  const int64_t id = createTexture();
+  openCamera();
+  playFrame();
+  EXPECT_EQ(engine().paint(id).height, 720U);
+  ASSERT_TRUE(call("setVideoQuality", {{"quality", Value("1080P")}}).asBool());
+  playFrame();
+  const Painted painted = engine().paint(id);
+  EXPECT_EQ(painted.width, 1920U);
+  EXPECT_TRUE(readStripBgra(painted.rgba.data(), 1920, 1080, 1920 * 4).has_value());
+}
+
+// The raster thread has found the texture and holds no reference; it is destroyed before its pixels are asked for.
+TEST_F(FlutterTexture, DestroyingBetweenLookUpAndPixelsKeepsTheTextureAlive) {
+  const int64_t id = createTexture();
+  openCamera();
+  playFrame();
+  std::atomic<bool> inside{false};
+  std::atomic<bool> go_on{false};
+  std::atomic<bool> painted{false};
+  engine().setPaintHooks(
+      [&] {
+        inside = true;
+        while (!go_on) {
+          std::this_thread::yield();
+        }
+      },
+      {});
+  engine().paintLater(id, [&](const Painted&) { painted = true; });
+  ASSERT_TRUE(runLoopUntil([&] { return inside.load(); }, kPatience));
+  std::thread other([id] { destroyTexture(id); });
+  other.join();
+  EXPECT_TRUE(runLoopUntil([&] { return engine().textures() == 0; }, kPatience)) << "posted to the platform thread";
+  go_on = true;
+  EXPECT_TRUE(runLoopUntil([&] { return painted.load(); }, kPatience));
+  engine().setPaintHooks({}, {});
+}
+
+// The pixels were returned and are being read when the texture is destroyed and others come.
+TEST_F(FlutterTexture, DestroyingWhilePixelsAreReadKeepsTheMemory) {
+  openCamera();
+  const int64_t id = createTexture();
+  const int64_t other = createTexture();
+  playFrame();
+  std::atomic<bool> inside{false};
+  std::atomic<bool> go_on{false};
+  std::atomic<bool> drawn{false};
+  engine().setPaintHooks({}, [&] {
+    inside = true;
+    while (!go_on) {
+      std::this_thread::yield();
+    }
+  });
+  engine().paintLater(id, [&](const Painted& result) { drawn = result.drawn; });
+  ASSERT_TRUE(runLoopUntil([&] { return inside.load(); }, kPatience));
+  mainQueue().post([id] { destroyTexture(id); });
+  ASSERT_TRUE(runLoopUntil([&] { return engine().textures() == 1; }, kPatience));
+  EXPECT_NE(createTexture(), id) << "the address is not given again while the old object is kept";
+  go_on = true;
+  ASSERT_TRUE(runLoopUntil([&] { return drawn.load(); }, kPatience));
+  engine().setPaintHooks({}, {});
+  EXPECT_TRUE(engine().paint(other).drawn);
+}
+
+TEST_F(FlutterTexture, DestroyedTexturesAreAskedNoMoreAndUnknownIdsAreIgnored) {
+  const int64_t id = createTexture();
+  openCamera();
+  playFrame();
+  mainQueue().post([id] {
+    destroyTexture(id);
+    destroyTexture(id);
+    destroyTexture(12345);
+  });
+  ASSERT_TRUE(runLoopUntil([&] { return engine().textures() == 0; }, kPatience));
+  playFrame();
+  EXPECT_FALSE(engine().paint(id).drawn);
+  EXPECT_EQ(glibWarnings(), 0U);
+}
+
+TEST_F(FlutterTexture, TexturesOutliveTheirEngineHarmlessly) {
+  const int64_t id = createTexture();
+  openCamera();
+  playFrame();
+  EXPECT_TRUE(engine().paint(id).drawn);
+  engine().shutdown();
+  playFrame();
+  startEngine();
+  const int64_t next = createTexture();
+  playFrame();
+  EXPECT_TRUE(engine().paint(next).drawn);
+  mainQueue().post([id] { destroyTexture(id); });
+  drainLoop();
+}
+
+TEST_F(FlutterTexture, TexturesComeAndGoWhileFramesAreDrawn) {
+#ifdef MIRN_SANITIZED
+  constexpr int kRounds = 10;
+#else
+  constexpr int kRounds = 40;
+#endif
+  openCamera();
+  const int64_t steady = createTexture();
+  for (int i = 0; i < kRounds; ++i) {
+    const int64_t id = createTexture();
+    playFrame();
+    std::atomic<int> painted{0};
+    engine().paintLater(id, [&](const Painted&) { ++painted; });
+    engine().paintLater(steady, [&](const Painted& result) {
+      EXPECT_TRUE(result.drawn);
+      ++painted;
+    });
+    std::thread other([id] { destroyTexture(id); });
+    ASSERT_TRUE(runLoopUntil([&] { return painted == 2; }, kPatience));
+    other.join();
+    ASSERT_TRUE(runLoopUntil([&] { return engine().textures() == 1; }, kPatience));
+  }
+}
+
+}  // namespace
+}  // namespace mirn
