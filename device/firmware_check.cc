@@ -39,20 +39,16 @@ std::string text(const char* format, Values... values) {
   return line;
 }
 
+// Length, address, type, up to 255 bytes of data, checksum.
+using RecordBytes = std::array<uint8_t, 260>;
+
 // A line taken apart strictly.
 struct ParsedRecord {
   uint8_t type = 0;
   uint16_t offset = 0;
   size_t length = 0;
-  std::array<uint8_t, 255> data{};
+  std::array<uint8_t, 255> data;  // `length` bytes of it are set
 };
-
-int digitValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  return -1;
-}
 
 std::string_view withoutEnding(std::string_view line) {
   if (line.ends_with('\n')) {
@@ -62,13 +58,13 @@ std::string_view withoutEnding(std::string_view line) {
   return line;
 }
 
-Verdict parseDigits(std::string_view digits, std::array<uint8_t, 260>& bytes) {
+Verdict parseDigits(std::string_view digits, RecordBytes& bytes) {
   for (size_t i = 0; i + 1 < digits.size() && i / 2 < bytes.size(); i += 2) {
-    const int high = digitValue(digits[i]);
-    const int low = digitValue(digits[i + 1]);
-    if (high < 0 || low < 0) {
+    const uint8_t high = hexDigitValue(digits[i]);
+    const uint8_t low = hexDigitValue(digits[i + 1]);
+    if (((high | low) & kBadHexDigit) != 0) {
       // The mark is column 1.
-      const size_t column = i + 2 + (high < 0 ? 0 : 1);
+      const size_t column = i + 2 + (high == kBadHexDigit ? 0 : 1);
       return {FirmwareFault::kBadDigit, text("column %zu holds no hexadecimal digit", column)};
     }
     bytes[i / 2] = static_cast<uint8_t>(high << 4 | low);
@@ -95,7 +91,7 @@ Verdict parseRecord(std::string_view content, ParsedRecord& record) {
     return {FirmwareFault::kNoRecordMark, content.empty() ? "the line is empty" : "the line does not begin with ':'"};
   }
   const std::string_view digits = content.substr(1);
-  std::array<uint8_t, 260> bytes{};
+  RecordBytes bytes;  // filled as far as there are digits
   const Verdict verdict = parseDigits(digits, bytes);
   if (!verdict.sound()) return verdict;
   if (digits.size() < kLeastRecordDigits) {
@@ -110,7 +106,7 @@ Verdict parseRecord(std::string_view content, ParsedRecord& record) {
             text("the record announces %zu data bytes and ends before them", record.length)};
   }
   if (digits.size() > expected) {
-    return {FirmwareFault::kTrailingText, text("%zu characters follow the checksum", digits.size() - expected)};
+    return {FirmwareFault::kTrailingText, text("text follows the checksum, from column %zu on", expected + 2)};
   }
   uint8_t sum = 0;
   for (size_t i = 0; i < record.length + 4; ++i) sum = static_cast<uint8_t>(sum + bytes[i]);
@@ -192,15 +188,15 @@ class Checker {
     if (visit_) visit_(record);
   }
 
-  void finish() {
+  void finish(uint64_t most_image_bytes) {
     if (!ended_ && !full()) {
       add(line_, {FirmwareFault::kNoEnd, "the file ends without an end-of-file record: it may have been cut off"});
     }
     if (report_.image_bytes == 0) add(0, {FirmwareFault::kEmpty, "the file holds no data"});
-    if (report_.image_bytes > kMostImageBytes) {
+    if (report_.image_bytes > most_image_bytes) {
       add(0, {FirmwareFault::kTooLarge, text("the image has %llu bytes, an upgrade carries at most %llu",
                                              static_cast<unsigned long long>(report_.image_bytes),
-                                             static_cast<unsigned long long>(kMostImageBytes))});
+                                             static_cast<unsigned long long>(most_image_bytes))});
     }
     if (!coverage_.empty()) report_.base_address = static_cast<uint32_t>(coverage_.begin());
     report_.exact = report_.finding_count == 0;
@@ -313,7 +309,7 @@ std::string FirmwareReport::firstReason() const {
   return first.line == 0 ? first.reason : "line " + std::to_string(first.line) + ": " + first.reason;
 }
 
-FirmwareReport checkFirmwareText(std::string_view text, const FirmwareRecordVisitor& visit) {
+FirmwareReport checkFirmwareText(std::string_view text, const FirmwareRecordVisitor& visit, uint64_t most_image_bytes) {
   FirmwareReport report;
   Checker checker(report, visit);
   while (!text.empty() && !checker.full()) {
@@ -322,7 +318,7 @@ FirmwareReport checkFirmwareText(std::string_view text, const FirmwareRecordVisi
     checker.checkLine(text.substr(0, length));
     text.remove_prefix(length);
   }
-  checker.finish();
+  checker.finish(most_image_bytes);
   return report;
 }
 

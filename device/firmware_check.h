@@ -73,7 +73,9 @@ inline constexpr uint64_t kMostImageBytes = 65535ull * 1024;
 // Is called for each record as it is judged; may be empty.
 using FirmwareRecordVisitor = std::function<void(const FirmwareRecord&)>;
 
-FirmwareReport checkFirmwareText(std::string_view text, const FirmwareRecordVisitor& visit = {});
+// `most_image_bytes`: an image beyond it is kTooLarge.
+FirmwareReport checkFirmwareText(std::string_view text, const FirmwareRecordVisitor& visit = {},
+                                 uint64_t most_image_bytes = kMostImageBytes);
 FirmwareReport checkFirmwareFile(const std::string& path, const FirmwareRecordVisitor& visit = {});
 
 // Is `path` one that an upgrade converts from HEX (it ends in ".hex" or ".HEX"), or a raw image that goes out as it

@@ -1,4 +1,7 @@
 // Lifetime, queue, sending thread, the thinning of moves, and the operations that pass the queue by.
+#include <thread>
+#include <utility>
+
 #include "device/firmware_version.h"
 #include "device/hard_km_proxy.h"
 
@@ -40,11 +43,14 @@ void HardKMProxy::SendThread::AddKMTask(CRefObj<i_vx_task> task) {
 
 int HardKMProxy::SendThread::ThreadLoop() {
   CRefObj<i_vx_task> task;
-  // A closed queue answers at once: the loop then turns until the stop request, which follows the closing, is seen.
-  if (queue_.pop_timedwait(task, kWaitForever) == sem_queue<CRefObj<i_vx_task>>::kPopped) {
-    const int result = task->done();
-    if (proxy_->listener_ != nullptr) Report(*task, result);
+  if (queue_.pop_timedwait(task, kWaitForever) != sem_queue<CRefObj<i_vx_task>>::kPopped) {
+    // Closed, which is told at once: the loop turns until it sees the stop request that follows the closing. Let the
+    // stopping thread run, should it share this processor.
+    std::this_thread::yield();
+    return 1;
   }
+  const int result = task->done();
+  if (proxy_->listener_ != nullptr) Report(*task, result);
   return 1;
 }
 

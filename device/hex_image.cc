@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cstring>
 #include <memory>
 
@@ -11,20 +10,6 @@
 
 namespace mirn {
 namespace {
-
-// A digit's value; kBad, which no value has a bit of, for every other character.
-constexpr uint8_t kBad = 0xF0;
-
-constexpr std::array<uint8_t, 256> kDigitValues = [] {
-  std::array<uint8_t, 256> values{};
-  values.fill(kBad);
-  for (uint8_t digit = 0; digit < 10; ++digit) values['0' + digit] = digit;
-  for (uint8_t digit = 0; digit < 6; ++digit) {
-    values['A' + digit] = static_cast<uint8_t>(10 + digit);
-    values['a' + digit] = static_cast<uint8_t>(10 + digit);
-  }
-  return values;
-}();
 
 // Large enough that the calls do not count, small enough for a second-level cache.
 constexpr size_t kPieceBytes = size_t{128} << 10;
@@ -45,15 +30,15 @@ HexLine convertHexLine(std::string_view line, uint8_t* out) {
   if (line.size() <= kHexDataStart + kHexLineTail) return {HexLineKind::kData, 0};
 
   const size_t pairs = (line.size() - kHexLineTail - kHexDataStart + 1) / 2;
-  const auto* digits = reinterpret_cast<const uint8_t*>(line.data()) + kHexDataStart;
+  const char* digits = line.data() + kHexDataStart;
   uint8_t seen = 0;
   for (size_t i = 0; i < pairs; ++i) {
-    const uint8_t high = kDigitValues[digits[2 * i]];
-    const uint8_t low = kDigitValues[digits[2 * i + 1]];
+    const uint8_t high = hexDigitValue(digits[2 * i]);
+    const uint8_t low = hexDigitValue(digits[2 * i + 1]);
     seen |= static_cast<uint8_t>(high | low);
     out[i] = static_cast<uint8_t>(high << 4 | low);
   }
-  if ((seen & kBad) != 0) return {HexLineKind::kBadDigit, 0};
+  if ((seen & kBadHexDigit) != 0) return {HexLineKind::kBadDigit, 0};
   return {HexLineKind::kData, pairs};
 }
 

@@ -3,6 +3,7 @@
 // whether a file survives it.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -18,6 +19,24 @@ inline constexpr size_t kHexDataStart = 9;
 // alone has its last data digit among them, and only the first digit of a pair is asked for.
 inline constexpr size_t kHexLineTail = 4;
 inline constexpr size_t kMostHexLineBytes = (kHexLineCharacters - kHexLineTail - kHexDataStart + 1) / 2;
+
+// What no digit's value has a bit of.
+inline constexpr uint8_t kBadHexDigit = 0xF0;
+
+inline constexpr std::array<uint8_t, 256> kHexDigitValues = [] {
+  std::array<uint8_t, 256> values{};
+  values.fill(kBadHexDigit);
+  for (uint8_t digit = 0; digit < 10; ++digit) values['0' + digit] = digit;
+  for (uint8_t digit = 0; digit < 6; ++digit) {
+    values['A' + digit] = values['a' + digit] = static_cast<uint8_t>(10 + digit);
+  }
+  return values;
+}();
+
+// 0..15 for a digit of either case, kBadHexDigit for every other character.
+constexpr uint8_t hexDigitValue(char c) {
+  return kHexDigitValues[static_cast<uint8_t>(c)];
+}
 
 enum class HexLineKind : uint8_t {
   kSkipped,   // no data record: the character at position 8 is not '0'

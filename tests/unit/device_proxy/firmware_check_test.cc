@@ -21,7 +21,9 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
-std::string data(uint16_t address, const Bytes& bytes) { return hexRecord(0, address, bytes); }
+std::string data(uint16_t address, const Bytes& bytes) {
+  return hexRecord(0, address, bytes);
+}
 std::string base(uint8_t type, uint16_t value) {
   return hexRecord(type, 0, Bytes{static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)});
 }
@@ -94,8 +96,9 @@ TEST(FirmwareCheck, EachFaultOfARecordIsNamedWithItsLine) {
   expectOnly(file({":0200000001O2FB", good}), FirmwareFault::kBadDigit, 1, "column 12");
   expectOnly(file({good, ":0200"}), FirmwareFault::kShortRecord, 2, "cut off after 5 characters");
   expectOnly(file({good, ":100002000102"}), FirmwareFault::kShortRecord, 2, "announces 16 data bytes");
-  expectOnly(file({good, data(2, {3}) + "00"}), FirmwareFault::kTrailingText, 2, "2 characters follow");
-  expectOnly(file({":02000000010200"}), FirmwareFault::kBadChecksum, 1, "the checksum is 00, the record's bytes give FB");
+  expectOnly(file({good, data(2, {3}) + "00"}), FirmwareFault::kTrailingText, 2, "text follows the checksum");
+  expectOnly(file({":02000000010200", good}), FirmwareFault::kBadChecksum, 1,
+             "the checksum is 00, the record's bytes give FB");
   expectOnly(file({good, hexRecord(6, 0, Bytes{})}), FirmwareFault::kUnknownType, 2, "type 06");
   expectOnly(file({good, hexRecord(0x10, 2, Bytes{1})}), FirmwareFault::kUnknownType, 2, "type 10");
   expectOnly(file({good, hexRecord(4, 0, Bytes{1})}), FirmwareFault::kBadLength, 2, "has 2 data bytes");
@@ -104,8 +107,10 @@ TEST(FirmwareCheck, EachFaultOfARecordIsNamedWithItsLine) {
 
 TEST(FirmwareCheck, TrailingBlanksAreFound) {
   // A blank behind the checksum would make the conversion take the checksum for data.
-  expectOnly(file({data(0, {1, 2}) + " "}), FirmwareFault::kBadDigit, 1, "no hexadecimal digit");
-  expectOnly(file({data(0, {1, 2}) + "\r"}), FirmwareFault::kTrailingText, 1, "1 characters follow");
+  expectOnly(file({data(0, {1, 2}) + " ", data(2, {3})}), FirmwareFault::kTrailingText, 1, "text follows the checksum");
+  expectOnly(file({data(0, {1, 2}) + "\r", data(2, {3})}), FirmwareFault::kTrailingText, 1,
+             "text follows the checksum");
+  expectOnly(file({data(0, {1, 2}) + "  ", data(2, {3})}), FirmwareFault::kBadDigit, 1, "column 16");
 }
 
 TEST(FirmwareCheck, DataThatDoesNotFollowOnIsFound) {
@@ -136,8 +141,8 @@ TEST(FirmwareCheck, ARecordOverTheEndOfItsSegmentOrOfAllAddressesIsFound) {
 }
 
 TEST(FirmwareCheck, SegmentAndLinearBaseTogetherAreFound) {
-  expectOnly(file({base(2, 0x1000), base(4, 0x1), data(0, {1}), data(1, {})}), FirmwareFault::kMixedAddressing, 3,
-             "together");
+  expectOnly(file({base(2, 0x1000), base(4, 0x1), data(0, {1}), base(4, 0), data(0, {1})}),
+             FirmwareFault::kMixedAddressing, 3, "together");
   EXPECT_TRUE(checkFirmwareText(file({base(2, 0), base(4, 1), data(0, {1})})).exact);
 }
 
@@ -181,9 +186,9 @@ TEST(FirmwareCheck, AFileOfAnotherKindStopsAtAHundredFindings) {
 
 TEST(FirmwareCheck, EveryRecordIsToldWithItsVerdict) {
   std::vector<FirmwareRecord> records;
-  const FirmwareReport report = checkFirmwareText(
-      file({base(4, 0x0800), data(0x10, {1, 2}), ":01001200AA00", data(0x20, {9})}),
-      [&records](const FirmwareRecord& record) { records.push_back(record); });
+  const FirmwareReport report =
+      checkFirmwareText(file({base(4, 0x0800), data(0x10, {1, 2}), ":01001200AA00", data(0x20, {9})}),
+                        [&records](const FirmwareRecord& record) { records.push_back(record); });
   ASSERT_THAT(records, SizeIs(5));
   EXPECT_EQ(report.records, 5u);
   EXPECT_EQ(records[0].type, 4);
@@ -196,10 +201,14 @@ TEST(FirmwareCheck, EveryRecordIsToldWithItsVerdict) {
   EXPECT_EQ(records[4].type, 1);
 }
 
-TEST(FirmwareCheck, AnImageBeyond65535ChunksIsTooLarge) {
-  const size_t most = 65535u * 1024;
-  EXPECT_TRUE(checkFirmwareText(hexFile(Bytes(most, 0x5A), 16, "\n")).exact);
-  expectOnly(hexFile(Bytes(most + 1, 0x5A), 16, "\n"), FirmwareFault::kTooLarge, 0, "67107841 bytes");
+TEST(FirmwareCheck, AnImageBeyondTheLimitIsTooLarge) {
+  EXPECT_EQ(kMostImageBytes, 67107840u) << "65,535 chunks";
+  const std::string text = hexFile(testImage(1000), 16, "\n");
+  EXPECT_TRUE(checkFirmwareText(text, {}, 1000).exact);
+  const FirmwareReport report = checkFirmwareText(text, {}, 999);
+  ASSERT_THAT(report.findings, SizeIs(1));
+  EXPECT_EQ(report.findings[0].fault, FirmwareFault::kTooLarge);
+  EXPECT_THAT(report.firstReason(), HasSubstr("has 1000 bytes, an upgrade carries at most 999"));
 }
 
 // What it is for: a file that passes converts into the image it describes, and each change that still passes does too.
@@ -245,7 +254,8 @@ TEST(FirmwareCheckFile, ReadsFilesAndRefusesWhatIsNone) {
   EXPECT_TRUE(checkFirmwareFile(directory.write("a.hex", file({data(0, {1})}))).exact);
   const std::string fifo = directory.path("fifo");
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-  for (const std::string& path : {directory.path("absent"), directory.root(), fifo, std::string("/dev/zero"), std::string()}) {
+  for (const std::string& path :
+       {directory.path("absent"), directory.root(), fifo, std::string("/dev/zero"), std::string()}) {
     const FirmwareReport report = checkFirmwareFile(path);
     EXPECT_FALSE(report.exact) << path;
     ASSERT_THAT(report.findings, SizeIs(1)) << path;

@@ -109,7 +109,11 @@ TEST(HexConverter, OnlyTheSecondDigitOfTheTypeIsLookedAt) {
     EXPECT_EQ(converted(hexRecord(static_cast<uint8_t>(type), 0, data) + "\n"), Bytes{}) << type;
   }
   EXPECT_EQ(converted(hexRecord(0x10, 0, data) + "\n"), data);
-  EXPECT_EQ(converted("anything0" "0102" "zz\r\n"), data) << "nothing in front of the type counts";
+  EXPECT_EQ(converted("anything0"
+                      "0102"
+                      "zz\r\n"),
+            data)
+      << "nothing in front of the type counts";
 }
 
 TEST(HexConverter, AddressesGapsAndChecksumsAreIgnored) {
@@ -132,8 +136,13 @@ TEST(HexConverter, ALineOfFewerThanNineCharactersEndsIt) {
 TEST(HexConverter, ABadDigitInADataRecordEndsItElsewhereItDoesNot) {
   EXPECT_EQ(converted(":02000000AG0000\r\n"), std::nullopt);
   EXPECT_EQ(converted(":02000000 10000\r\n"), std::nullopt);
-  EXPECT_EQ(converted(std::string(":02000000A\0" "0000\r\n", 17)), std::nullopt);
-  EXPECT_EQ(converted(":02000000A\xB0" "0000\r\n"), std::nullopt);
+  EXPECT_EQ(converted(std::string(":02000000A\0"
+                                  "0000\r\n",
+                                  17)),
+            std::nullopt);
+  EXPECT_EQ(converted(":02000000A\xB0"
+                      "0000\r\n"),
+            std::nullopt);
   EXPECT_EQ(converted(":020000040G00F2\r\n"), Bytes{}) << "no data record";
   EXPECT_EQ(converted(":zz????00AAxx\r\n"), Bytes{0xAA}) << "length, address and checksum are not read";
   EXPECT_EQ(converted(":01000000aF00\n"), Bytes{0xAF}) << "either case";

@@ -1,8 +1,8 @@
 // Writing Intel HEX in tests.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
-#include <cstdio>
 #include <span>
 #include <string>
 #include <vector>
@@ -11,20 +11,25 @@ namespace mirn {
 
 // One record without its line end; the checksum is right.
 inline std::string hexRecord(uint8_t type, uint16_t address, std::span<const uint8_t> data) {
-  char piece[16];
-  std::snprintf(piece, sizeof piece, ":%02X%04X%02X", static_cast<unsigned>(data.size()), address, type);
-  std::string record = piece;
-  unsigned sum = static_cast<unsigned>(data.size()) + (address >> 8) + (address & 0xFF) + type;
-  for (const uint8_t byte : data) {
-    std::snprintf(piece, sizeof piece, "%02X", byte);
-    record += piece;
+  std::string record = ":";
+  unsigned sum = 0;
+  const auto add = [&record, &sum](unsigned byte) {
+    record += "0123456789ABCDEF"[byte >> 4 & 15];
+    record += "0123456789ABCDEF"[byte & 15];
     sum += byte;
-  }
-  std::snprintf(piece, sizeof piece, "%02X", (0x100 - sum % 0x100) % 0x100);
-  return record + piece;
+  };
+  add(static_cast<unsigned>(data.size()));
+  add(address >> 8);
+  add(address & 0xFF);
+  add(type);
+  for (const uint8_t byte : data) add(byte);
+  add((0x100 - sum % 0x100) % 0x100);
+  return record;
 }
 
-inline std::string hexEnd() { return hexRecord(1, 0, {}); }
+inline std::string hexEnd() {
+  return hexRecord(1, 0, {});
+}
 
 // A whole file of `image`, in records of at most `per_record` bytes from address 0 on, with linear base addresses.
 inline std::string hexFile(std::span<const uint8_t> image, size_t per_record, const std::string& ending) {

@@ -213,8 +213,8 @@ TEST_F(KeyboardTest, AnUnmappedKeySendsTheReportUnchangedWhileASlotIsEmpty) {
 }
 
 TEST_F(KeyboardTest, CodesOutsideEightBitsAreCutNotRefused) {
-  down(272);                                       // 0x110: the map's entry for 16
-  down(static_cast<int>(0x80000041));              // negative
+  down(272);                           // 0x110: the map's entry for 16
+  down(static_cast<int>(0x80000041));  // negative
   down(0x7FFFFF42);
   EXPECT_EQ(arrived().back(), report({4, 5, 0, 0, 0, 0}, 0)) << "0x41 is held already, as usage 4";
   down(-1);
@@ -228,8 +228,8 @@ TEST_F(KeyboardTest, BeforeTheKeyMapEveryPlainKeyIsUsageZero) {
   down('A');
   down(17);
   up('A');
-  EXPECT_THAT(arrived(), ElementsAre(report({0, 0, 0, 0, 0, 0}, 0), report({0, 0, 0, 0, 0, 0}, 1),
-                                     report({0, 0, 0, 0, 0, 0}, 1)));
+  EXPECT_THAT(arrived(),
+              ElementsAre(report({0, 0, 0, 0, 0, 0}, 0), report({0, 0, 0, 0, 0, 0}, 1), report({0, 0, 0, 0, 0, 0}, 1)));
   // The lookups have put zeros into the map; filling it mends that.
   EXPECT_EQ(proxy_->initKeyMap(), 0);
   EXPECT_EQ(proxy_->initKeyMap(), 0);
@@ -246,9 +246,9 @@ struct UsKey {
   char shifted;
 };
 constexpr UsKey kUsKeys[] = {
-    {0x1E, '1', '!'}, {0x1F, '2', '@'}, {0x20, '3', '#'},  {0x21, '4', '$'},  {0x22, '5', '%'}, {0x23, '6', '^'},
-    {0x24, '7', '&'}, {0x25, '8', '*'}, {0x26, '9', '('},  {0x27, '0', ')'},  {0x2D, '-', '_'}, {0x2E, '=', '+'},
-    {0x2F, '[', '{'}, {0x30, ']', '}'}, {0x31, '\\', '|'}, {0x33, ';', ':'},  {0x34, '\'', '"'}, {0x35, '`', '~'},
+    {0x1E, '1', '!'}, {0x1F, '2', '@'}, {0x20, '3', '#'},  {0x21, '4', '$'}, {0x22, '5', '%'},  {0x23, '6', '^'},
+    {0x24, '7', '&'}, {0x25, '8', '*'}, {0x26, '9', '('},  {0x27, '0', ')'}, {0x2D, '-', '_'},  {0x2E, '=', '+'},
+    {0x2F, '[', '{'}, {0x30, ']', '}'}, {0x31, '\\', '|'}, {0x33, ';', ':'}, {0x34, '\'', '"'}, {0x35, '`', '~'},
     {0x36, ',', '<'}, {0x37, '.', '>'}, {0x38, '/', '?'},
 };
 

@@ -21,7 +21,9 @@ int16_t low16(Wide value) {
   return static_cast<int16_t>(low >= 32768 ? low - 65536 : low);
 }
 
-Wide magnitude(Wide value) { return value < 0 ? -value : value; }
+Wide magnitude(Wide value) {
+  return value < 0 ? -value : value;
+}
 
 // A positive rational n / d, rounded to 24 significant bits, ties to even, as mantissa * 2^exponent: what single
 // precision makes of it.
@@ -65,8 +67,18 @@ struct Random {
   int64_t between(int64_t low, int64_t high) { return std::uniform_int_distribution<int64_t>(low, high)(engine); }
   // Mostly ordinary values, sometimes the edges of every width that matters.
   int number() {
-    static constexpr int kEdges[] = {0, 1, -1, 32766, 32767, 32768, -32768, -32769, 65535, 65536,
-                                     std::numeric_limits<int>::max(), std::numeric_limits<int>::min()};
+    static constexpr int kEdges[] = {0,
+                                     1,
+                                     -1,
+                                     32766,
+                                     32767,
+                                     32768,
+                                     -32768,
+                                     -32769,
+                                     65535,
+                                     65536,
+                                     std::numeric_limits<int>::max(),
+                                     std::numeric_limits<int>::min()};
     switch (between(0, 3)) {
       case 0:
         return kEdges[between(0, std::size(kEdges) - 1)];

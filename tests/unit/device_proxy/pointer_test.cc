@@ -56,7 +56,8 @@ TEST_F(PointerTest, TheEventTypesShowInTheRawReportsMask) {
   proxy_->MouseX1ButtonDown(0, 0);
   proxy_->MouseWheelUp(0, 0, 0);
   std::vector<std::string> expected;
-  for (const int mask : {1, 1, 2, 4, 4, 0, 0}) expected.push_back("raw 0 0 buttons " + std::to_string(mask) + " wheel 0");
+  for (const int mask : {1, 1, 2, 4, 4, 0, 0})
+    expected.push_back("raw 0 0 buttons " + std::to_string(mask) + " wheel 0");
   expected.emplace_back("raw 0 0 buttons 0 wheel -1");
   EXPECT_EQ(arrived(), expected);
 }
@@ -97,8 +98,8 @@ TEST_F(PointerTest, PositionsAreCutTo16Bits) {
   proxy_->MouseLButtonDown(32768, 65535);
   proxy_->MouseLButtonDown(65536, -32769);
   proxy_->MouseLButtonDown(0x7FFFFFFF, static_cast<int>(0x80000000));
-  EXPECT_THAT(arrived(), ElementsAre(absolute(32767, -1, "100"), absolute(-32768, -1, "100"),
-                                     absolute(0, 32767, "100"), absolute(-1, 0, "100")));
+  EXPECT_THAT(arrived(), ElementsAre(absolute(32767, -1, "100"), absolute(-32768, -1, "100"), absolute(0, 32767, "100"),
+                                     absolute(-1, 0, "100")));
 }
 
 // ---- Relative mode ----

@@ -24,8 +24,12 @@ class ProxyCoreTest : public ProxyTest {
 std::string absolute(int x, const char* buttons = "000") {
   return "abs " + std::to_string(x) + " 0 lrm " + buttons + " wheel 0";
 }
-std::string relative(int x) { return "rel " + std::to_string(x) + " 0 lrm 000 wheel 0"; }
-std::string raw(int x) { return "raw " + std::to_string(x) + " 0 buttons 0 wheel 0"; }
+std::string relative(int x) {
+  return "rel " + std::to_string(x) + " 0 lrm 000 wheel 0";
+}
+std::string raw(int x) {
+  return "raw " + std::to_string(x) + " 0 buttons 0 wheel 0";
+}
 
 constexpr char kNoKeys[] = "keys 00 00 00 00 00 00 mod 00";
 

@@ -24,7 +24,8 @@ struct Describe {
   std::string operator()(const VirtualNotUnderstood&) const { return "not understood"; }
   std::string operator()(const VirtualHandshake&) const { return "hello"; }
   std::string operator()(const VirtualMouse& m) const {
-    return text("%s %d %d lrm %d%d%d wheel %d", m.relative ? "rel" : "abs", m.x, m.y, m.left, m.right, m.middle, m.wheel);
+    return text("%s %d %d lrm %d%d%d wheel %d", m.relative ? "rel" : "abs", m.x, m.y, m.left, m.right, m.middle,
+                m.wheel);
   }
   std::string operator()(const VirtualRawMouse& m) const {
     return text("raw %d %d buttons %d wheel %d", m.x, m.y, m.buttons, m.wheel);
@@ -119,11 +120,15 @@ WatchedHid::~WatchedHid() {
   writeWatcher() = nullptr;
 }
 
-std::string describe(const VirtualRecord& record) { return std::visit(Describe{}, record); }
+std::string describe(const VirtualRecord& record) {
+  return std::visit(Describe{}, record);
+}
 
 ProxyTest::ProxyTest() = default;
 
-ProxyTest::~ProxyTest() { proxy_.reset(); }
+ProxyTest::~ProxyTest() {
+  proxy_.reset();
+}
 
 void ProxyTest::plugIn(VirtualMirnSettings settings) {
   proxy_.reset();
@@ -178,7 +183,9 @@ LogCapture::LogCapture() {
   log.open("captured", filelog::fixed_size, false);
 }
 
-LogCapture::~LogCapture() { flogger::GetInitance().close(); }
+LogCapture::~LogCapture() {
+  flogger::GetInitance().close();
+}
 
 std::string LogCapture::text() const {
   std::string all;

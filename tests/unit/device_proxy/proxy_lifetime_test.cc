@@ -16,7 +16,6 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
-
 const std::vector<std::string> kReleases{
     "keys 00 00 00 00 00 00 mod 00",
     "abs 0 0 lrm 000 wheel 0",  // left, right, middle button up
