@@ -143,7 +143,18 @@ std::string CaptureError::localizedDescription() const {
 // ---- CaptureDevice ----
 
 bool CaptureDevice::openForUser(CaptureError* error) {
-  if (openUsers_ == 0 && !openNode(error)) {
+  if (openUsers_ > 0 && !isConnected()) {
+    setError(error, makeError(ENODEV, nodeName(), "the device is gone", "Plug it in and open again."));
+    return false;
+  }
+  if (openUsers_ > 0 && isNodeStale()) {
+    // The former users hold a dead node either way.
+    endStream();
+    closeNode();
+    if (!openNode(error)) {
+      return false;
+    }
+  } else if (openUsers_ == 0 && !openNode(error)) {
     return false;
   }
   ++openUsers_;

@@ -135,6 +135,9 @@ class CaptureDevice : public std::enable_shared_from_this<CaptureDevice> {
   /// Opens the node and takes it for this process. Here EBUSY and EACCES belong.
   virtual bool openNode(CaptureError* error) = 0;
   virtual void closeNode() = 0;
+  /// True when the open node belongs to a plugging that is over, while the same object is plugged in again: it is then
+  /// closed and opened anew for whoever comes next. Never for a device that is a new object after each plugging.
+  virtual bool isNodeStale() const { return false; }
   /// `first` lock / `last` unlock of the configuration; the node is open.
   virtual bool acquireConfiguration(CaptureError* error) = 0;
   virtual void releaseConfiguration() = 0;

@@ -139,6 +139,11 @@ void VirtualCaptureDevice::closeNode() {
   opened_plugging_ = 0;
 }
 
+bool VirtualCaptureDevice::isNodeStale() const {
+  const MutexGuard guard(mutex_);
+  return connected_ && opened_plugging_ != plugging_;
+}
+
 bool VirtualCaptureDevice::acquireConfiguration(CaptureError* error) {
   const MutexGuard guard(mutex_);
   if (!connected_ || opened_plugging_ != plugging_) {

@@ -110,6 +110,7 @@ class VirtualCaptureDevice final : public CaptureDevice {
  protected:
   bool openNode(CaptureError* error) override;
   void closeNode() override;
+  bool isNodeStale() const override;
   bool acquireConfiguration(CaptureError* error) override;
   void releaseConfiguration() override;
   bool applyFormat(const CaptureFormat& format, CaptureError* error) override;
