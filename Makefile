@@ -18,7 +18,7 @@ help:
 	@echo "make package   Debian packages into build/packages"
 	@echo "make install   DESTDIR and PREFIX are honoured"
 	@echo "make coverage  line coverage of each room"
-	@echo "make asan tsan clang lint   the suite under sanitizers; lock annotations; formatting and lint"
+	@echo "make asan tsan lint clang   the suite under sanitizers; formatting, arrows and lint; a whole clang build"
 
 setup:
 	@tools/setup.sh build test
