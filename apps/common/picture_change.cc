@@ -1,44 +1,99 @@
 #include "apps/common/picture_change.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace mirn {
 namespace {
 
 constexpr size_t kBytesPerPixel = 4;
+constexpr size_t kPieceBytes = 64;  // one cache line
 
-bool samePixels(PixelBuffer& left, PixelBuffer& right) {
-  const uint8_t* a = left.baseAddress();
-  const uint8_t* b = right.baseAddress();
-  if (a == nullptr || b == nullptr) {
-    return false;
+// Two pictures of one size, locked for reading while this lives.
+class Pair {
+ public:
+  Pair(PixelBuffer& left, PixelBuffer& right) : left_(left), right_(right) {
+    left_.lockBaseAddress(kPixelBufferLockReadOnly);
+    right_.lockBaseAddress(kPixelBufferLockReadOnly);
   }
-  size_t row_bytes = left.width() * kBytesPerPixel;
-  for (size_t row = 0; row < left.height(); ++row) {
-    if (std::memcmp(a + row * left.bytesPerRow(), b + row * right.bytesPerRow(), row_bytes) != 0) {
-      return false;
+  ~Pair() {
+    right_.unlockBaseAddress(kPixelBufferLockReadOnly);
+    left_.unlockBaseAddress(kPixelBufferLockReadOnly);
+  }
+  Pair(const Pair&) = delete;
+  Pair& operator=(const Pair&) = delete;
+
+  bool readable() const { return left_.baseAddress() != nullptr && right_.baseAddress() != nullptr; }
+  size_t rows() const { return left_.height(); }
+
+  bool sameRow(size_t row) const { return sameBytes(row, 0, left_.width() * kBytesPerPixel); }
+
+  // Looks at every kPieces-th piece of a row.
+  bool sameSample(size_t row, size_t phase) const {
+    size_t row_bytes = left_.width() * kBytesPerPixel;
+    for (size_t at = (row + phase) % PictureChange::kPieces * kPieceBytes; at < row_bytes;
+         at += PictureChange::kPieces * kPieceBytes) {
+      if (!sameBytes(row, at, std::min(kPieceBytes, row_bytes - at))) {
+        return false;
+      }
+    }
+    return true;
+  }
+
+ private:
+  bool sameBytes(size_t row, size_t at, size_t length) const {
+    return std::memcmp(left_.baseAddress() + row * left_.bytesPerRow() + at,
+                       right_.baseAddress() + row * right_.bytesPerRow() + at, length) == 0;
+  }
+
+  PixelBuffer& left_;
+  PixelBuffer& right_;
+};
+
+std::optional<ChangedRows> difference(const Pair& pair, size_t phase) {
+  size_t found = 0;
+  while (found < pair.rows() && pair.sameSample(found, phase)) {
+    ++found;
+  }
+  if (found == pair.rows()) {
+    return std::nullopt;
+  }
+  ChangedRows rows{found, found};
+  for (size_t row = 0; row < found; ++row) {
+    if (!pair.sameRow(row)) {
+      rows.first = row;
+      break;
     }
   }
-  return true;
+  for (size_t row = pair.rows() - 1; row > found; --row) {
+    if (!pair.sameRow(row)) {
+      rows.last = row;
+      break;
+    }
+  }
+  return rows;
 }
 
 }  // namespace
 
-bool PictureChange::changed(const PixelBufferRef& picture) {
-  PixelBufferRef before = last_;
-  last_ = picture;
-  if (!before || !picture || before->width() != picture->width() || before->height() != picture->height()) {
-    return true;
+std::optional<ChangedRows> PictureChange::changed(const PixelBufferRef& picture) {
+  if (!picture || picture->height() == 0) {
+    return std::nullopt;
   }
-  if (before.get() == picture.get()) {
-    return false;
+  if (last_ && last_.get() == picture.get()) {
+    return std::nullopt;
   }
-  before->lockBaseAddress(kPixelBufferLockReadOnly);
-  picture->lockBaseAddress(kPixelBufferLockReadOnly);
-  bool same = samePixels(*before, *picture);
-  picture->unlockBaseAddress(kPixelBufferLockReadOnly);
-  before->unlockBaseAddress(kPixelBufferLockReadOnly);
-  return !same;
+  std::optional<ChangedRows> rows = ChangedRows{0, picture->height() - 1};
+  if (last_ && last_->width() == picture->width() && last_->height() == picture->height()) {
+    Pair pair(*last_, *picture);
+    if (pair.readable()) {
+      rows = difference(pair, phase_++);
+    }
+  }
+  if (rows) {
+    last_ = picture;
+  }
+  return rows;
 }
 
 }  // namespace mirn

@@ -18,6 +18,7 @@ VirtualCaptureSettings cameraSettings(const VirtualOptions& options) {
   VirtualCaptureSettings settings;
   settings.busy = options.busy;
   settings.denied = options.denied;
+  settings.frames_per_second = options.frames_per_second;
   return settings;
 }
 

@@ -20,6 +20,7 @@ struct VirtualOptions {
   bool no_signal = false;  // the camera never delivers a picture
   bool mismatch = false;   // the camera that opens belongs to another device than the keyboard interface
   std::string version = "1.0.0";
+  uint32_t frames_per_second = 60;
   bool version_after_replug = false;
 };
 

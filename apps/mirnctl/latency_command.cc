@@ -1,18 +1,16 @@
 #include <array>
-#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <memory>
-#include <mutex>
 
+#include "apps/common/input_echo.h"
 #include "apps/common/latency_histogram.h"
 #include "apps/common/picture_change.h"
 #include "apps/common/pointer_map.h"
 #include "apps/common/pointer_rest.h"
 #include "apps/mirnctl/commands.h"
 #include "host/main_loop.h"
-#include "virtual/frame_strip.h"
 
 namespace mirn {
 namespace {
@@ -23,45 +21,6 @@ struct LatencyOptions {
   int count = 50;
   std::string quality = "1080P";
   bool answers_only = false;
-};
-
-// Notices on the raster thread when the picture shows new input. A target that carries the machine-readable strip is
-// judged by it, any other by its pixels.
-class ChangeWatch {
- public:
-  void look(const PixelBufferRef& picture) {
-    std::scoped_lock lock(mutex_);
-    picture->lockBaseAddress(kPixelBufferLockReadOnly);
-    auto strip = readStripBgra(picture->baseAddress(), static_cast<int>(picture->width()),
-                               static_cast<int>(picture->height()), picture->bytesPerRow());
-    picture->unlockBaseAddress(kPixelBufferLockReadOnly);
-    bool pixels_changed = change_.changed(picture);
-    bool changed = strip ? strip->input_digest != digest_ : pixels_changed;
-    digest_ = strip ? strip->input_digest : 0;
-    strip_ = strip.has_value();
-    if (changed && !seen_) {
-      seen_ = Clock::now();
-    }
-  }
-  void arm() {
-    std::scoped_lock lock(mutex_);
-    seen_.reset();
-  }
-  std::optional<Clock::time_point> seen() {
-    std::scoped_lock lock(mutex_);
-    return seen_;
-  }
-  bool strip() {
-    std::scoped_lock lock(mutex_);
-    return strip_;
-  }
-
- private:
-  std::mutex mutex_;
-  PictureChange change_;
-  uint32_t digest_ = 0;
-  bool strip_ = false;
-  std::optional<Clock::time_point> seen_;
 };
 
 LatencyHistogram measureAnswers(Context& context, int count) {
@@ -75,20 +34,27 @@ LatencyHistogram measureAnswers(Context& context, int count) {
   return histogram;
 }
 
-LatencyHistogram measurePictures(Context& context, int count, ChangeWatch& watch) {
+LatencyHistogram measurePictures(Context& context, int count, InputEcho& echo) {
   constexpr std::chrono::milliseconds kPatience{1000};
   LatencyHistogram histogram;
   for (int i = 0; i < count; ++i) {
     int place = i % 2 == 0 ? kFullScale / 4 : kFullScale * 3 / 4;
     // A different moment within the frame interval each time, or all samples would share one phase.
     runLoopFor(std::chrono::milliseconds(20 + i % 17));
-    watch.arm();
-    Clock::time_point start = Clock::now();
+    echo.reset();
+    echo.sent();
     for (int move = 0; move < PointerRest::kMovesToBeSure; ++move) {
       context.session().input().mouseMove(place, place);
     }
-    if (runLoopUntil([&] { return watch.seen().has_value(); }, kPatience)) {
-      histogram.add(*watch.seen() - start);
+    std::optional<std::chrono::nanoseconds> time;
+    runLoopUntil(
+        [&] {
+          time = echo.takeOutcome();
+          return time.has_value();
+        },
+        kPatience);
+    if (time) {
+      histogram.add(*time);
     }
   }
   return histogram;
@@ -129,16 +95,20 @@ int runLatency(Context& context, const LatencyOptions& options) {
   if (auto trouble = context.needPicture(options.quality, false, std::chrono::seconds(5), &first)) {
     return *trouble;
   }
-  auto watch = std::make_shared<ChangeWatch>();
-  context.session().engine().setFrameListener(
-      [watch](int64_t /*id*/, const PixelBufferRef& picture) { watch->look(picture); });
-  LatencyHistogram pictures = measurePictures(context, options.count, *watch);
+  auto echo = std::make_shared<InputEcho>();
+  auto change = std::make_shared<PictureChange>();
+  context.session().engine().setFrameListener([echo, change](int64_t /*id*/, const PixelBufferRef& picture) {
+    if (change->changed(picture)) {
+      echo->changedPicture(picture);
+    }
+  });
+  LatencyHistogram pictures = measurePictures(context, options.count, *echo);
   context.session().engine().setFrameListener({});
   if (pictures.count() == 0) {
     return context.report().failure(kExitNoPicture, "No picture showed the pointer's moves.", fields);
   }
   fields["input_to_picture"] = histogramFields(pictures);
-  fields["judged_by"] = watch->strip() ? "strip" : "pixels";
+  fields["judged_by"] = echo->judgedByStrip() ? "strip" : "pixels";
   return context.report().success(text + histogramText("input to picture", pictures), fields);
 }
 

@@ -17,42 +17,79 @@ PixelBufferRef picture(size_t width, size_t height, uint8_t fill) {
   return buffer;
 }
 
-TEST(PictureChange, EqualPicturesAreNoChange) {
-  PictureChange change;
-  EXPECT_TRUE(change.changed(picture(64, 8, 1)));
-  EXPECT_FALSE(change.changed(picture(64, 8, 1)));
-  EXPECT_FALSE(change.changed(picture(64, 8, 1)));
+// Turns one byte of a copy of `picture(1920, 64, 1)`.
+PixelBufferRef withByteChanged(size_t row, size_t byte, size_t rows_high = 1) {
+  PixelBufferRef other = picture(1920, 64, 1);
+  other->lockBaseAddress(kPixelBufferLockForWriting);
+  for (size_t i = 0; i < rows_high; ++i) {
+    other->baseAddress()[(row + i) * other->bytesPerRow() + byte] ^= 1;
+  }
+  other->unlockBaseAddress(kPixelBufferLockForWriting);
+  return other;
 }
 
-TEST(PictureChange, ASingleByteAnywhereIsAChange) {
-  for (size_t place : {size_t{0}, size_t{255}, size_t{7 * 256 + 255}}) {
-    PictureChange change;
-    change.changed(picture(64, 8, 1));
-    PixelBufferRef other = picture(64, 8, 1);
-    other->lockBaseAddress(kPixelBufferLockForWriting);
-    other->baseAddress()[place / 256 * other->bytesPerRow() + place % 256] ^= 1;
-    other->unlockBaseAddress(kPixelBufferLockForWriting);
-    EXPECT_TRUE(change.changed(other)) << place;
+TEST(PictureChange, EqualPicturesAreNoChange) {
+  PictureChange change;
+  EXPECT_EQ(change.changed(picture(64, 8, 1)), (ChangedRows{0, 7}));
+  for (int i = 0; i < 9; ++i) {
+    EXPECT_EQ(change.changed(picture(64, 8, 1)), std::nullopt);
   }
+}
+
+TEST(PictureChange, ASingleByteAnywhereIsSeenAfterFourLooks) {
+  for (size_t row : {size_t{0}, size_t{7}, size_t{63}}) {
+    for (size_t byte : {size_t{0}, size_t{255}, size_t{256}, size_t{7679}}) {
+      PictureChange change;
+      change.changed(picture(1920, 64, 1));
+      std::optional<ChangedRows> rows;
+      for (size_t look = 0; look < PictureChange::kPieces && !rows; ++look) {
+        rows = change.changed(withByteChanged(row, byte));
+      }
+      EXPECT_EQ(rows, (ChangedRows{row, row})) << row << " " << byte;
+    }
+  }
+}
+
+TEST(PictureChange, ACaretIsSeenAtOnceWhereverItStands) {
+  for (size_t byte = 0; byte < 7680; byte += 52) {
+    PictureChange change;
+    change.changed(picture(1920, 64, 1));
+    EXPECT_EQ(change.changed(withByteChanged(20, byte, PictureChange::kPieces)),
+              (ChangedRows{20, 20 + PictureChange::kPieces - 1}));
+  }
+}
+
+TEST(PictureChange, AChangeThatWasMissedIsNotLostWhenTheNextPicturesAreEqual) {
+  PictureChange change;
+  change.changed(picture(1920, 64, 1));
+  int seen = 0;
+  for (size_t look = 0; look < 3 * PictureChange::kPieces; ++look) {
+    PixelBufferRef again = withByteChanged(5, 100);
+    seen += change.changed(again) ? 1 : 0;
+  }
+  EXPECT_EQ(seen, 1);
 }
 
 TEST(PictureChange, PaddingBehindTheRowsDoesNotCount) {
   PictureChange change;
   change.changed(picture(3, 4, 1));
-  PixelBufferRef other = picture(3, 4, 1);
-  ASSERT_GT(other->bytesPerRow(), 12U);
-  other->lockBaseAddress(kPixelBufferLockForWriting);
-  other->baseAddress()[12] = 99;
-  other->unlockBaseAddress(kPixelBufferLockForWriting);
-  EXPECT_FALSE(change.changed(other));
+  for (size_t look = 0; look < PictureChange::kPieces; ++look) {
+    PixelBufferRef other = picture(3, 4, 1);
+    ASSERT_GT(other->bytesPerRow(), 12U);
+    other->lockBaseAddress(kPixelBufferLockForWriting);
+    other->baseAddress()[12] = 99;
+    other->unlockBaseAddress(kPixelBufferLockForWriting);
+    EXPECT_EQ(change.changed(other), std::nullopt);
+  }
 }
 
 TEST(PictureChange, AnotherSizeAndForgettingAreChanges) {
   PictureChange change;
   change.changed(picture(64, 8, 1));
-  EXPECT_TRUE(change.changed(picture(8, 64, 1)));
+  EXPECT_EQ(change.changed(picture(8, 64, 1)), (ChangedRows{0, 63}));
   change.forget();
-  EXPECT_TRUE(change.changed(picture(8, 64, 1)));
+  EXPECT_EQ(change.changed(picture(8, 64, 1)), (ChangedRows{0, 63}));
+  EXPECT_EQ(change.changed(PixelBufferRef()), std::nullopt);
 }
 
 TEST(PngFile, EncodesAPictureAndRefusesAnythingElse) {
