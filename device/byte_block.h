@@ -1,4 +1,4 @@
-// Sixteen bytes at a time: is there a head or an escape byte among them? For encoder and decoder.
+// Sixteen (or eight) bytes at a time: is there a head or an escape byte among them? For encoder and decoder.
 #pragma once
 
 #include <cstddef>
@@ -12,6 +12,14 @@
 namespace mirn {
 
 inline constexpr size_t kBlockBytes = 16;
+
+// Is `wanted` among the eight bytes of `word`?
+constexpr bool hasByte(uint64_t word, uint8_t wanted) {
+  constexpr uint64_t kLow = 0x0101010101010101;
+  constexpr uint64_t kHigh = 0x8080808080808080;
+  const uint64_t zero_where_wanted = word ^ (kLow * wanted);
+  return ((zero_where_wanted - kLow) & ~zero_where_wanted & kHigh) != 0;
+}
 
 #if defined(__SSE2__)
 
@@ -47,6 +55,11 @@ inline uint32_t sumBytes(const uint8_t* bytes, size_t size) {
   size_t done = 0;
   for (; size - done >= kBlockBytes; done += kBlockBytes) {
     sums = _mm_add_epi64(sums, _mm_sad_epu8(loadBlock(bytes + done), _mm_setzero_si128()));
+  }
+  if (size - done >= sizeof(uint64_t)) {
+    const __m128i half = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(bytes + done));
+    sums = _mm_add_epi64(sums, _mm_sad_epu8(half, _mm_setzero_si128()));
+    done += sizeof(uint64_t);
   }
   auto sum = static_cast<uint32_t>(_mm_cvtsi128_si32(sums)) +
              static_cast<uint32_t>(_mm_cvtsi128_si32(_mm_unpackhi_epi64(sums, sums)));

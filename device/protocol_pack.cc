@@ -1,5 +1,6 @@
 // The encoder: one pass that sums, one that writes.
 #include <bit>
+#include <cstring>
 
 #include "device/byte_block.h"
 #include "device/protocol.h"
@@ -20,9 +21,30 @@ uint8_t* writeEscaped(uint8_t byte, uint8_t* out) {
   return out;
 }
 
-uint8_t* writeEscaped16(uint16_t value, uint8_t* out) {
-  out = writeEscaped(static_cast<uint8_t>(value & 0xFF), out);
-  return writeEscaped(static_cast<uint8_t>(value >> 8), out);
+bool needsEscape(uint64_t word) {
+  return hasByte(word, kFrameHead) || hasByte(word, kFrameEscape);
+}
+
+void storeLittleEndian(uint64_t word, uint8_t* out) {
+  for (size_t i = 0; i < sizeof(word); ++i) {
+    out[i] = static_cast<uint8_t>(word >> (8 * i));
+  }
+}
+
+// Length, index, checksum and command: seven bytes, of which almost never one needs an escape. The output has room for
+// the eighth byte that is written then.
+uint8_t* writeFields(uint16_t length, uint16_t packet_index, uint16_t checksum, uint8_t command, uint8_t* out) {
+  const uint64_t fields =
+      uint64_t{length} | uint64_t{packet_index} << 16 | uint64_t{checksum} << 32 | uint64_t{command} << 48;
+  constexpr size_t kFieldBytes = 7;
+  if (!needsEscape(fields)) {
+    storeLittleEndian(fields, out);
+    return out + kFieldBytes;
+  }
+  for (size_t i = 0; i < kFieldBytes; ++i) {
+    out = writeEscaped(static_cast<uint8_t>(fields >> (8 * i)), out);
+  }
+  return out;
 }
 
 // One block of which the bytes in `escapes` need it. Each step copies sixteen bytes and keeps the run in front of the
@@ -62,6 +84,16 @@ uint8_t* writeEscapedPayload(const uint8_t* payload, size_t size, uint8_t* out) 
     payload += kBlockBytes;
     left -= kBlockBytes;
   }
+  uint64_t word = 0;
+  if (left >= sizeof(word)) {
+    std::memcpy(&word, payload, sizeof(word));
+    if (!needsEscape(word)) {
+      std::memcpy(out, &word, sizeof(word));
+      out += sizeof(word);
+      payload += sizeof(word);
+      left -= sizeof(word);
+    }
+  }
   for (; left != 0; --left) {
     out = writeEscaped(*payload++, out);
   }
@@ -79,10 +111,7 @@ int protocol_pack(uint8_t command, const uint8_t* payload, size_t payload_len, u
 
   uint8_t* at = out;
   *at++ = kFrameHead;
-  at = writeEscaped16(length, at);
-  at = writeEscaped16(packet_index, at);
-  at = writeEscaped16(checksum, at);
-  at = writeEscaped(command, at);
+  at = writeFields(length, packet_index, checksum, command, at);
   // The wrapped length decides: a payload of 65,530 bytes is announced as none and sent as none.
   if (length > kFrameOverhead) {
     at = writeEscapedPayload(payload, payload_len, at);
