@@ -1,0 +1,190 @@
+// The plug is pulled at the worst moments: what is under way fails at once, nothing hangs or leaks, and after the next
+// plugging everything works again.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "device/hard_key_mouse.h"
+#include "platform/hid_functions.h"
+#include "platform/mirn_identity.h"
+#include "plugin/mirn_manager.h"
+#include "tests/unit/usb/process_counts.h"
+#include "tests/vm/kernel_mirn.h"
+#include "usb/usb_monitor.h"
+
+namespace mirn {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using std::chrono::steady_clock;
+
+FaultPlan plan(const char* text) {
+  FaultPlan result;
+  std::string error;
+  EXPECT_TRUE(FaultPlan::parse(text, &result, &error)) << error;
+  return result;
+}
+
+hid_device* openHid() {
+  return hidFunctions().open(g_vid, g_pid, nullptr);
+}
+
+bool hidThere() {
+  hid_device* device = openHid();
+  if (device == nullptr) return false;
+  hidFunctions().close(device);
+  return true;
+}
+
+upgrade_args_ex_type chunk(uint16_t id, uint16_t total) {
+  upgrade_args_ex_type args;
+  args.id = id;
+  args.total = total;
+  args.data_len = kFirmwareChunkBytes;
+  args.data[0] = static_cast<uint8_t>(id);
+  return args;
+}
+
+class Hotplug : public testing::Test {
+ protected:
+  void SetUp() override {
+    hidFunctions().init();
+    plugIn();
+  }
+  void plugIn() {
+    device_.plug();
+    ASSERT_TRUE(waitFor(hidThere));
+  }
+  void pullOut() {
+    device_.unplug();
+    ASSERT_TRUE(waitFor([] { return !hidThere(); }));
+  }
+
+  KernelMirn device_;
+};
+
+TEST_F(Hotplug, DuringExchangesFailsThemAndTheNextPluggingWorks) {
+  {
+    hard_key_mouse layer(g_vid, g_pid);
+    std::atomic<int> good{0};
+    std::atomic<int> failed{0};
+    std::thread sender([&] {
+      // Until the device has been gone for a while.
+      while (failed.load() < 20) (layer.send_keyboard({}) == 0 ? good : failed).fetch_add(1);
+    });
+    ASSERT_TRUE(waitFor([&] { return good.load() >= 20; }));
+    device_.unplug();
+    sender.join();
+  }
+  ASSERT_TRUE(waitFor([] { return !hidThere(); }));
+  plugIn();
+  hard_key_mouse layer(g_vid, g_pid);
+  EXPECT_EQ(layer.version_text(), device_.mirn().version());
+  EXPECT_EQ(layer.send_keyboard({}), 0);
+}
+
+TEST_F(Hotplug, DuringAnUpgradeForgetsTheHalfImage) {
+  constexpr uint16_t kChunks = 64;
+  {
+    hard_key_mouse layer(g_vid, g_pid);
+    EXPECT_EQ(layer.new_firmware_handshake({}), 0);
+    for (uint16_t id = 0; id < 20; ++id) ASSERT_EQ(layer.upgrade_firmware(chunk(id, kChunks)), 0);
+    device_.mirn().setFaultPlan(plan("unplug-after@1"));
+    EXPECT_EQ(layer.upgrade_firmware(chunk(20, kChunks)), -1);
+    EXPECT_EQ(layer.upgrade_firmware(chunk(21, kChunks)), -1);
+    EXPECT_EQ(layer.upgrade_firmware(chunk(kChunks - 1, kChunks)), 0) << "the last chunk's failure is meant to be none";
+  }
+  pullOut();
+  EXPECT_EQ(device_.mirn().firmware().completed, 0U);
+  EXPECT_FALSE(device_.mirn().firmware().receiving);
+  device_.mirn().setFaultPlan({});
+  plugIn();
+  hard_key_mouse layer(g_vid, g_pid);
+  EXPECT_EQ(layer.new_firmware_handshake({}), 0);
+  for (uint16_t id = 0; id < kChunks; ++id) ASSERT_EQ(layer.upgrade_firmware(chunk(id, kChunks)), 0);
+  EXPECT_EQ(device_.mirn().firmware().completed, 1U);
+}
+
+TEST_F(Hotplug, DuringInitKmProxyFailsAndLaterSucceeds) {
+  const auto manager = MirnManager::init();
+  for (const char* moment : {"unplug@1", "unplug-after@1", "unplug@2", "unplug-after@2"}) {
+    device_.mirn().setFaultPlan(plan(moment));
+    EXPECT_FALSE(manager->initKmProxy()) << moment;
+    EXPECT_EQ(manager->kmproxy(), nullptr);
+    pullOut();
+    device_.mirn().setFaultPlan({});
+    plugIn();
+    EXPECT_TRUE(manager->initKmProxy()) << moment;
+    EXPECT_EQ(manager->getMirnDevInfo().size(), 4U);
+  }
+  manager->releaseProxy();
+}
+
+TEST_F(Hotplug, NodesAreFoundAgainThoughTheirNumbersChange) {
+  hid_device* dead = openHid();  // keeps its node number taken
+  ASSERT_NE(dead, nullptr);
+  pullOut();
+  plugIn();
+  hard_key_mouse layer(g_vid, g_pid);
+  EXPECT_TRUE(layer.device_opened());
+  EXPECT_EQ(layer.send_keyboard({}), 0);
+  const unsigned char report[2] = {0, 0};
+  EXPECT_EQ(hidFunctions().write(dead, report, sizeof(report)), -1);
+  hidFunctions().close(dead);
+}
+
+TEST_F(Hotplug, ADeviceThatTakesNoDataLetsTheWriteFailAfterFiveSeconds) {
+  hard_key_mouse layer(g_vid, g_pid);
+  device_.usb().holdOutput(true);
+  const auto begin = steady_clock::now();
+  EXPECT_EQ(layer.send_keyboard({}), -1);
+  const auto took = steady_clock::now() - begin;
+  EXPECT_GE(took, milliseconds(4500));
+  EXPECT_LT(took, seconds(12));
+  device_.usb().holdOutput(false);
+  EXPECT_EQ(layer.send_keyboard({}), 0);
+}
+
+int roundsWanted() {
+  const char* text = std::getenv("MIRN_VM_ROUNDS");
+  const int rounds = text != nullptr ? std::atoi(text) : 0;
+  return rounds > 0 ? rounds : 60;
+}
+
+TEST(HotplugRounds, LeaveNoThreadAndNoDescriptor) {
+  hidFunctions().init();
+  KernelMirn device;
+  USBMonitor monitor;
+  monitor.StartMonitoring();
+  int threads = 0;
+  int descriptors = 0;
+  const int rounds = roundsWanted();
+  for (int round = 0; round < rounds; ++round) {
+    device.plug();
+    ASSERT_TRUE(waitFor(hidThere)) << "round " << round;
+    ASSERT_TRUE(waitFor([&] { return monitor.GetDeviceExist(); })) << "round " << round;
+    {
+      hard_key_mouse layer(g_vid, g_pid);
+      ASSERT_EQ(layer.version_text(), device.mirn().version()) << "round " << round;
+      device.unplug();
+      ASSERT_EQ(layer.send_keyboard({}), -1) << "round " << round;
+    }
+    ASSERT_TRUE(waitFor([&] { return !monitor.GetDeviceExist(); })) << "round " << round;
+    if (round == 1) {
+      threads = runningThreads();
+      descriptors = openDescriptors();
+    } else if (round > 1) {
+      ASSERT_TRUE(threadsFallTo(threads)) << "round " << round;
+      ASSERT_LE(openDescriptors(), descriptors) << "round " << round;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace mirn

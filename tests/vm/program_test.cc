@@ -1,0 +1,263 @@
+// The program mirn-virtual as a user runs it: commands, signals, faults, exit statuses, and that nothing stays attached
+// however it ends.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "device/hard_key_mouse.h"
+#include "platform/hid_functions.h"
+#include "platform/mirn_identity.h"
+#include "tests/vm/kernel_mirn.h"
+#include "usb/usb_scan.h"
+#include "virtual/usb/vhci_host.h"
+
+namespace mirn {
+namespace {
+
+std::string programPath() {
+  const char* build = std::getenv("MIRN_VM_BUILD");
+  return std::string(build != nullptr ? build : ".") + "/bin/mirn-virtual";
+}
+
+// A child with pipes to its standard streams.
+class Program {
+ public:
+  explicit Program(std::vector<std::string> arguments, uid_t user = 0) {
+    std::array<int, 2> input{};
+    std::array<int, 2> output{};
+    EXPECT_EQ(::pipe2(input.data(), O_CLOEXEC), 0);
+    EXPECT_EQ(::pipe2(output.data(), O_CLOEXEC), 0);
+    arguments.insert(arguments.begin(), programPath());
+    child_ = ::fork();
+    if (child_ == 0) {
+      ::dup2(input[0], STDIN_FILENO);
+      ::dup2(output[1], STDOUT_FILENO);
+      ::dup2(output[1], STDERR_FILENO);
+      if (user != 0 && ::setuid(user) != 0) ::_exit(99);
+      std::vector<char*> raw;
+      for (std::string& argument : arguments) raw.push_back(argument.data());
+      raw.push_back(nullptr);
+      ::execv(raw[0], raw.data());
+      ::_exit(98);
+    }
+    ::close(input[0]);
+    ::close(output[1]);
+    input_ = input[1];
+    output_ = output[0];
+  }
+  ~Program() {
+    if (child_ > 0) {
+      ::kill(child_, SIGKILL);
+      wait();
+    }
+    ::close(input_);
+    ::close(output_);
+  }
+  Program(const Program&) = delete;
+  Program& operator=(const Program&) = delete;
+
+  // The next line, "" at the end or when none comes within 20 s.
+  std::string line() {
+    for (;;) {
+      const size_t end = buffer_.find('\n');
+      if (end != std::string::npos) {
+        const std::string text = buffer_.substr(0, end);
+        buffer_.erase(0, end + 1);
+        return text;
+      }
+      pollfd wait{output_, POLLIN, 0};
+      std::array<char, 512> bytes{};
+      if (::poll(&wait, 1, 20000) <= 0) return "";
+      const ssize_t count = ::read(output_, bytes.data(), bytes.size());
+      if (count <= 0) return "";
+      buffer_.append(bytes.data(), static_cast<size_t>(count));
+    }
+  }
+  bool waitForLine(const std::string& wanted) {
+    for (std::string text = line(); !text.empty(); text = line()) {
+      if (text.find(wanted) != std::string::npos) return true;
+    }
+    return false;
+  }
+  std::string ask(const std::string& command) {
+    const std::string text = command + "\n";
+    EXPECT_EQ(::write(input_, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    return line();
+  }
+  void send(int signal) { ::kill(child_, signal); }
+  // Its exit status, or minus the signal that ended it.
+  int wait() {
+    int status = 0;
+    ::waitpid(std::exchange(child_, -1), &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+  }
+
+ private:
+  pid_t child_ = -1;
+  int input_ = -1;
+  int output_ = -1;
+  std::string buffer_;
+};
+
+bool nothingAttached() {
+  const std::vector<VhciPort> ports = VhciHost().ports();
+  return !UsbDeviceAttached() &&
+         std::all_of(ports.begin(), ports.end(), [](const VhciPort& port) { return port.free; });
+}
+
+bool answers() {
+  hid_device* device = hidFunctions().open(g_vid, g_pid, nullptr);
+  if (device == nullptr) return false;
+  hidFunctions().close(device);
+  hard_key_mouse layer(g_vid, g_pid);
+  return !layer.version_text().empty();
+}
+
+TEST(Program, PlugsUnplugsAndReplugsByCommand) {
+  Program program({});
+  ASSERT_TRUE(program.waitForLine("ready"));
+  EXPECT_TRUE(waitFor(answers));
+  EXPECT_EQ(program.ask("unplug"), "ok");
+  EXPECT_TRUE(waitFor(nothingAttached));
+  EXPECT_EQ(program.ask("replug"), "ok");
+  EXPECT_TRUE(waitFor(answers));
+  EXPECT_EQ(program.ask("status").substr(0, 24), "device 1: plugged, port ");
+  EXPECT_EQ(program.ask("unplug 2"), "error: there is no such device");
+  EXPECT_EQ(program.ask("faults nonsense").substr(0, 7), "error: ");
+  EXPECT_EQ(program.ask("dance").substr(0, 7), "error: ");
+  EXPECT_EQ(program.ask("quit"), "ok");
+  EXPECT_EQ(program.wait(), 0);
+  EXPECT_TRUE(waitFor(nothingAttached));
+}
+
+TEST(Program, PlugsAndUnplugsBySignal) {
+  Program program({"--no-stdin"});
+  ASSERT_TRUE(program.waitForLine("ready"));
+  program.send(SIGUSR1);
+  EXPECT_TRUE(program.waitForLine("all unplugged"));
+  EXPECT_TRUE(waitFor(nothingAttached));
+  program.send(SIGUSR2);
+  EXPECT_TRUE(program.waitForLine("all plugged"));
+  EXPECT_TRUE(waitFor([] { return UsbDeviceAttached(); }));
+}
+
+class ProgramEnd : public testing::TestWithParam<int> {};
+
+TEST_P(ProgramEnd, LeavesNothingAttached) {
+  Program program({});
+  ASSERT_TRUE(program.waitForLine("ready"));
+  ASSERT_TRUE(waitFor([] { return UsbDeviceAttached(); }));
+  program.send(GetParam());
+  EXPECT_EQ(program.wait(), GetParam() == SIGKILL || GetParam() == SIGSEGV ? -GetParam() : 0);
+  EXPECT_TRUE(waitFor(nothingAttached));
+}
+
+INSTANTIATE_TEST_SUITE_P(Signals, ProgramEnd, testing::Values(SIGTERM, SIGINT, SIGHUP, SIGKILL, SIGSEGV),
+                         [](const auto& number) { return std::string("By") + sigabbrev_np(number.param); });
+
+TEST(Program, SeveralDevicesOnPortsOfTheirOwn) {
+  Program program({"--devices=2", "--port=2", "--serial=twin"});
+  ASSERT_TRUE(program.waitForLine("device 1: plugged, port 2"));
+  ASSERT_TRUE(program.waitForLine("device 2: plugged, port 3"));
+  for (const wchar_t* serial : {L"twin", L"twin-2"}) {
+    EXPECT_TRUE(waitFor([serial] {
+      hid_device* device = hidFunctions().open(g_vid, g_pid, serial);
+      if (device != nullptr) hidFunctions().close(device);
+      return device != nullptr;
+    }));
+  }
+  EXPECT_TRUE(program.waitForLine("ready"));
+  EXPECT_EQ(program.ask("unplug 1"), "ok");
+  EXPECT_TRUE(waitFor([] { return hidFunctions().open(g_vid, g_pid, L"twin") == nullptr; }));
+}
+
+TEST(Program, TakesAFaultPlanAndSaysWhenTheDeviceLeaves) {
+  Program program({"--faults=unplug@3", "--firmware=2.3.4"});
+  ASSERT_TRUE(program.waitForLine("ready"));
+  ASSERT_TRUE(waitFor([] { return UsbDeviceAttached(); }));
+  ASSERT_TRUE(waitFor([] {
+    hid_device* device = hidFunctions().open(g_vid, g_pid, nullptr);
+    if (device != nullptr) hidFunctions().close(device);
+    return device != nullptr;
+  }));
+  hard_key_mouse layer(g_vid, g_pid);
+  EXPECT_EQ(layer.version_text(), "2.3.4");
+  EXPECT_EQ(layer.send_keyboard({}), 0);
+  EXPECT_EQ(layer.send_keyboard({}), -1);
+  EXPECT_TRUE(program.waitForLine("device 1: left the bus"));
+  EXPECT_TRUE(waitFor(nothingAttached));
+  EXPECT_EQ(program.ask("faults"), "ok");
+  EXPECT_EQ(program.ask("replug"), "ok");
+  EXPECT_TRUE(waitFor(answers));
+}
+
+TEST(Program, TakenAndMissingPortsAreOneLineAndStatus5) {
+  Program first({"--port=0"});
+  ASSERT_TRUE(first.waitForLine("ready"));
+  Program second({"--port=0"});
+  EXPECT_EQ(second.line(), "mirn-virtual: port 0 of vhci-hcd is taken");
+  EXPECT_EQ(second.wait(), 5);
+  Program third({"--port=900"});
+  EXPECT_EQ(third.line(), "mirn-virtual: vhci-hcd has no port 900");
+  EXPECT_EQ(third.wait(), 5);
+}
+
+TEST(Program, WithoutRootIsOneLineAndStatus3) {
+  constexpr uid_t kNobody = 65534;
+  Program program({}, kNobody);
+  EXPECT_EQ(program.line(), "mirn-virtual: only root may plug a device into the kernel");
+  EXPECT_EQ(program.wait(), 3);
+}
+
+TEST(Program, TakesCommandsOnASocketToo) {
+  const std::string path = "/tmp/mirn-virtual.socket";
+  Program program({"--no-stdin", "--control=" + path, "--unplugged"});
+  ASSERT_TRUE(program.waitForLine("ready"));
+  EXPECT_TRUE(nothingAttached());
+  const int connection = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
+  ASSERT_EQ(::connect(connection, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+  ASSERT_EQ(::write(connection, "replug\n", 7), 7);
+  std::array<char, 64> answer{};
+  ASSERT_GT(::read(connection, answer.data(), answer.size() - 1), 0);
+  EXPECT_STREQ(answer.data(), "ok\n");
+  EXPECT_TRUE(waitFor([] { return UsbDeviceAttached(); }));
+  ASSERT_EQ(::write(connection, "quit\n", 5), 5);
+  EXPECT_EQ(program.wait(), 0);
+  EXPECT_NE(::access(path.c_str(), F_OK), 0);
+  ::close(connection);
+}
+
+TEST(Permissions, AnOrdinaryUserCannotOpenTheNodeWithoutARule) {
+  Program program({});
+  ASSERT_TRUE(program.waitForLine("ready"));
+  ASSERT_TRUE(waitFor(answers));
+  const pid_t child = ::fork();
+  if (child == 0) {
+    if (::setuid(65534) != 0) ::_exit(99);
+    const hard_key_mouse layer(g_vid, g_pid);
+    ::_exit(layer.device_opened() ? 1 : 0);
+  }
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+}  // namespace
+}  // namespace mirn
