@@ -1,0 +1,169 @@
+// From the bytes of a call to the bytes of its answer, against msgpack merely unpacking the same data.
+#include <benchmark/benchmark.h>
+
+#include <array>
+#include <msgpack.hpp>
+#include <string>
+#include <vector>
+
+#include "embedding/plugin_registrar.h"
+#include "platform/hid_functions.h"
+#include "plugin/flutter_mirn_plugin_c_api.h"
+#include "plugin/mirn_global.h"
+#include "plugin/mirn_host.h"
+#include "plugin/mirn_manager.h"
+#include "plugin/perfect_index.h"
+#include "plugin/registration.h"
+#include "tests/unit/embedding/allocation_count.h"
+#include "virtual/virtual_hid.h"
+
+namespace mirn {
+namespace {
+
+struct NoTextures : TextureRegistry {
+  int64_t registerTexture(std::shared_ptr<ExternalTexture>) override { return 1; }
+  void textureFrameAvailable(int64_t) override {}
+  void unregisterTexture(int64_t) override {}
+};
+
+// Hands messages to the handler and looks at the answers; costs a call each way.
+class BareMessenger final : public BinaryMessenger, public BinaryReplySink {
+ public:
+  void send(std::string_view, std::span<const uint8_t>, std::function<void(std::span<const uint8_t>)>) override {}
+  void setMessageHandler(std::string_view, std::shared_ptr<BinaryMessageHandler> handler) override {
+    handler_ = std::move(handler);
+  }
+  void clearMessageHandler(std::string_view, const BinaryMessageHandler*) override { handler_.reset(); }
+
+  void deliver(std::span<const uint8_t> message) { handler_->onMessage(message, BinaryReply(this)); }
+  void answered(std::span<const uint8_t> reply) override { answered_bytes += reply.size(); }
+  void dropped() override { ++drops; }
+
+  uint64_t answered_bytes = 0;
+  uint64_t drops = 0;
+
+ private:
+  std::shared_ptr<BinaryMessageHandler> handler_;
+};
+
+// The channel without a proxy; made once, on a virtual HID back end without devices.
+BareMessenger& channel() {
+  static BareMessenger& messenger = []() -> BareMessenger& {
+    auto* made = new BareMessenger;
+    hostInstallHidFunctions(&VirtualHid::functions());
+    auto* registrar = new PluginRegistrar(*made, std::make_shared<NoTextures>());
+    registerFlutterMirnPluginCApi(*registrar);
+    return *made;
+  }();
+  return messenger;
+}
+
+void dispatch(benchmark::State& state, const std::vector<uint8_t>& message) {
+  BareMessenger& messenger = channel();
+  const test::Allocations before = test::allocations();
+  for (auto _ : state) {
+    messenger.deliver(message);
+    benchmark::DoNotOptimize(messenger.answered_bytes);
+  }
+  state.counters["allocations"] = benchmark::Counter(static_cast<double>(test::allocations().count - before.count),
+                                                     benchmark::Counter::kAvgIterations);
+}
+
+void unpack(benchmark::State& state, const msgpack::sbuffer& packed) {
+  const test::Allocations before = test::allocations();
+  for (auto _ : state) {
+    size_t offset = 0;
+    msgpack::object_handle method = msgpack::unpack(packed.data(), packed.size(), offset);
+    msgpack::object_handle arguments = msgpack::unpack(packed.data(), packed.size(), offset);
+    benchmark::DoNotOptimize(method.get());
+    benchmark::DoNotOptimize(arguments.get());
+  }
+  state.counters["allocations"] = benchmark::Counter(static_cast<double>(test::allocations().count - before.count),
+                                                     benchmark::Counter::kAvgIterations);
+}
+
+void keyDownOurs(benchmark::State& state) {
+  dispatch(state, encodeMethodCall("keyDown", ValueMap{{"key", 65}}));
+}
+
+void keyDownMsgpack(benchmark::State& state) {
+  msgpack::sbuffer buffer;
+  msgpack::packer<msgpack::sbuffer> packer(buffer);
+  packer.pack("keyDown");
+  packer.pack_map(1);
+  packer.pack("key");
+  packer.pack(65);
+  unpack(state, buffer);
+}
+
+void mouseMoveOurs(benchmark::State& state) {
+  dispatch(state, encodeMethodCall("mouseMove", ValueMap{{"x", 16000}, {"y", 9000}}));
+}
+
+void mouseMoveMsgpack(benchmark::State& state) {
+  msgpack::sbuffer buffer;
+  msgpack::packer<msgpack::sbuffer> packer(buffer);
+  packer.pack("mouseMove");
+  packer.pack_map(2);
+  packer.pack("x");
+  packer.pack(16000);
+  packer.pack("y");
+  packer.pack(9000);
+  unpack(state, buffer);
+}
+
+// Queueing by itself: what a key costs the caller beyond the dispatch. The device takes reports as fast as they come.
+void keyDownQueued(benchmark::State& state) {
+  VirtualMirnSettings settings;
+  settings.latency = {};
+  settings.jitter = {};
+  settings.warm_up_latency = {};
+  settings.history_limit = 1;
+  const auto device = std::make_shared<VirtualMirn>(settings);
+  channel();
+  VirtualHid::instance().add(device);
+  if (!mirn_->initKmProxy()) state.SkipWithError("no connection to the virtual device");
+  const std::vector<uint8_t> message = encodeMethodCall("keyDown", ValueMap{{"key", 65}});
+  for (auto _ : state) channel().deliver(message);
+  hostReleaseProxy();
+  VirtualHid::instance().remove(device);
+}
+
+template <size_t kCount>
+std::array<std::string_view, kCount> someNames() {
+  static const std::vector<std::string>& texts = []() -> std::vector<std::string>& {
+    auto* made = new std::vector<std::string>;
+    for (const MainCommand& command : mainCommands()) made->emplace_back(command.name);
+    while (made->size() < kCount) made->push_back("command" + std::to_string(made->size() * 7919));
+    return *made;
+  }();
+  std::array<std::string_view, kCount> names;
+  for (size_t i = 0; i < kCount; ++i) names[i] = texts[i];
+  return names;
+}
+
+// The same 22 names, in a table of 22 or of 200.
+template <size_t kCount>
+void findName(benchmark::State& state) {
+  const std::array<std::string_view, kCount> names = someNames<kCount>();
+  const PerfectIndex<kCount> index(names);
+  if (!index.valid()) state.SkipWithError("the index could not be built");
+  size_t next = 0;
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(index.find(names[next]));
+    next = next + 1 == 22 ? 0 : next + 1;
+  }
+}
+
+BENCHMARK(keyDownOurs)->Name("channel_key_down/ours");
+BENCHMARK(keyDownMsgpack)->Name("channel_key_down/peer:msgpack_unpack");
+BENCHMARK(mouseMoveOurs)->Name("channel_mouse_move/ours");
+BENCHMARK(mouseMoveMsgpack)->Name("channel_mouse_move/peer:msgpack_unpack");
+BENCHMARK(keyDownQueued)->Name("channel_key_down_queued/ours");
+BENCHMARK(findName<200>)->Name("channel_find_command/ours");
+BENCHMARK(findName<22>)->Name("channel_find_command/peer:table_of_22");
+
+}  // namespace
+}  // namespace mirn
+
+BENCHMARK_MAIN();
