@@ -1,8 +1,8 @@
 // A HID back end that does what a test says: it keeps every write and hands out prepared reads.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
-#include <cstring>
 #include <deque>
 #include <string>
 #include <utility>
@@ -95,7 +95,7 @@ class ScriptedHid {
     }
     const Read next = std::move(reads.front());
     reads.pop_front();
-    std::memcpy(data, next.bytes.data(), std::min(length, next.bytes.size()));
+    std::copy_n(next.bytes.begin(), std::min(length, next.bytes.size()), data);
     return next.result;
   }
 
