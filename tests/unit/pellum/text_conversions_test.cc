@@ -1,8 +1,11 @@
 #include "deps/pellum/text_conversions.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <clocale>
+#include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
@@ -217,10 +220,22 @@ TEST(Utf82W, OneArgumentFormEndsAtTheFirstZeroUnit) {
 TEST_F(TextLocale, Utf82WOfLatin1BytesFallsBackToTheLocale) {
   // The C locale has no character for the byte: the conversion fails, the result is empty.
   EXPECT_EQ(UTF82W("M\xFCller"), L"");
-  if (!useLocale("en_US.ISO-8859-1") && !useLocale("de_DE.ISO-8859-1")) {
-    GTEST_SKIP() << "no Latin-1 locale on this machine; the C locale was tested";
+  // A locale of our own, so that the machine need not have one.
+  const std::string folder = testing::TempDir() + "mirn-locale-" + std::to_string(::getpid());
+  std::filesystem::create_directories(folder);
+  const std::string make = "localedef -i en_US -f ISO-8859-1 " + folder + "/latin1 >/dev/null 2>&1";
+  const bool made = std::system(make.c_str()) == 0;  // NOLINT(cert-env33-c): a test's own command
+  ::setenv("LOCPATH", folder.c_str(), 1);
+  const bool used = made && useLocale("latin1");
+  const std::wstring converted = used ? UTF82W("M\xFCller") : L"";
+  const std::string back = used ? CW2A_(L"M\u00fcller") : "";
+  ::unsetenv("LOCPATH");
+  std::filesystem::remove_all(folder);
+  if (!used) {
+    GTEST_SKIP() << "no Latin-1 locale can be made here (package locales); the C locale was tested";
   }
-  EXPECT_EQ(UTF82W("M\xFCller"), L"M\u00fcller");
+  EXPECT_EQ(converted, L"M\u00fcller");
+  EXPECT_EQ(back, "M\xFCller");
 }
 
 TEST_F(TextLocale, Ca2WUnderTheCLocale) {

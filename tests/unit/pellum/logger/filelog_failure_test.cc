@@ -1,0 +1,168 @@
+// Full disks and directories that disappear: who logs never notices.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+
+#include <csignal>
+#include <filesystem>
+#include <string>
+
+#include "deps/pellum/logger/filelog.h"
+#include "tests/unit/pellum/logger/log_folder.h"
+
+namespace mirn {
+namespace {
+
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+// No file of this process may grow beyond a size. Each case is a process of its own, so nobody else is limited.
+class FileSizeLimit {
+ public:
+  explicit FileSizeLimit(rlim_t bytes) {
+    std::signal(SIGXFSZ, SIG_IGN);
+    ::getrlimit(RLIMIT_FSIZE, &old_);
+    const rlimit limit{bytes, old_.rlim_max};
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  ~FileSizeLimit() { lift(); }
+  FileSizeLimit(const FileSizeLimit&) = delete;
+  FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+  void lift() { ::setrlimit(RLIMIT_FSIZE, &old_); }
+
+ private:
+  rlimit old_{};
+};
+
+class Failing : public testing::Test {
+ protected:
+  Failing() { log.Path(folder.c_str(), 0); }
+  LogFolder folder;
+  filelog log;
+};
+
+TEST_F(Failing, FirstFailureRotatesAndTriesTheSameLinesAgain) {
+  log.open("t", filelog::fixed_size, false);
+  const std::string filler(300, 'f');
+  log.write_log(1, "%s", filler.c_str());
+  {
+    // The next line doesn't fit behind the first one, but into a file of its own.
+    const FileSizeLimit limit(500);
+    EXPECT_EQ(log.write_log(1, "%s", filler.c_str()), 1);
+  }
+  EXPECT_THAT(folder.names(), ElementsAre("t.log", "t.log.1"));
+  EXPECT_THAT(folder.lines("t.log"), ElementsAre(EndsWith(filler))) << "whole, in the new file";
+  EXPECT_THAT(folder.lines("t.log.1").front(), EndsWith(filler));
+  log.write_log(1, "goes on");
+  EXPECT_THAT(folder.lines("t.log").back(), EndsWith("goes on")) << "the success has reset the count";
+}
+
+TEST_F(Failing, AfterTwoFailuresInARowNothingIsWrittenAnyMore) {
+  log.open("t", filelog::fixed_size, false);
+  {
+    const FileSizeLimit limit(1);
+    EXPECT_EQ(log.write_log(1, "one"), 1);
+    EXPECT_EQ(log.write_log(1, "two"), 1);
+    EXPECT_THAT(folder.names(), ElementsAre("t.log", "t.log.1", "t.log.2")) << "each failure rotates once";
+  }
+  CapturedOutput output;
+  EXPECT_EQ(log.write_log(1, "three"), 1);
+  log.close();
+  EXPECT_TRUE(log.open("u", filelog::fixed_size, false));
+  EXPECT_EQ(log.write_log(1, "four"), 1);
+  EXPECT_EQ(folder.text("u.log"), "") << "only a successful write resets the count";
+  EXPECT_EQ(folder.text("t.log"), "");
+  EXPECT_EQ(output.text(), "");
+}
+
+TEST_F(Failing, LinesThatCollectAreBoundedAndTheCallerNeverFails) {
+  log.open("t", filelog::fixed_size, false);
+  {
+    const FileSizeLimit limit(1);
+    log.write_log(1, "fails twice");
+  }
+  const std::string line(10000, 'x');
+  for (int i = 0; i < 500; ++i) {  // five times the buffer
+    ASSERT_EQ(log.write_log(4, "%s", line.c_str()), 1);
+  }
+}
+
+TEST_F(Failing, OneFailureThenSuccessStartsTheCountAnew) {
+  log.open("t", filelog::fixed_size, false);
+  const std::string filler(300, 'f');
+  for (int i = 0; i < 5; ++i) {
+    log.write_log(1, "%s", filler.c_str());
+    const FileSizeLimit limit(500);
+    log.write_log(1, "%s", filler.c_str());
+  }
+  log.write_log(1, "still there");
+  EXPECT_THAT(folder.lines("t.log").back(), EndsWith("still there"));
+}
+
+TEST_F(Failing, FullDiskCostsLinesAndNothingElse) {
+  if (::mount("tmpfs", folder.c_str(), "tmpfs", 0, "size=64k") != 0) {
+    GTEST_SKIP() << "no tmpfs may be mounted here; the cases with a file size limit were run";
+  }
+  log.Path(folder.file("logs").c_str(), 0);
+  EXPECT_TRUE(log.open("t", filelog::fixed_size, false));
+  const std::string line(1000, 'x');
+  for (int i = 0; i < 200; ++i) {
+    ASSERT_EQ(log.write_log(1, "%s", line.c_str()), 1);
+  }
+  EXPECT_EQ(log.close(), true);
+  EXPECT_GT(std::filesystem::file_size(folder.file("logs/t.log.1")), 32U << 10);
+  ::umount(folder.c_str());
+}
+
+TEST_F(Failing, DirectoryThatDisappearsIsMadeAgainAtTheNextRotation) {
+  log.Path(folder.file("logs").c_str(), 0);
+  log.open("t", filelog::fixed_size, false);
+  log.write_log(1, "before");
+  std::filesystem::remove_all(folder.file("logs"));
+  EXPECT_EQ(log.write_log(1, "into the removed file"), 1);
+  log.MaxSize(1);
+  EXPECT_EQ(log.write_log(1, "fills the removed file"), 1);
+  log.MaxSize(1000000);
+  EXPECT_EQ(log.write_log(1, "after"), 1);
+  EXPECT_THAT(folder.lines("logs/t.log"), ElementsAre(EndsWith("after")));
+}
+
+TEST_F(Failing, DirectoryReplacedByAFileSendsLinesToStandardOutput) {
+  log.Path(folder.file("logs").c_str(), 0);
+  log.open("t", filelog::fixed_size, false);
+  std::filesystem::remove_all(folder.file("logs"));
+  folder.write("logs", "a file");
+  log.MaxSize(1);
+  EXPECT_EQ(log.write_log(1, "fills the removed file"), 1);
+  CapturedOutput output;
+  EXPECT_EQ(log.write_log(1, "where to"), 1);
+  EXPECT_THAT(output.text(), HasSubstr("where to\n"));
+  EXPECT_EQ(folder.text("logs"), "a file");
+}
+
+TEST_F(Failing, OpenReturnsFalseWhenNoFileCanBeMade) {
+  log.Path(folder.file("missing/deeper").c_str(), 0);
+  EXPECT_FALSE(log.open("t", filelog::fixed_size, false));
+  EXPECT_FALSE(log.open("t", filelog::fixed_size, true));
+  std::filesystem::create_directories(folder.file("here/t.log"));
+  log.Path(folder.file("here").c_str(), 0);
+  EXPECT_FALSE(log.open("t", filelog::fixed_size, true)) << "a directory stands in its place";
+}
+
+TEST_F(Failing, ClosingWithWritesThatFailKeepsTheCountRule) {
+  log.open("t", filelog::fixed_size, false);
+  {
+    const FileSizeLimit limit(1);
+    log.write_log(1, "one");
+    log.close();
+  }
+  EXPECT_TRUE(log.open("u", filelog::fixed_size, false));
+  EXPECT_TRUE(log.close());
+  EXPECT_EQ(folder.text("u.log"), "");
+}
+
+}  // namespace
+}  // namespace mirn

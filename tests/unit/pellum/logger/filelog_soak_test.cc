@@ -1,0 +1,178 @@
+// Many threads into rotated files: every line exactly once, whole, in its thread's order, and in a file when its
+// callers have returned.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "deps/pellum/logger/filelog.h"
+#include "tests/unit/pellum/logger/log_folder.h"
+
+namespace mirn {
+namespace {
+
+constexpr int kThreads = 8;
+
+int linesPerThread() {
+  if (const char* wanted = std::getenv("MIRN_LOG_SOAK_LINES")) {
+    return std::atoi(wanted);
+  }
+#ifdef MIRN_SANITIZED
+  return 5000;
+#else
+  return 100000;
+#endif
+}
+
+std::string payload(int thread, int number) {
+  return "thread " + std::to_string(thread) + " line " + std::to_string(number) + " " +
+         std::string(static_cast<size_t>((thread * 7 + number) % 40), 'p') + "|";
+}
+
+void logFromAllThreads(filelog& log, int lines) {
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&log, t, lines] {
+      for (int i = 0; i < lines; ++i) {
+        ASSERT_EQ(log.write_log(1 << (i % 4), "%s", payload(t, i).c_str()), 1);
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+}
+
+// Files in the order in which they were written: D/N.log.1, .2, ..., D/N.log.
+std::vector<std::string> filesInOrder(const LogFolder& folder) {
+  std::vector<std::string> files;
+  for (int n = 1; folder.has("t.log." + std::to_string(n)); ++n) {
+    files.push_back("t.log." + std::to_string(n));
+  }
+  files.emplace_back("t.log");
+  EXPECT_EQ(files.size(), folder.names().size());
+  return files;
+}
+
+TEST(FilelogSoak, EveryLineIsFoundExactlyOnceAndWhole) {
+  const int lines = linesPerThread();
+  const LogFolder folder;
+  filelog log;
+  log.Path(folder.c_str(), 0);
+  log.MaxSize(1 << 20);
+  ASSERT_TRUE(log.open("t", filelog::fixed_size, false));
+  logFromAllThreads(log, lines);
+  // Not closed: all callers have returned, so everything is in the files.
+  std::vector<int> next(kThreads, 0);
+  size_t found = 0;
+  for (const std::string& name : filesInOrder(folder)) {
+    std::ifstream file(folder.file(name));
+    for (std::string line; std::getline(file, line); ++found) {
+      const std::string message = messageOf(line);
+      int thread = -1;
+      ASSERT_EQ(std::sscanf(message.c_str(), "thread %d", &thread), 1) << name << ": " << line;
+      ASSERT_TRUE(thread >= 0 && thread < kThreads) << line;
+      int& number = next[static_cast<size_t>(thread)];
+      ASSERT_EQ(message, payload(thread, number)) << "in " << name;
+      ASSERT_EQ(line.front(), '[');
+      ++number;
+    }
+  }
+  EXPECT_EQ(found, static_cast<size_t>(kThreads) * static_cast<size_t>(lines));
+  EXPECT_EQ(next, std::vector<int>(kThreads, lines));
+  EXPECT_GT(folder.names().size(), 1U) << "it was rotated";
+}
+
+TEST(FilelogSoak, HourlyFileHoldsEveryLine) {
+  const int lines = linesPerThread() / 20;
+  const LogFolder folder;
+  filelog log;
+  log.Path(folder.c_str(), 0);
+  ASSERT_TRUE(log.open("h", filelog::by_hour, false));
+  logFromAllThreads(log, lines);
+  std::map<std::string, int> count;
+  for (const std::string& name : folder.names()) {
+    for (const std::string& line : folder.lines(name)) {
+      ++count[messageOf(line)];
+    }
+  }
+  EXPECT_EQ(count.size(), static_cast<size_t>(kThreads) * static_cast<size_t>(lines));
+  for (const auto& [message, times] : count) {
+    ASSERT_EQ(times, 1) << message;
+  }
+}
+
+// Whatever the settings do meanwhile: no crash, no hang, and the sanitizers find nothing.
+TEST(FilelogSoak, SettingsMayChangeWhileOthersLog) {
+  const LogFolder folder;
+  filelog log;
+  log.Path(folder.c_str(), 0);
+  log.open("t", filelog::fixed_size, false);
+  std::atomic<bool> done{false};
+  std::thread changer([&] {
+    for (unsigned i = 0; !done; ++i) {
+      log.MaxSize(i % 3 == 0 ? 4096 : 1 << 20);
+      log.Split(i % 2 == 0 ? '\t' : '|');
+      log.Flag(i % 5 == 0 ? 1 : ~0UL);
+      log.SetFileMaxCount(static_cast<unsigned short>(i % 4));
+      log.enable(i % 7 != 0);
+      if (i % 11 == 0) {
+        log.close();
+        log.Path(folder.c_str(), i % 3);
+        log.open("t", i % 2 == 0 ? filelog::fixed_size : filelog::by_hour, i % 4 == 0);
+      }
+    }
+  });
+  CapturedOutput output;  // while the file is closed, lines go there
+  logFromAllThreads(log, linesPerThread() / 50);
+  done = true;
+  changer.join();
+  output.text();
+  EXPECT_TRUE(log.close());
+  log.enable(true);
+  log.Flag(~0UL);
+  log.MaxSize(1 << 20);
+  ASSERT_TRUE(log.open("last", filelog::fixed_size, false));
+  EXPECT_EQ(log.write_log(1, "still works"), 1);
+  EXPECT_EQ(messageOf(folder.lines("last.log").at(0)).find("still works"),
+            messageOf(folder.lines("last.log").at(0)).size() - 11);
+}
+
+// A slow reader of standard output makes the callers wait, it doesn't cost them lines.
+TEST(FilelogSoak, SlowOutputSlowsCallersDownInsteadOfDroppingLines) {
+  int ends[2];
+  ASSERT_EQ(::pipe(ends), 0);
+  std::fflush(stdout);
+  const int real_output = ::dup(STDOUT_FILENO);
+  ::dup2(ends[1], STDOUT_FILENO);
+  ::close(ends[1]);
+  const int lines = linesPerThread() / 20;
+  size_t read_lines = 0;
+  std::thread reader([&] {
+    char bytes[4096];
+    for (ssize_t n = 0; (n = ::read(ends[0], bytes, sizeof bytes)) > 0;) {
+      read_lines += static_cast<size_t>(std::count(bytes, bytes + n, '\n'));
+      for (int i = 0; i < 20; ++i) {
+        std::this_thread::yield();
+      }
+    }
+  });
+  {
+    filelog log;
+    logFromAllThreads(log, lines);
+  }
+  std::fflush(stdout);
+  ::dup2(real_output, STDOUT_FILENO);
+  ::close(real_output);
+  reader.join();
+  ::close(ends[0]);
+  EXPECT_EQ(read_lines, static_cast<size_t>(kThreads) * static_cast<size_t>(lines));
+}
+
+}  // namespace
+}  // namespace mirn

@@ -1,0 +1,186 @@
+#include "deps/pellum/logger/flogger.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/unit/pellum/logger/log_folder.h"
+
+namespace mirn {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+class Flogger : public testing::Test {
+ protected:
+  void load(const std::string& text) {
+    config.write("dravio.ini", text);
+    log.loadcfg(config.file("dravio.ini").c_str());
+  }
+  bool writes(int level) {
+    CapturedOutput output;
+    log.write_log(level, "m");
+    return !output.text().empty();
+  }
+
+  LogFolder config;
+  LogFolder logs;
+  flogger log;
+};
+
+TEST_F(Flogger, InstanceIsOneForTheProcess) {
+  flogger& first = flogger::GetInitance();
+  flogger* second = nullptr;
+  std::thread([&] { second = &flogger::GetInitance(); }).join();
+  EXPECT_EQ(&first, second);
+}
+
+TEST_F(Flogger, IniSetsAllFourValues) {
+  load("[LOGGER]\nPATH=" + std::string(logs.c_str()) + "\nMASK=12\nMAXSIZE=1\nFILE_MAX_COUNT=3\n");
+  EXPECT_FALSE(writes(1));
+  EXPECT_FALSE(writes(2));
+  logs.write("t.log", "old");
+  ASSERT_TRUE(log.open("t", filelog::fixed_size, false));
+  EXPECT_FALSE(logs.has("t.log.1")) << "time-stamped backups";
+  EXPECT_EQ(logs.names().size(), 2U);
+  const std::string line(10000, 'x');
+  for (int i = 0; i < 100; ++i) {
+    log.write_log(4, "%s", line.c_str());
+  }
+  EXPECT_GT(logs.text("t.log").size(), 900U << 10);
+  for (int i = 0; i < 10; ++i) {
+    log.write_log(8, "%s", line.c_str());
+  }
+  EXPECT_LT(logs.text("t.log").size(), 100U << 10) << "rotated at one MiB";
+}
+
+TEST_F(Flogger, KeysAndSectionsAreCaseInsensitive) {
+  load("[logger]\nmask=2\n");
+  EXPECT_FALSE(writes(1));
+  EXPECT_TRUE(writes(2));
+}
+
+TEST_F(Flogger, AbsentKeysAreSetToTheirDefaults) {
+  log.Flag(0);
+  log.SetFileMaxCount(7);
+  log.MaxSize(1);
+  load("[LOGGER]\nPATH=" + std::string(logs.c_str()) + "\n");
+  EXPECT_TRUE(writes(16)) << "all levels";
+  log.open("t", filelog::fixed_size, false);
+  log.write_log(1, "m");
+  log.write_log(1, "m");
+  EXPECT_EQ(logs.lines("t.log").size(), 2U) << "16 MiB";
+  log.close();
+  log.open("t", filelog::fixed_size, false);
+  EXPECT_TRUE(logs.has("t.log.1")) << "numbered backups";
+}
+
+TEST_F(Flogger, AbsentPathMeansTheRootDirectory) {
+  log.Path(logs.c_str(), 0);
+  load("[LOGGER]\nMASK=4\n");
+  const std::string name = "mirn-test-no-such-folder/t";  // nothing is really written to the root
+  EXPECT_FALSE(log.open(name.c_str(), filelog::fixed_size, false));
+  EXPECT_THAT(logs.names(), IsEmpty()) << "the old directory is not used";
+}
+
+TEST_F(Flogger, EmptyFileCountsAsLoaded) {
+  log.Flag(0);
+  load("");
+  EXPECT_TRUE(writes(1));
+}
+
+TEST_F(Flogger, UnreadableFileChangesNothing) {
+  log.Flag(2);
+  log.loadcfg(config.file("missing.ini").c_str());
+  EXPECT_FALSE(writes(1));
+  log.loadcfg(config.c_str());  // a directory
+  EXPECT_FALSE(writes(1));
+  log.loadcfg("");
+  EXPECT_FALSE(writes(1));
+  EXPECT_TRUE(writes(2));
+}
+
+// A pipe would block its reader, a device might never end.
+TEST_F(Flogger, WhatIsNoRegularFileIsNotRead) {
+  log.Flag(2);
+  ASSERT_EQ(::mkfifo(config.file("pipe").c_str(), 0600), 0);
+  log.loadcfg(config.file("pipe").c_str());
+  log.loadcfg("/dev/zero");
+  EXPECT_FALSE(writes(1));
+}
+
+TEST_F(Flogger, HugeFileIsNotRead) {
+  log.Flag(2);
+  config.write("huge.ini", "[LOGGER]\nMASK=1\n");
+  std::filesystem::resize_file(config.file("huge.ini"), 1UL << 32);
+  log.loadcfg(config.file("huge.ini").c_str());
+  EXPECT_FALSE(writes(1));
+}
+
+TEST_F(Flogger, NumbersThatAreNoneKeepTheirDefaults) {
+  load("[LOGGER]\nMASK=many\nMAXSIZE=\nFILE_MAX_COUNT=x\nPATH=" + std::string(logs.c_str()) + "\n");
+  EXPECT_TRUE(writes(1));
+  log.open("t", filelog::fixed_size, false);
+  log.close();
+  log.open("t", filelog::fixed_size, false);
+  EXPECT_TRUE(logs.has("t.log.1"));
+}
+
+TEST_F(Flogger, FileMaxCountUsesItsLowSixteenBits) {
+  load("[LOGGER]\nFILE_MAX_COUNT=65537\nPATH=" + std::string(logs.c_str()) + "\n");
+  logs.write("t.log", "old");
+  log.open("t", filelog::fixed_size, false);
+  EXPECT_TRUE(logs.has("t.log.1")) << "65537 is 1";
+}
+
+TEST_F(Flogger, RepeatedKeysTakeTheFirst) {
+  load("[LOGGER]\nMASK=2\nMASK=1\n");
+  EXPECT_FALSE(writes(1));
+  EXPECT_TRUE(writes(2));
+}
+
+TEST_F(Flogger, ValuesCanBeSetWithoutAFile) {
+  log.loadcfg(logs.c_str(), 4, 1, 0);
+  EXPECT_FALSE(writes(1));
+  log.open("t", filelog::fixed_size, false);
+  log.write_log(4, "m");
+  EXPECT_THAT(logs.names(), ElementsAre("t.log", "t.log.1")) << "a maximum of one byte";
+}
+
+TEST_F(Flogger, NullDirectoryIsReportedAndChangesNothing) {
+  log.loadcfg(logs.c_str(), 4, 1000000, 0);
+  testing::internal::CaptureStderr();
+  log.loadcfg(nullptr, ~0UL, 1, 5);
+  EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("directory"));
+  EXPECT_FALSE(writes(1));
+  log.open("t", filelog::fixed_size, false);
+  log.write_log(4, "m");
+  EXPECT_THAT(logs.names(), ElementsAre("t.log"));
+}
+
+// The probe logs from threads and a static destructor while the process ends.
+TEST_F(Flogger, OutlivesThreadsAndStaticObjectsAtTheEndOfTheProcess) {
+  const std::string command = std::string(MIRN_EXIT_PROBE) + " " + logs.c_str() + " >/dev/null";
+  for (int i = 0; i < 5; ++i) {
+    const int status = std::system(command.c_str());  // NOLINT(cert-env33-c): the test's own program
+    ASSERT_TRUE(WIFEXITED(status)) << status;
+    ASSERT_EQ(WEXITSTATUS(status), 0);
+    // The last batch of a thread that the end of the process stops may be cut off, everything before it is whole.
+    const std::vector<std::string> lines = logs.lines("exit.log");
+    ASSERT_GT(lines.size(), 400U);
+    for (size_t n = 0; n + 1 < lines.size(); ++n) {
+      ASSERT_EQ(lines[n].front(), '[') << lines[n];
+    }
+  }
+}
+
+}  // namespace
+}  // namespace mirn
