@@ -6,9 +6,10 @@
 #include <turbojpeg.h>
 
 #include <climits>
-#include <cstring>
+#include <cstdio>
 
 #include "platform/bt709_rows.h"
+#include "platform/jpeg_header.h"
 
 namespace mirn {
 namespace {
@@ -86,8 +87,14 @@ void convertNv12(const uint8_t* bytes, size_t line, const FrameLayout& layout, u
 }
 
 // Many cameras put a few bytes between the picture and its end marker. The decoder says so and the picture is whole.
+// A longer run is picture data that was given up.
 bool onlyFillBeforeEnd(const char* warning) {
-  return std::strstr(warning, "extraneous bytes before marker 0xd9") != nullptr;
+  constexpr unsigned kMostFillBytes = 16;
+  unsigned count = 0;
+  unsigned marker = 0;
+  constexpr unsigned kEndOfImage = 0xd9;
+  return std::sscanf(warning, "Corrupt JPEG data: %u extraneous bytes before marker 0x%x", &count, &marker) == 2 &&
+         count <= kMostFillBytes && marker == kEndOfImage;
 }
 
 }  // namespace
@@ -121,9 +128,7 @@ size_t frameBytes(const FrameLayout& layout) {
 FrameConverter::FrameConverter() = default;
 
 FrameConverter::~FrameConverter() {
-  if (decoder_ != nullptr) {
-    tjDestroy(decoder_);
-  }
+  dropDecoder();
 }
 
 ConvertResult FrameConverter::convert(const uint8_t* bytes, size_t size, const FrameLayout& layout,
@@ -161,19 +166,36 @@ ConvertResult FrameConverter::convert(const uint8_t* bytes, size_t size, const F
 
 ConvertResult FrameConverter::convertMjpeg(const uint8_t* bytes, size_t size, const FrameLayout& layout,
                                            uint8_t* pixels, size_t stride) {
+  const JpegTables tables = jpegTables(bytes, size);
+  if (!tables.anyQuantisation()) {
+    return ConvertResult::kDamaged;
+  }
+  // A decoder keeps tables from one picture to the next. One that this picture doesn't bring itself would be taken from
+  // whatever came before: then a new decoder starts, with the standard tables.
+  if ((decoderTables_ & ~tables.defined) != 0) {
+    dropDecoder();
+  }
   if (decoder_ == nullptr) {
     decoder_ = tjInitDecompress();
     if (decoder_ == nullptr) {
       return ConvertResult::kUnsupported;
     }
   }
+  decoderTables_ = tables.more ? ~0U : tables.defined;
   if (decodeMjpeg(bytes, size, layout, pixels, stride)) {
     return ConvertResult::kConverted;
   }
   // A decoder that gave up inside a header would read the next picture from there on.
-  tjDestroy(decoder_);
-  decoder_ = nullptr;
+  dropDecoder();
   return ConvertResult::kDamaged;
+}
+
+void FrameConverter::dropDecoder() {
+  if (decoder_ != nullptr) {
+    tjDestroy(decoder_);
+  }
+  decoder_ = nullptr;
+  decoderTables_ = 0;
 }
 
 bool FrameConverter::decodeMjpeg(const uint8_t* bytes, size_t size, const FrameLayout& layout, uint8_t* pixels,

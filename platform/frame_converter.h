@@ -53,7 +53,10 @@ class FrameConverter {
                              size_t stride);
   bool decodeMjpeg(const uint8_t* bytes, size_t size, const FrameLayout& layout, uint8_t* pixels, size_t stride);
 
-  void* decoder_ = nullptr;  // tjhandle
+  void dropDecoder();
+
+  void* decoder_ = nullptr;     // tjhandle
+  uint32_t decoderTables_ = 0;  // JpegTables::defined of the picture it decoded last
 };
 
 }  // namespace mirn
