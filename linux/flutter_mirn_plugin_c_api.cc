@@ -3,6 +3,11 @@
 #include "linux/registration.h"
 #include "plugin/registration.h"
 
+namespace mirn {
+// The library's exported entry point, declared here because its header belongs to a room that this one doesn't see.
+void destroyTexture(int64_t id);
+}  // namespace mirn
+
 struct _FlutterMirnPluginCApi {
   GObject parent_instance;
   mirn::Registration* registration;
@@ -30,4 +35,8 @@ void flutter_mirn_plugin_c_api_register_with_registrar(FlPluginRegistrar* regist
   if (!self->registration->begin(mirn::registerFlutterMirnPluginCApi)) {
     g_object_unref(self);
   }
+}
+
+void flutter_mirn_destroy_texture(int64_t id) {
+  mirn::destroyTexture(id);
 }

@@ -60,8 +60,8 @@ TEST_F(FlutterChannel, FireAndForgetCommandsAreAnsweredEmptyHereAndOnlyOnce) {
   EXPECT_TRUE(call("initKmProxy").asBool());
   const uint64_t before = engine().responsesSent();
   expectNull(call("mouseMove", {{"x", Value(int32_t{1})}, {"y", Value(int32_t{2})}}));
-  expectNull(call("mouseEventButtons",
-                  {{"x", Value(int32_t{1})}, {"y", Value(int32_t{2})}, {"type", Value("leftButtonDown")}}));
+  expectNull(
+      call("mouseEventButtons", {{"x", Value(int32_t{1})}, {"y", Value(int32_t{2})}, {"type", Value("lbdown")}}));
   expectNull(call("mouseWheel", {{"x", Value(int32_t{1})}, {"y", Value(int32_t{2})}, {"delta", Value(int32_t{1})}}));
   expectNull(call("mouseMove", {{"x", Value(int32_t{1})}}));
   EXPECT_EQ(engine().responsesSent(), before + 4);

@@ -1,10 +1,11 @@
 // Captured pictures on their way to the raster thread of the stand-in.
+#include <flutter_mirn/flutter_mirn_plugin_c_api.h>
+
 #include <atomic>
 #include <thread>
 
 #include "platform/main_queue.h"
 #include "plugin_fixture.h"
-#include "video/mirn_texture.h"
 #include "virtual/frame_strip.h"
 
 namespace mirn {
@@ -86,7 +87,7 @@ TEST_F(FlutterTexture, DestroyingBetweenLookUpAndPixelsKeepsTheTextureAlive) {
       {});
   engine().paintLater(id, [&](const Painted&) { painted = true; });
   ASSERT_TRUE(runLoopUntil([&] { return inside.load(); }, kPatience));
-  std::thread other([id] { destroyTexture(id); });
+  std::thread other([id] { flutter_mirn_destroy_texture(id); });
   other.join();
   EXPECT_TRUE(runLoopUntil([&] { return engine().textures() == 0; }, kPatience)) << "posted to the platform thread";
   go_on = true;
@@ -111,7 +112,7 @@ TEST_F(FlutterTexture, DestroyingWhilePixelsAreReadKeepsTheMemory) {
   });
   engine().paintLater(id, [&](const Painted& result) { drawn = result.drawn; });
   ASSERT_TRUE(runLoopUntil([&] { return inside.load(); }, kPatience));
-  mainQueue().post([id] { destroyTexture(id); });
+  mainQueue().post([id] { flutter_mirn_destroy_texture(id); });
   ASSERT_TRUE(runLoopUntil([&] { return engine().textures() == 1; }, kPatience));
   EXPECT_NE(createTexture(), id) << "the address is not given again while the old object is kept";
   go_on = true;
@@ -125,9 +126,9 @@ TEST_F(FlutterTexture, DestroyedTexturesAreAskedNoMoreAndUnknownIdsAreIgnored) {
   openCamera();
   playFrame();
   mainQueue().post([id] {
-    destroyTexture(id);
-    destroyTexture(id);
-    destroyTexture(12345);
+    flutter_mirn_destroy_texture(id);
+    flutter_mirn_destroy_texture(id);
+    flutter_mirn_destroy_texture(12345);
   });
   ASSERT_TRUE(runLoopUntil([&] { return engine().textures() == 0; }, kPatience));
   playFrame();
@@ -146,7 +147,7 @@ TEST_F(FlutterTexture, TexturesOutliveTheirEngineHarmlessly) {
   const int64_t next = createTexture();
   playFrame();
   EXPECT_TRUE(engine().paint(next).drawn);
-  mainQueue().post([id] { destroyTexture(id); });
+  mainQueue().post([id] { flutter_mirn_destroy_texture(id); });
   drainLoop();
 }
 
@@ -167,7 +168,7 @@ TEST_F(FlutterTexture, TexturesComeAndGoWhileFramesAreDrawn) {
       EXPECT_TRUE(result.drawn);
       ++painted;
     });
-    std::thread other([id] { destroyTexture(id); });
+    std::thread other([id] { flutter_mirn_destroy_texture(id); });
     ASSERT_TRUE(runLoopUntil([&] { return painted == 2; }, kPatience));
     other.join();
     ASSERT_TRUE(runLoopUntil([&] { return engine().textures() == 1; }, kPatience));

@@ -34,6 +34,15 @@ FLUTTER_PLUGIN_EXPORT GType flutter_mirn_plugin_c_api_get_type();
  */
 FLUTTER_PLUGIN_EXPORT void flutter_mirn_plugin_c_api_register_with_registrar(FlPluginRegistrar* registrar);
 
+/**
+ * flutter_mirn_destroy_texture:
+ * @id: what "createTexture" has answered.
+ *
+ * Unregisters and forgets one texture; an unknown id is ignored. No command of the channel does this: Dart reaches it
+ * through dart:ffi. Any thread.
+ */
+FLUTTER_PLUGIN_EXPORT void flutter_mirn_destroy_texture(int64_t id);
+
 G_END_DECLS
 
 #endif  // FLUTTER_PLUGIN_FLUTTER_MIRN_FLUTTER_MIRN_PLUGIN_C_API_H_
