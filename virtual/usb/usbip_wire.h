@@ -43,8 +43,8 @@ struct UsbIpSubmit {
   uint32_t length = 0;  // of the host's buffer
   uint32_t start_frame = 0;
   std::array<uint8_t, 8> setup{};
-  std::vector<uint8_t> data;               // OUT: `length` bytes
-  std::vector<IsochronousPacket> packets;  // none: not isochronous
+  std::vector<uint8_t> data{};               // OUT: `length` bytes
+  std::vector<IsochronousPacket> packets{};  // none: not isochronous
 };
 
 // The host takes a transfer back.
