@@ -1,3 +1,4 @@
+#include <array>
 #include <string>
 #include <vector>
 
@@ -17,30 +18,47 @@ bool opens(const std::wstring& serial) {
   return true;
 }
 
+// Enumeration takes most of a case's time here, so the devices stay plugged in from case to case, brought back to how
+// they were in between.
 class OnKernel : public ConformanceBackend {
  public:
   explicit OnKernel(size_t devices) {
-    for (size_t i = 0; i < devices; ++i) {
-      VirtualMirnSettings settings;
-      settings.serial = "conformance-" + std::to_string(i);
-      devices_.push_back(std::make_unique<KernelMirn>(settings));
-      plug(i);
+    for (size_t i = 0; i < kDevices; ++i) {
+      if (all()[i] == nullptr) all()[i] = std::make_unique<KernelMirn>(settingsOf(i));
+      mirn(i).setFaultPlan({});
+      mirn(i).setName(settingsOf(i).name);
+      mirn(i).setLed({});
+      mirn(i).clearReceived();
+      if (i < devices) {
+        plug(i);
+      } else {
+        unplug(i);
+      }
     }
   }
-  VirtualMirn& mirn(size_t index) override { return devices_.at(index)->mirn(); }
+  VirtualMirn& mirn(size_t index) override { return all().at(index)->mirn(); }
   void plug(size_t index) override {
-    devices_.at(index)->plug();
+    all().at(index)->plug();
     EXPECT_TRUE(waitFor([&] { return opens(serial(index)); }));
   }
   void unplug(size_t index) override {
-    devices_.at(index)->unplug();
+    all().at(index)->unplug();
     EXPECT_TRUE(waitFor([&] { return !opens(serial(index)); }));
   }
 
  private:
-  static std::wstring serial(size_t index) { return L"conformance-" + std::to_wstring(index); }
+  static constexpr size_t kDevices = 2;
 
-  std::vector<std::unique_ptr<KernelMirn>> devices_;
+  static std::array<std::unique_ptr<KernelMirn>, kDevices>& all() {
+    static std::array<std::unique_ptr<KernelMirn>, kDevices> devices;
+    return devices;
+  }
+  static VirtualMirnSettings settingsOf(size_t index) {
+    VirtualMirnSettings settings;
+    settings.serial = "conformance-" + std::to_string(index);
+    return settings;
+  }
+  static std::wstring serial(size_t index) { return L"conformance-" + std::to_wstring(index); }
 };
 
 }  // namespace
