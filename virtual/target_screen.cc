@@ -9,6 +9,13 @@
 
 #include "virtual/frame_strip.h"
 
+#ifdef MIRN_SANITIZED_ADDRESS
+// fontconfig keeps what it has read of its configuration until the process ends, and loses some of the pointers to it.
+extern "C" __attribute__((weak, visibility("default"))) const char* __lsan_default_suppressions() {
+  return "leak:libfontconfig";
+}
+#endif
+
 namespace mirn {
 namespace {
 
