@@ -18,10 +18,10 @@ constexpr size_t kMostElements = std::numeric_limits<uint32_t>::max();
 
 void MessageWriter::grow(size_t bytes) {
   const size_t wanted = std::max(size_ + bytes, capacity_ * 2);
-  std::vector<uint8_t> larger(wanted);
-  if (size_ > 0) std::memcpy(larger.data(), data_, size_);
+  auto larger = std::make_unique_for_overwrite<uint8_t[]>(wanted);
+  if (size_ > 0) std::memcpy(larger.get(), data_, size_);
   heap_ = std::move(larger);
-  data_ = heap_.data();
+  data_ = heap_.get();
   capacity_ = wanted;
 }
 
@@ -30,114 +30,88 @@ void MessageWriter::reserve(size_t bytes) {
 }
 
 void MessageWriter::append(const void* data, size_t bytes) {
-  if (bytes == 0) return;
-  reserve(bytes);
-  std::memcpy(data_ + size_, data, bytes);
-  size_ += bytes;
+  if (bytes > 0) std::memcpy(take(bytes), data, bytes);
 }
 
-void MessageWriter::byte(uint8_t value) {
-  reserve(1);
-  data_[size_++] = value;
-}
-
-void MessageWriter::size(size_t count) {
+// Tag and size.
+void MessageWriter::head(uint8_t tag, size_t count) {
   if (count < 254) {
-    byte(static_cast<uint8_t>(count));
+    uint8_t* at = take(2);
+    at[0] = tag;
+    at[1] = static_cast<uint8_t>(count);
   } else if (count <= 0xffff) {
-    byte(254);
     const auto shorter = static_cast<uint16_t>(count);
-    append(&shorter, sizeof(shorter));
+    uint8_t* at = take(2 + sizeof(shorter));
+    at[0] = tag;
+    at[1] = 254;
+    std::memcpy(at + 2, &shorter, sizeof(shorter));
   } else {
-    byte(255);
     const auto longer = static_cast<uint32_t>(std::min(count, kMostElements));
-    append(&longer, sizeof(longer));
+    uint8_t* at = take(2 + sizeof(longer));
+    at[0] = tag;
+    at[1] = 255;
+    std::memcpy(at + 2, &longer, sizeof(longer));
   }
 }
 
-// Offsets count from the first byte of the message.
+// Offsets count from the first byte of the message; `to` is a power of two.
 void MessageWriter::align(size_t to) {
-  while (size_ % to != 0) byte(0);
-}
-
-void MessageWriter::null() {
-  tag(0);
-}
-
-void MessageWriter::boolean(bool value) {
-  tag(value ? 1 : 2);
-}
-
-void MessageWriter::int32(int32_t value) {
-  tag(3);
-  append(&value, sizeof(value));
-}
-
-void MessageWriter::int64(int64_t value) {
-  tag(4);
-  append(&value, sizeof(value));
+  const size_t padding = (0 - size_) & (to - 1);
+  if (padding > 0) std::memset(take(padding), 0, padding);
 }
 
 void MessageWriter::float64(double value) {
-  tag(6);
+  byte(6);
   align(8);
   append(&value, sizeof(value));
 }
 
-void MessageWriter::text(std::string_view value) {
+void MessageWriter::longText(std::string_view value) {
   value = value.substr(0, kMostElements);
-  tag(7);
-  size(value.size());
+  head(7, value.size());
   append(value.data(), value.size());
 }
 
 void MessageWriter::byteList(Bytes value) {
   value = value.first(std::min(value.size(), kMostElements));
-  tag(8);
-  size(value.size());
+  head(8, value.size());
   append(value.data(), value.size());
 }
 
 void MessageWriter::int32List(std::span<const int32_t> value) {
   value = value.first(std::min(value.size(), kMostElements));
-  tag(9);
-  size(value.size());
+  head(9, value.size());
   align(4);  // also when the list is empty
   append(value.data(), value.size_bytes());
 }
 
 void MessageWriter::int64List(std::span<const int64_t> value) {
   value = value.first(std::min(value.size(), kMostElements));
-  tag(10);
-  size(value.size());
+  head(10, value.size());
   align(8);
   append(value.data(), value.size_bytes());
 }
 
 void MessageWriter::float64List(std::span<const double> value) {
   value = value.first(std::min(value.size(), kMostElements));
-  tag(11);
-  size(value.size());
+  head(11, value.size());
   align(8);
   append(value.data(), value.size_bytes());
 }
 
 void MessageWriter::float32List(std::span<const float> value) {
   value = value.first(std::min(value.size(), kMostElements));
-  tag(14);
-  size(value.size());
+  head(14, value.size());
   align(4);
   append(value.data(), value.size_bytes());
 }
 
 void MessageWriter::listHead(size_t elements) {
-  tag(12);
-  size(elements);
+  head(12, elements);
 }
 
 void MessageWriter::mapHead(size_t pairs) {
-  tag(13);
-  size(pairs);
+  head(13, pairs);
 }
 
 void MessageWriter::value(const Value& value) {

@@ -7,7 +7,10 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <memory>
 #include <span>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -147,13 +150,27 @@ class MessageWriter {
   // Room for `bytes` more, so that a large payload is copied once.
   void reserve(size_t bytes);
 
-  void byte(uint8_t value);  // raw: an envelope byte
-  void null();
-  void boolean(bool value);
-  void int32(int32_t value);
-  void int64(int64_t value);
+  void byte(uint8_t value) { *take(1) = value; }  // raw: an envelope byte
+  void null() { byte(0); }
+  void boolean(bool value) { byte(value ? 1 : 2); }
+  void int32(int32_t value) {
+    uint8_t* at = take(1 + sizeof(value));
+    *at = 3;
+    std::memcpy(at + 1, &value, sizeof(value));
+  }
+  void int64(int64_t value) {
+    uint8_t* at = take(1 + sizeof(value));
+    *at = 4;
+    std::memcpy(at + 1, &value, sizeof(value));
+  }
   void float64(double value);
-  void text(std::string_view value);
+  void text(std::string_view value) {
+    if (value.size() >= 254) return longText(value);
+    uint8_t* at = take(2 + value.size());
+    at[0] = 7;
+    at[1] = static_cast<uint8_t>(value.size());
+    if (!value.empty()) std::memcpy(at + 2, value.data(), value.size());
+  }
   void byteList(Bytes value);
   void int32List(std::span<const int32_t> value);
   void int64List(std::span<const int64_t> value);
@@ -166,15 +183,22 @@ class MessageWriter {
   void value(const Value& value);
 
  private:
-  void tag(uint8_t tag) { byte(tag); }
-  void size(size_t count);
+  // The next `bytes` bytes of the message, to be filled.
+  uint8_t* take(size_t bytes) {
+    if (capacity_ - size_ < bytes) grow(bytes);
+    uint8_t* at = data_ + size_;
+    size_ += bytes;
+    return at;
+  }
+  void head(uint8_t tag, size_t count);
   void align(size_t to);
   void append(const void* data, size_t bytes);
+  void longText(std::string_view value);
   void grow(size_t bytes);
   void valueAtDepth(const Value& value, int depth);
 
   std::array<uint8_t, kInlineBytes> inline_;
-  std::vector<uint8_t> heap_;
+  std::unique_ptr<uint8_t[]> heap_;
   uint8_t* data_ = inline_.data();
   size_t size_ = 0;
   size_t capacity_ = kInlineBytes;
