@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "apps/common/input_sink.h"
+#include "apps/common/pointer_map.h"
 
 namespace mirn {
 
@@ -38,8 +39,8 @@ class PointerRest {
 
  private:
   InputSink& sink_;
-  int x_ = 0;
-  int y_ = 0;
+  int x_ = kFullScale / 2;
+  int y_ = kFullScale / 2;
   std::optional<Time> moved_;
 };
 

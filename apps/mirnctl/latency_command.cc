@@ -15,7 +15,7 @@
 namespace mirn {
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using Steady = std::chrono::steady_clock;
 
 struct LatencyOptions {
   int count = 50;
@@ -26,9 +26,9 @@ struct LatencyOptions {
 LatencyHistogram measureAnswers(Context& context, int count) {
   LatencyHistogram histogram;
   for (int i = 0; i < count; ++i) {
-    Clock::time_point start = Clock::now();
+    Steady::time_point start = Steady::now();
     if (context.session().info()) {
-      histogram.add(Clock::now() - start);
+      histogram.add(Steady::now() - start);
     }
   }
   return histogram;

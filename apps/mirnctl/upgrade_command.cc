@@ -12,7 +12,7 @@
 namespace mirn {
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using Steady = std::chrono::steady_clock;
 
 struct UpgradeOptions {
   std::string file;
@@ -98,10 +98,10 @@ std::optional<std::string> greet(Session& session) {
 void follow(Context& context, UpgradeFlow& flow, Progress& progress, int replug_seconds) {
   constexpr std::chrono::milliseconds kEvery{20};
   bool said_unplugged = false;
-  Clock::time_point unplugged;
+  Steady::time_point unplugged;
   while (flow.state() != UpgradeState::kFinished) {
     runLoopFor(kEvery);
-    Clock::time_point now = Clock::now();
+    Steady::time_point now = Steady::now();
     flow.update(context.session().upgradeFacts(), now);
     progress.show(flow.status(now));
     if (flow.state() == UpgradeState::kUnplugged) {
@@ -114,7 +114,7 @@ void follow(Context& context, UpgradeFlow& flow, Progress& progress, int replug_
       }
     }
     if (flow.wantsHandshake(now)) {
-      flow.handshake(greet(context.session()), Clock::now());
+      flow.handshake(greet(context.session()), Steady::now());
     }
   }
   progress.finish();
@@ -151,7 +151,7 @@ int runUpgrade(Context& context, const UpgradeOptions& options) {
   }
   context.report().text(fileText(file));
   UpgradeFlow flow(file, before->version, context.session().upgradeFacts());
-  flow.start(context.session().startUpgrade(file.path), Clock::now());
+  flow.start(context.session().startUpgrade(file.path), Steady::now());
   Progress progress(context.report());
   follow(context, flow, progress, options.replug_seconds);
   return judgeResult(context, flow, options);

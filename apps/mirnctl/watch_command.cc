@@ -34,10 +34,10 @@ void say(Context& context, const WatchOptions& options, bool present) {
 }
 
 int runWatch(Context& context, const WatchOptions& options) {
-  using Clock = std::chrono::steady_clock;
+  using Steady = std::chrono::steady_clock;
   bool present = context.session().isPlugged();
   say(context, options, present);
-  Clock::time_point end = Clock::now() + std::chrono::seconds(options.seconds);
+  Steady::time_point end = Steady::now() + std::chrono::seconds(options.seconds);
   int events = 0;
   while (options.count == 0 || events < options.count) {
     // The monitor's flag changes on its own thread; the library has no callback for it.
@@ -46,7 +46,7 @@ int runWatch(Context& context, const WatchOptions& options) {
       present = !present;
       ++events;
       say(context, options, present);
-    } else if (options.seconds != 0 && Clock::now() >= end) {
+    } else if (options.seconds != 0 && Steady::now() >= end) {
       break;
     }
   }

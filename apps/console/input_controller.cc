@@ -1,0 +1,303 @@
+#include "apps/console/input_controller.h"
+
+#include <gdk/gdk.h>
+#include <gtkmm/eventcontrollerkey.h>
+#include <gtkmm/eventcontrollermotion.h>
+#include <gtkmm/eventcontrollerscroll.h>
+#include <gtkmm/gestureclick.h>
+
+#include <array>
+#include <utility>
+
+#include "apps/common/key_position.h"
+
+namespace mirn {
+namespace {
+
+using Steady = std::chrono::steady_clock;
+
+struct ReleaseKey {
+  const char* name;
+  unsigned evdev;
+  const char* label;
+};
+
+constexpr std::array kReleaseKeys = {
+    ReleaseKey{"rightctrl", 97, "right Ctrl"},
+    ReleaseKey{"pause", 119, "Pause"},
+    ReleaseKey{"scrolllock", 70, "Scroll Lock"},
+};
+
+// Types of "mouseEventButtons"; null for a button that the device doesn't have.
+const char* buttonType(guint button, bool down) {
+  switch (button) {
+    case GDK_BUTTON_PRIMARY:
+      return down ? "lbdown" : "lbup";
+    case GDK_BUTTON_MIDDLE:
+      return down ? "mbdown" : "mbup";
+    case GDK_BUTTON_SECONDARY:
+      return down ? "rbdown" : "rbup";
+    default:
+      return nullptr;
+  }
+}
+
+}  // namespace
+
+GatedInput::GatedInput(InputSink& target, std::function<bool()> allowed, std::function<void()> sent)
+    : target_(target), allowed_(std::move(allowed)), sent_(std::move(sent)) {}
+
+bool GatedInput::pass() {
+  bool allowed = allowed_();
+  if (allowed) {
+    sent_();
+  }
+  return allowed;
+}
+
+void GatedInput::keyDown(int virtual_key) {
+  if (pass()) {
+    target_.keyDown(virtual_key);
+  }
+}
+
+void GatedInput::keyUp(int virtual_key) {
+  if (pass()) {
+    target_.keyUp(virtual_key);
+  }
+}
+
+void GatedInput::mouseMove(int x, int y) {
+  if (pass()) {
+    target_.mouseMove(x, y);
+  }
+}
+
+void GatedInput::mouseButton(const char* type, int x, int y) {
+  if (pass()) {
+    target_.mouseButton(type, x, y);
+  }
+}
+
+void GatedInput::mouseWheel(int x, int y, int delta) {
+  if (pass()) {
+    target_.mouseWheel(x, y, delta);
+  }
+}
+
+InputController::InputController(Gtk::Window& window, PictureView& view, GatedInput& input)
+    : window_(window), view_(view), input_(input), keys_(input), pointer_(input) {
+  setReleaseKey("rightctrl");
+  connectKeyboard(window);
+  connectPointer();
+  window_.property_is_active().signal_changed().connect(sigc::mem_fun(*this, &InputController::onActive));
+}
+
+void InputController::connectKeyboard(Gtk::Window& window) {
+  auto controller = Gtk::EventControllerKey::create();
+  // Before the window's own shortcuts: while captured, all keys are the target's.
+  controller->set_propagation_phase(Gtk::PropagationPhase::CAPTURE);
+  controller->signal_key_pressed().connect(sigc::mem_fun(*this, &InputController::onKeyPressed), false);
+  controller->signal_key_released().connect(sigc::mem_fun(*this, &InputController::onKeyReleased), false);
+  window.add_controller(controller);
+}
+
+void InputController::connectPointer() {
+  auto motion = Gtk::EventControllerMotion::create();
+  motion->signal_motion().connect(sigc::mem_fun(*this, &InputController::onMotion));
+  motion->signal_enter().connect(sigc::mem_fun(*this, &InputController::onMotion));
+  view_.add_controller(motion);
+
+  // Raw presses and releases: a click gesture would wait and count.
+  auto raw = Glib::wrap(gtk_event_controller_legacy_new(), false);
+  raw->set_propagation_phase(Gtk::PropagationPhase::BUBBLE);
+  g_signal_connect(
+      raw->gobj(), "event",
+      G_CALLBACK(+[](GtkEventControllerLegacy* /*controller*/, GdkEvent* event, gpointer self) -> gboolean {
+        GdkEventType type = gdk_event_get_event_type(event);
+        if (type != GDK_BUTTON_PRESS && type != GDK_BUTTON_RELEASE) {
+          return FALSE;
+        }
+        auto* controller = static_cast<InputController*>(self);
+        double x = 0;
+        double y = 0;
+        gdk_event_get_position(event, &x, &y);
+        // Surface to widget coordinates.
+        auto* widget = GTK_WIDGET(controller->view_.gobj());
+        GtkNative* native = gtk_widget_get_native(widget);
+        double left = 0;
+        double top = 0;
+        gtk_native_get_surface_transform(native, &left, &top);
+        gtk_widget_translate_coordinates(GTK_WIDGET(native), widget, x - left, y - top, &x, &y);
+        controller->onButton(gdk_button_event_get_button(event), type == GDK_BUTTON_PRESS, x, y);
+        return TRUE;
+      }),
+      this);
+  view_.add_controller(raw);
+
+  scroll_ = Gtk::EventControllerScroll::create();
+  scroll_->set_flags(Gtk::EventControllerScroll::Flags::VERTICAL);
+  scroll_->signal_scroll().connect(sigc::mem_fun(*this, &InputController::onScroll), false);
+  scroll_->signal_scroll_begin().connect([this] { wheel_.reset(); });
+  view_.add_controller(scroll_);
+}
+
+void InputController::setReleaseKey(const std::string& name) {
+  for (const ReleaseKey& key : kReleaseKeys) {
+    if (name == key.name) {
+      release_code_ = key.evdev + kHardwareCodeOffset;
+      release_label_ = key.label;
+    }
+  }
+}
+
+const char* InputController::releaseKeyLabel() const {
+  return release_label_;
+}
+
+void InputController::capture() {
+  if (captured_) {
+    return;
+  }
+  captured_ = true;
+  view_.grab_focus();
+  inhibitShortcuts(true);
+  captured_changed_.emit();
+}
+
+void InputController::release() {
+  if (!captured_) {
+    return;
+  }
+  captured_ = false;
+  recapture_ = false;
+  releaseEverything();
+  inhibitShortcuts(false);
+  captured_changed_.emit();
+}
+
+void InputController::inhibitShortcuts(bool inhibit) {
+  auto surface = window_.get_surface();
+  if (!surface || !GDK_IS_TOPLEVEL(surface->gobj())) {
+    return;
+  }
+  if (inhibit) {
+    gdk_toplevel_inhibit_system_shortcuts(GDK_TOPLEVEL(surface->gobj()), nullptr);
+  } else {
+    gdk_toplevel_restore_system_shortcuts(GDK_TOPLEVEL(surface->gobj()));
+  }
+}
+
+void InputController::onActive() {
+  if (window_.is_active()) {
+    if (std::exchange(recapture_, false)) {
+      capture();
+    }
+    return;
+  }
+  if (captured_) {
+    release();
+    recapture_ = true;
+  } else {
+    releaseEverything();
+  }
+}
+
+void InputController::releaseEverything() {
+  keys_.forget();
+  buttons_ = 0;
+  pointer_.settle(Steady::now(), true);
+  releaseEverythingOn(input_.target(), pointer_.x(), pointer_.y());
+}
+
+void InputController::forgetHeld() {
+  keys_.forget();
+  pointer_.forget();
+  wheel_.reset();
+  buttons_ = 0;
+}
+
+bool InputController::onKeyPressed(guint /*keyval*/, guint keycode, Gdk::ModifierType /*state*/) {
+  if (!captured_) {
+    return false;
+  }
+  release_alone_ = keycode == release_code_;
+  const KeyPosition* key = keyByHardwareCode(keycode);
+  if (key == nullptr || pasting_) {
+    return true;
+  }
+  if (!key->on_device) {
+    if (keycode != release_code_) {
+      said_.emit(std::string("The Mirn has no key \"") + key->name + "\".");
+    }
+    return true;
+  }
+  keys_.press(keycode, key->virtual_key);
+  return true;
+}
+
+void InputController::onKeyReleased(guint /*keyval*/, guint keycode, Gdk::ModifierType /*state*/) {
+  if (!captured_) {
+    return;
+  }
+  keys_.release(keycode);
+  if (keycode == release_code_ && std::exchange(release_alone_, false)) {
+    release();
+  }
+}
+
+void InputController::onMotion(double x, double y) {
+  if (!window_.is_active() || !view_.picture()) {
+    return;
+  }
+  PicturePoint place = view_.devicePosition(x, y);
+  pointer_.move(place.x, place.y, Steady::now());
+  scheduleRest();
+}
+
+void InputController::onButton(guint button, bool down, double x, double y) {
+  const char* type = buttonType(button, down);
+  unsigned bit = button < 32 ? 1U << button : 0U;
+  if (type == nullptr || !view_.picture() || (!down && (buttons_ & bit) == 0)) {
+    return;
+  }
+  if (down) {
+    capture();
+    buttons_ |= bit;
+  } else {
+    buttons_ &= ~bit;
+  }
+  release_alone_ = false;
+  PicturePoint place = view_.devicePosition(x, y);
+  input_.mouseButton(type, place.x, place.y);
+  pointer_.settledAt(place.x, place.y);
+}
+
+bool InputController::onScroll(double /*dx*/, double dy) {
+  if (!view_.picture()) {
+    return false;
+  }
+  bool pixels = scroll_->get_unit() == Gdk::ScrollUnit::SURFACE;
+  int notches = wheel_.add(pixels ? dy / kPixelsPerNotch : dy);
+  for (int i = 0; i < (notches < 0 ? -notches : notches); ++i) {
+    input_.mouseWheel(pointer_.x(), pointer_.y(), notches < 0 ? -1 : 1);
+  }
+  if (notches != 0) {
+    pointer_.settledAt(pointer_.x(), pointer_.y());
+  }
+  return true;
+}
+
+void InputController::scheduleRest() {
+  if (!rest_.connected()) {
+    rest_ = Glib::signal_timeout().connect(sigc::mem_fun(*this, &InputController::onRest),
+                                           static_cast<unsigned>(PointerRest::kRestAfter.count()));
+  }
+}
+
+bool InputController::onRest() {
+  // A hand that still moves is asked again; one that rests is done with.
+  return !pointer_.settle(Steady::now()) && pointer_.due().has_value();
+}
+
+}  // namespace mirn

@@ -1,0 +1,97 @@
+// A person's keys and pointer over the picture, on their way to the target.
+#pragma once
+
+#include <glibmm/main.h>
+#include <gtkmm/eventcontrollerscroll.h>
+#include <gtkmm/window.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "apps/common/held_keys.h"
+#include "apps/common/pointer_rest.h"
+#include "apps/common/wheel_notches.h"
+#include "apps/console/picture_view.h"
+
+namespace mirn {
+
+// Lets input through only while it may be sent. Bound to the main thread.
+class GatedInput final : public InputSink {
+ public:
+  // Both are borrowed. `allowed` is asked for each event; `sent` is told after each.
+  GatedInput(InputSink& target, std::function<bool()> allowed, std::function<void()> sent);
+
+  void keyDown(int virtual_key) override;
+  void keyUp(int virtual_key) override;
+  void mouseMove(int x, int y) override;
+  void mouseButton(const char* type, int x, int y) override;
+  void mouseWheel(int x, int y, int delta) override;
+
+  InputSink& target() { return target_; }
+
+ private:
+  bool pass();
+
+  InputSink& target_;
+  std::function<bool()> allowed_;
+  std::function<void()> sent_;
+};
+
+// The keyboard is captured from a click into the picture until the release key is tapped alone or the window loses the
+// focus: then every key goes to the target and the desktop's shortcuts are inhibited. The pointer acts whenever it is
+// over the picture of an active window. Bound to the main thread; window and view must outlive it.
+class InputController {
+ public:
+  InputController(Gtk::Window& window, PictureView& view, GatedInput& input);
+
+  bool captured() const { return captured_; }
+  void capture();
+  // Gives the keyboard back; everything held is released.
+  void release();
+  // The key that gives the keyboard back: "rightctrl", "pause" or "scrolllock".
+  void setReleaseKey(const std::string& name);
+  const char* releaseKeyLabel() const;
+  // keyUp 0 and the three button-ups, whatever the gate says.
+  void releaseEverything();
+  // A new proxy, or input was blocked: nothing is held any more.
+  void forgetHeld();
+  // Keys don't go out while a text is pasted.
+  void setPasting(bool pasting) { pasting_ = pasting; }
+
+  sigc::signal<void()>& signalCaptured() { return captured_changed_; }
+  sigc::signal<void(std::string)>& signalSaid() { return said_; }
+
+ private:
+  void connectKeyboard(Gtk::Window& window);
+  void connectPointer();
+  bool onKeyPressed(guint keyval, guint keycode, Gdk::ModifierType state);
+  void onKeyReleased(guint keyval, guint keycode, Gdk::ModifierType state);
+  void onMotion(double x, double y);
+  void onButton(guint button, bool down, double x, double y);
+  bool onScroll(double dx, double dy);
+  void onActive();
+  void inhibitShortcuts(bool inhibit);
+  void scheduleRest();
+  bool onRest();
+
+  Gtk::Window& window_;
+  PictureView& view_;
+  GatedInput& input_;
+  HeldKeys keys_;
+  PointerRest pointer_;
+  WheelNotches wheel_;
+  Glib::RefPtr<Gtk::EventControllerScroll> scroll_;
+  unsigned release_code_ = 0;
+  const char* release_label_ = "";
+  bool release_alone_ = false;
+  bool captured_ = false;
+  bool recapture_ = false;
+  bool pasting_ = false;
+  unsigned buttons_ = 0;  // bit n: button n is down
+  sigc::connection rest_;
+  sigc::signal<void()> captured_changed_;
+  sigc::signal<void(std::string)> said_;
+};
+
+}  // namespace mirn

@@ -1,0 +1,155 @@
+#include "apps/console/steering.h"
+
+#include <unistd.h>
+
+#include <array>
+#include <charconv>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "apps/common/program_start.h"
+#include "virtual/frame_strip.h"
+
+namespace mirn {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+std::string fromHex(const std::string& hex) {
+  std::string bytes;
+  for (size_t i = 0; i + 1 < hex.size(); i += 2) {
+    int value = 0;
+    std::from_chars(hex.data() + i, hex.data() + i + 2, value, 16);
+    bytes += static_cast<char>(value);
+  }
+  return bytes;
+}
+
+Json stripOf(const PixelBufferRef& picture) {
+  if (!picture) {
+    return nullptr;
+  }
+  picture->lockBaseAddress(kPixelBufferLockReadOnly);
+  auto strip = readStripBgra(picture->baseAddress(), static_cast<int>(picture->width()),
+                             static_cast<int>(picture->height()), picture->bytesPerRow());
+  picture->unlockBaseAddress(kPixelBufferLockReadOnly);
+  if (!strip) {
+    return nullptr;
+  }
+  return {{"frame", strip->frame_number}, {"digest", strip->input_digest}};
+}
+
+}  // namespace
+
+Steering::Steering(ConsoleWindow& window, VirtualWorld& world, int output)
+    : window_(window), world_(world), output_(output) {
+  watch_ = Glib::signal_io().connect(sigc::mem_fun(*this, &Steering::onInput), STDIN_FILENO,
+                                     Glib::IOCondition::IO_IN | Glib::IOCondition::IO_HUP);
+}
+
+Steering::~Steering() {
+  watch_.disconnect();
+}
+
+bool Steering::onInput(Glib::IOCondition /*condition*/) {
+  std::array<char, 4096> buffer{};
+  ssize_t length = read(STDIN_FILENO, buffer.data(), buffer.size());
+  if (length <= 0) {
+    return false;
+  }
+  pending_.append(buffer.data(), static_cast<size_t>(length));
+  for (size_t end = pending_.find('\n'); end != std::string::npos; end = pending_.find('\n')) {
+    std::string line = pending_.substr(0, end);
+    pending_.erase(0, end + 1);
+    writeAll(output_, answer(line) + "\n");
+  }
+  return true;
+}
+
+std::string Steering::answer(const std::string& line) {
+  std::istringstream words(line);
+  std::string command;
+  std::string first;
+  std::string second;
+  words >> command >> first >> second;
+  Json done = {{"ok", true}};
+  if (command == "state") {
+    return state();
+  }
+  if (command == "unplug") {
+    world_.unplug();
+  } else if (command == "plug") {
+    world_.replug();
+  } else if (command == "paste") {
+    window_.pasteText(fromHex(first));
+  } else if (command == "type") {
+    window_.paste().start();
+  } else if (command == "cancel") {
+    window_.paste().cancel();
+  } else if (command == "upgrade") {
+    window_.upgrade().offer(first);
+  } else if (command == "start") {
+    window_.upgrade().start();
+  } else if (command == "action") {
+    if (second.empty()) {
+      window_.activate_action("win." + first);
+    } else {
+      window_.activate_action("win." + first, Glib::Variant<Glib::ustring>::create(second));
+    }
+  } else if (command == "resize") {
+    window_.set_default_size(std::stoi(first), std::stoi(second));
+  } else if (command == "screenshot") {
+    done["file"] = window_.saveScreenshot();
+  } else if (command == "close") {
+    window_.close();
+  } else {
+    done = {{"ok", false}};
+  }
+  return done.dump();
+}
+
+std::string Steering::state() {
+  TargetInputState target = world_.target().inputState();
+  VirtualInputState device = world_.mirn().input();
+  const Placement& place = window_.view().placement();
+  Json clicks = Json::array();
+  for (const TargetClick& click : world_.target().clicks()) {
+    clicks.push_back({click.x, click.y, click.button});
+  }
+  Json state = {{"text", world_.target().text()},
+                {"modifiers", target.modifiers},
+                {"keys", target.keys},
+                {"pointer", {device.x, device.y}},
+                {"buttons", target.buttons},
+                {"wheel", target.wheel},
+                {"clicks", clicks},
+                {"digest", target.digest()},
+                {"version", world_.mirn().version()},
+                {"exchanges", world_.mirn().receivedCount()},
+                {"condition", adviceFor(window_.link().condition(), window_.link().facts()).word},
+                {"blocked", window_.link().blockedReason()},
+                {"captured", window_.input().captured()},
+                {"active", window_.is_active()},
+                {"info", window_.link().info().has_value()},
+                {"said", window_.said()},
+                {"picture", {window_.view().pictureWidth(), window_.view().pictureHeight()}},
+                {"placement", {place.left, place.top, place.width, place.height}},
+                {"scale", window_.view().get_scale_factor()},
+                {"window", {window_.get_width(), window_.get_height()}},
+                {"drawn", window_.view().drawn()},
+                {"uploaded", window_.view().uploaded()},
+                {"strip", stripOf(window_.view().picture())},
+                {"typing", window_.paste().running()},
+                {"upgrading", window_.upgrade().running()},
+                {"upgrade", window_.upgrade().outcome()}};
+  double left = 0;
+  double top = 0;
+  window_.view().translate_coordinates(window_, 0, 0, left, top);
+  double surface_left = 0;
+  double surface_top = 0;
+  gtk_native_get_surface_transform(GTK_NATIVE(window_.gobj()), &surface_left, &surface_top);
+  state["view"] = {left + surface_left, top + surface_top, window_.view().get_width(), window_.view().get_height()};
+  return state.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+}  // namespace mirn

@@ -1,0 +1,45 @@
+// Steering of a virtual console from outside: one command a line on standard input, one line of JSON for each on the
+// real standard output. For tests and demonstrations; it acts on the virtual device and reads the window's state.
+//
+//   unplug | plug            the virtual Mirn's plug
+//   state                    target text, held keys, pointer, placement, condition, ...
+//   paste TEXT-IN-HEX        opens the typing dialog with a text
+//   type                     presses its "Type" button;  cancel  its "Cancel"
+//   upgrade FILE             opens the upgrade dialog with a file;  start  presses its button
+//   action NAME [TARGET]     activates a menu entry, e.g. "action quality 720P"
+//   resize WIDTH HEIGHT      of the window, logical pixels
+//   screenshot               saves one; says where
+//   close                    closes the window
+#pragma once
+
+#include <glibmm/iochannel.h>
+#include <glibmm/main.h>
+
+#include <string>
+
+#include "apps/common/virtual_world.h"
+#include "apps/console/console_window.h"
+
+namespace mirn {
+
+// Bound to the main thread; window and world must outlive it.
+class Steering {
+ public:
+  Steering(ConsoleWindow& window, VirtualWorld& world, int output);
+  ~Steering();
+  Steering(const Steering&) = delete;
+  Steering& operator=(const Steering&) = delete;
+
+ private:
+  bool onInput(Glib::IOCondition condition);
+  std::string answer(const std::string& line);
+  std::string state();
+
+  ConsoleWindow& window_;
+  VirtualWorld& world_;
+  int output_;
+  std::string pending_;
+  sigc::connection watch_;
+};
+
+}  // namespace mirn
