@@ -2,7 +2,9 @@
 // batch, with the threads pinned, on one processor and across two.
 #include <benchmark/benchmark.h>
 
-#include <semaphore>
+#include <condition_variable>
+#include <mutex>
+#include <string>
 
 #include "bench/device_proxy/pinned.h"
 #include "bench/device_proxy/quick_hid.h"
@@ -17,17 +19,29 @@ using Samples = std::vector<std::chrono::nanoseconds>;
 constexpr int kBatch = 400;
 constexpr double kHandOversAllowed = 1.3;
 
+// Waits as bareHandOver does: a semaphore would spin first, and on one processor that delays the sending thread.
 class WaitingListener : public IKeyMouseListener {
  public:
   void OnUpgradeStep(uint16_t, uint16_t) override {}
-  void OnSendMouseResult(int) override { heard_.release(); }
-  void OnSendKeyboardResult(int) override { heard_.release(); }
+  void OnSendMouseResult(int) override {}
+  void OnSendKeyboardResult(int) override {
+    const std::lock_guard lock(mutex_);
+    heard_ = true;
+    changed_.notify_one();
+  }
   void OnSendUpgradeResult(int, uint16_t, uint16_t) override {}
   void OnSendFirmwareHandSharkeResult(int) override {}
-  void wait() { heard_.acquire(); }
+
+  void wait() {
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [this] { return heard_; });
+    heard_ = false;
+  }
 
  private:
-  std::counting_semaphore<> heard_{0};
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool heard_ = false;
 };
 
 Samples throughProxy(Placement placement) {
