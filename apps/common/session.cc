@@ -8,9 +8,23 @@
 
 #include "apps/common/held_keys.h"
 #include "host/main_loop.h"
+#include "platform/capture.h"
 #include "plugin/registration.h"
 
 namespace mirn {
+namespace {
+
+// A virtual capture source is this program's own object, and what it reports stays on this side of the library.
+HostOpenError openError() {
+  HostOpenError error = hostLastOpenError();
+  if (error.code == 0) {
+    CaptureError own = lastCaptureError();
+    error = {own.code, own.node, own.reason, own.advice};
+  }
+  return error;
+}
+
+}  // namespace
 
 Session::Session() : channel_(engine_), input_(channel_) {
   registerFlutterMirnPluginCApi(engine_.makeRegistrar());
@@ -130,7 +144,7 @@ DeviceFacts Session::facts() {
   facts.open = open_ && session.open && session.stopCode == 0;
   facts.frames = session.framesCaptured;
   if (!facts.open) {
-    HostOpenError error = hostLastOpenError();
+    HostOpenError error = openError();
     facts.failure = classifyOpenError(error.code);
     if (error.code != 0) {
       facts.failure_detail = (error.node.empty() ? "" : error.node + ": ") + error.reason;

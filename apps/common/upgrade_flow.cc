@@ -45,6 +45,15 @@ uint64_t UpgradeFlow::chunksAnswered() const {
   return std::min(answered_, file_.chunks);
 }
 
+uint64_t UpgradeFlow::chunksTaken() const {
+  uint64_t refused = std::min(failed_, chunksAnswered());
+  // A failed last chunk is reported as taken. After other failures nobody takes it for that.
+  if (refused != 0 && chunksAnswered() == file_.chunks && refused < file_.chunks) {
+    ++refused;
+  }
+  return chunksAnswered() - refused;
+}
+
 void UpgradeFlow::update(const UpgradeFacts& facts, Time now) {
   present_ = facts.present;
   uint64_t answered = facts.answered - base_answered_;
@@ -57,7 +66,7 @@ void UpgradeFlow::update(const UpgradeFacts& facts, Time now) {
     if (!present_) {
       state_ = UpgradeState::kUnplugged;
       unplugged_at_ = now;
-      answered_at_unplug_ = chunksAnswered() - std::min(failed_, chunksAnswered());
+      answered_at_unplug_ = chunksTaken();
     } else if (answered_ >= file_.chunks || now - last_chunk_ > kChunkPatience) {
       state_ = UpgradeState::kSettling;
       settling_since_ = now;
@@ -107,7 +116,7 @@ void UpgradeFlow::finish(UpgradeResult result) {
 UpgradeStatus UpgradeFlow::status(Time now) const {
   UpgradeStatus status;
   status.state = state_;
-  status.chunk = unplugged_at_ ? answered_at_unplug_ : chunksAnswered();
+  status.chunk = unplugged_at_ ? answered_at_unplug_ : chunksTaken();
   status.total = file_.chunks;
   status.failed = std::min(failed_, file_.chunks);
   status.percent =

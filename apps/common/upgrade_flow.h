@@ -44,7 +44,7 @@ enum class UpgradeResult {
 
 struct UpgradeStatus {
   UpgradeState state = UpgradeState::kSending;
-  uint64_t chunk = 0;  // chunks answered so far
+  uint64_t chunk = 0;  // chunks that the device took so far
   uint64_t total = 0;
   uint64_t failed = 0;
   double percent = 0;
@@ -98,6 +98,7 @@ class UpgradeFlow {
  private:
   void finish(UpgradeResult result);
   uint64_t chunksAnswered() const;
+  uint64_t chunksTaken() const;
 
   UpgradeFile file_;
   std::string version_before_;

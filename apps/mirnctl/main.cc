@@ -99,6 +99,10 @@ int run(int argc, char** argv, int output) {
     return kExitOk;
   } catch (const CLI::ParseError& error) {
     std::string message = error.what();
+    // A word that is no command shows as the lack of one.
+    if (std::vector<std::string> rest = app.remaining(); !rest.empty() && app.get_subcommands().empty()) {
+      message = "Unknown command " + printable(rest.front());
+    }
     for (char& c : message) {
       c = c == '\n' ? ' ' : c;
     }

@@ -1,0 +1,341 @@
+#!/usr/bin/env python3
+"""mirn-console in a real X server, driven with real key and pointer events.
+
+    console_test.py PROGRAM OUTPUT_DIR CASE
+
+Screenshots of each state are kept in OUTPUT_DIR. Exit status 77: a tool is missing, the case was not run.
+"""
+import os
+import shutil
+import subprocess
+import sys
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from desktop import Console, Desktop, Failure, missing_tools, private_folder  # noqa: E402
+
+PROGRAM, OUTPUT = os.path.abspath(sys.argv[1]), os.path.abspath(sys.argv[2])
+FULL_SCALE = 32767
+
+
+def expect(condition, text):
+    if not condition:
+        raise Failure(text)
+
+
+def keep(desktop, name):
+    os.makedirs(OUTPUT, exist_ok=True)
+    desktop.screenshot(os.path.join(OUTPUT, name + ".png"))
+
+
+def typed_text(state):
+    return state["text"].replace("\n", "")
+
+
+def strip_digest_on_screen(console, name):
+    """Reads the machine-readable strip from a screenshot of the whole screen: what a person sees."""
+    keep(console.desktop, name)
+    state = console.state()
+    left, top = console.root_of(state["placement"][0], state["placement"][1], state)
+    width, height = state["placement"][2:]
+    raw = subprocess.run(["convert", os.path.join(OUTPUT, name + ".png"), "-crop",
+                          "%dx%d+%d+%d" % (width, height, left, top), "+repage", "-depth", "8", "gray:-"],
+                         capture_output=True, check=True, timeout=60).stdout
+    cell = width / 80.0
+    bits = []
+    for row in range(2):
+        for column in range(44):
+            x = int(width - 44 * cell + (column + 0.5) * cell)
+            y = int(height - 2 * cell + (row + 0.5) * cell)
+            bits.append(raw[y * width + x] > 127)
+    number = 0
+    for bit in bits[40:72]:
+        number = number * 2 + bit
+    return number
+
+
+def test_typed_text_appears_in_the_picture(desktop):
+    console = Console(desktop, PROGRAM)
+    console.ready()
+    keep(desktop, "opened")
+    console.click(300, 300)
+    keep(desktop, "captured")
+    text = "The quick brown Fox; 0123456789 !@#$%^&*() [x]{y}"
+    desktop.xdotool("type", "--delay", 30, text)
+    console.wait("the text's arrival", lambda s: typed_text(s) == text)
+    desktop.xdotool("keydown", "a")
+    held = console.wait("a held key in the picture", lambda s: 4 in s["keys"] and console.strip_is_current(s))
+    shown = None
+    for _ in range(20):
+        shown = strip_digest_on_screen(console, "typed")
+        if shown == held["digest"]:
+            break
+    expect(shown == held["digest"], "the screen shows the digest %s, the target has %s" % (shown, held["digest"]))
+    desktop.xdotool("keyup", "a")
+    console.wait("the release", lambda s: s["keys"] == [0] * 6)
+    expect(console.close() == 0, "the console ends cleanly")
+
+
+def test_keys_are_positions_and_shortcuts_go_to_the_target(desktop):
+    console = Console(desktop, PROGRAM)
+    console.ready()
+    console.click(300, 300)
+    for key, usage, modifiers in (("F11", 0x44, 0), ("Tab", 0x2B, 0), ("F10", 0x43, 0), ("Escape", 0x29, 0)):
+        desktop.xdotool("keydown", key)
+        console.wait(key, lambda s: usage in s["keys"] and s["modifiers"] == modifiers)
+        desktop.xdotool("keyup", key)
+        console.wait(key + "'s release", lambda s: s["keys"] == [0] * 6)
+    desktop.xdotool("keydown", "alt", "keydown", "F4")
+    console.wait("Alt+F4 on the target", lambda s: 0x3D in s["keys"] and s["modifiers"] == 4)
+    desktop.xdotool("keyup", "F4", "keyup", "alt")
+    state = console.wait("the release", lambda s: s["keys"] == [0] * 6 and s["modifiers"] == 0)
+    expect(state["captured"], "the keyboard is still the target's")
+    desktop.xdotool("key", "Control_R")
+    console.wait("giving the keyboard back", lambda s: not s["captured"])
+    keep(desktop, "given_back")
+    desktop.xdotool("key", "b")
+    expect("b" not in console.state()["text"], "no key goes out any more")
+
+
+def check_pointer(console, state, x, y):
+    """Puts the pointer on a device pixel of the widget and compares where the target's rests."""
+    console.desktop.xdotool("mousemove", *console.root_of(x, y, state))
+    left, top, width, height = state["placement"]
+    wanted = []
+    for at, start, shown, size in ((x, left, width, state["picture"][0]), (y, top, height, state["picture"][1])):
+        wanted.append(min(max(int((at + 0.5 - start) * size // shown), 0), size - 1))
+
+    def rests(now):
+        # How the target's screen turns a position into a pixel.
+        got = [round(now["pointer"][i] * (state["picture"][i] - 1) / FULL_SCALE) for i in range(2)]
+        return got == wanted
+
+    console.wait("the pointer at pixel %s" % wanted, rests)
+
+
+def pointer_rests(desktop, scale):
+    console = Console(desktop, PROGRAM, scale=scale)
+    console.ready()
+    for width, height in ((640, 480), (900, 700), (1000, 420), (1200, 800), (1280, 820)):
+        desktop.xdotool("windowsize", console.window, width * scale, height * scale)
+        before = None
+
+        def settled(now):
+            # Two equal looks at the same geometry, drawn once more in between.
+            nonlocal before
+            same = before is not None and before["view"] == now["view"] and before["placement"] == now["placement"]
+            good = same and now["drawn"] > before["drawn"] and abs(now["window"][1] - height) <= 60
+            before = before if same else now
+            return good
+
+        state = console.wait("the size %dx%d" % (width, height), settled)
+        left, top, shown_width, shown_height = state["placement"]
+        for fx, fy in ((0.5, 0.5), (0.113, 0.871), (0.707, 0.333), (0.999, 0.001)):
+            check_pointer(console, state, int(left + fx * shown_width), int(top + fy * shown_height))
+        keep(desktop, "pointer_%dx%d_scale%d" % (width, height, scale))
+    expect(console.state()["clicks"] == [], "no click was sent")
+    expect(console.state()["text"] == "", "no key was sent")
+
+
+def test_pointer_rests_to_the_pixel(desktop):
+    pointer_rests(desktop, 1)
+
+
+def test_pointer_rests_to_the_pixel_at_scale_two(desktop):
+    pointer_rests(desktop, 2)
+
+
+def test_focus_loss_releases_everything(desktop):
+    console = Console(desktop, PROGRAM)
+    console.ready()
+    console.click(300, 300)
+    desktop.xdotool("keydown", "shift", "keydown", "a")
+    console.wait("held keys", lambda s: 4 in s["keys"] and s["modifiers"] == 2)
+    desktop.xdotool("mousedown", 1)
+    console.wait("a held button", lambda s: s["buttons"] == 1)
+    other = subprocess.Popen(["xdotool", "getactivewindow"], env=desktop.environment, stdout=subprocess.DEVNULL)
+    other.wait(20)
+    desktop.xdotool("windowminimize", console.window)
+    console.wait("the release of everything",
+                 lambda s: s["keys"] == [0] * 6 and s["modifiers"] == 0 and s["buttons"] == 0 and not s["captured"])
+    desktop.xdotool("mouseup", 1, "keyup", "a", "keyup", "shift")
+
+
+def test_closing_releases_everything(desktop):
+    console = Console(desktop, PROGRAM)
+    console.ready()
+    console.click(300, 300)
+    desktop.xdotool("keydown", "a")
+    console.wait("a held key", lambda s: 4 in s["keys"])
+    expect(console.close() == 0, "the console ends cleanly with a key held")
+    desktop.xdotool("keyup", "a")
+
+
+def test_pasting_two_thousand_characters(desktop):
+    console = Console(desktop, PROGRAM)
+    console.ready()
+    text = "".join("%04d Lorem ipsum, dolor sit AMET; (consectetur) " % i for i in range(60))[:2000]
+    console.say("paste " + text.encode().hex())
+    keep(desktop, "paste_dialog")
+    console.say("type")
+    console.wait("typing", lambda s: s["typing"])
+    console.wait("the end of typing", lambda s: not s["typing"], 120)
+    state = console.wait("the whole text", lambda s: typed_text(s) == text)
+    keep(desktop, "pasted")
+    expect(state["keys"] == [0] * 6 and state["modifiers"] == 0, "nothing stays held")
+
+
+def test_untypable_characters_are_shown_before_anything_is_sent(desktop):
+    console = Console(desktop, PROGRAM)
+    console.ready()
+    before = console.state()["exchanges"]
+    console.say("paste " + "na\u00efve \u20ac".encode().hex())
+    keep(desktop, "untypable")
+    expect(console.state()["exchanges"] == before, "nothing is sent")
+
+
+def firmware(folder, version):
+    image = b"MIRN-VERSION=" + version.encode() + b"\0" + bytes((i * 7) & 0xFF for i in range(60000))
+    lines = []
+    for at in range(0, len(image), 16):
+        part = image[at:at + 16]
+        record = "%02X%04X00%s" % (len(part), at, part.hex().upper())
+        lines.append(":%s%02X\r\n" % (record, -sum(bytes.fromhex(record)) & 0xFF))
+    path = os.path.join(folder, "firmware.hex")
+    open(path, "w", newline="").write("".join(lines) + ":00000001FF\r\n")
+    return path
+
+
+def test_upgrade_with_unplugging_in_the_middle(desktop):
+    # The device is pulled at its tenth chunk; plugged in again, the old version is said as such, then all goes well.
+    console = Console(desktop, PROGRAM, "--virtual-faults", "unplug@10/c7")
+    console.ready()
+    path = firmware(desktop.folder, "2.5.0")
+    console.say("upgrade " + path)
+    keep(desktop, "upgrade_offered")
+    console.say("start")
+    console.wait("the unplugging", lambda s: s["condition"] == "not-plugged-in")
+    keep(desktop, "upgrade_unplugged")
+    console.say("plug")
+    state = console.wait("a result", lambda s: not s["upgrading"])
+    keep(desktop, "upgrade_result")
+    expect("unplugged after 9 of 59 chunks" in state["upgrade"], state["upgrade"])
+    expect("1.0.0" in state["upgrade"], state["upgrade"])
+    console.wait("picture and keyboard by themselves", lambda s: s["condition"] == "fine" and s["info"])
+    console.say("upgrade " + path)
+    console.say("start")
+    state = console.wait("the second result", lambda s: not s["upgrading"] and s["upgrade"], 120)
+    keep(desktop, "upgrade_done")
+    expect(state["upgrade"] == "The device now runs version 2.5.0 (before: 1.0.0).", state["upgrade"])
+
+
+def test_upgrade_refuses_a_broken_file(desktop):
+    console = Console(desktop, PROGRAM)
+    console.ready()
+    path = firmware(desktop.folder, "2.5.0")
+    text = open(path, newline="").read().replace(":10001000", ":10001001", 1)
+    open(path, "w", newline="").write(text)
+    before = console.state()["exchanges"]
+    console.say("upgrade " + path)
+    console.say("start")
+    keep(desktop, "upgrade_refused")
+    state = console.state()
+    expect(not state["upgrading"] and state["exchanges"] == before, "nothing is sent of a broken file")
+
+
+def test_unplugging_and_replugging(desktop):
+    console = Console(desktop, PROGRAM)
+    console.ready()
+    console.say("unplug")
+    state = console.wait("the unplugging", lambda s: s["condition"] == "not-plugged-in")
+    expect(state["said"] == "The Mirn was unplugged.", state["said"])
+    keep(desktop, "unplugged")
+    console.say("plug")
+    console.wait("picture and keyboard by themselves", lambda s: s["condition"] == "fine" and s["info"])
+    console.click(200, 200)
+    desktop.xdotool("type", "back")
+    console.wait("typing again", lambda s: typed_text(s) == "back")
+    keep(desktop, "replugged")
+
+
+def test_troubles_are_told_apart(desktop):
+    for option, condition in (("--virtual-unplugged", "not-plugged-in"), ("--virtual-denied", "no-permission"),
+                              ("--virtual-busy", "busy"), ("--virtual-no-signal", "no-signal")):
+        console = Console(desktop, PROGRAM, option)
+        console.ready(condition)
+        keep(desktop, "condition_" + condition)
+        console.close()
+
+
+def test_a_stalled_picture_is_said(desktop):
+    console = Console(desktop, PROGRAM, "--virtual-video-faults", "stall=600000@20")
+    console.wait("the stall", lambda s: s["condition"] == "stalled")
+    keep(desktop, "condition_stalled")
+
+
+def test_no_input_into_a_computer_that_is_not_on_the_screen(desktop):
+    console = Console(desktop, PROGRAM, "--virtual-mismatch")
+    state = console.ready()
+    state = console.wait("the verdict", lambda s: "virtual-2" in s["blocked"] and "virtual-1" in s["blocked"])
+    desktop.xdotool("mousemove", *console.root_of(100, 100, state))
+    before = console.state()["exchanges"]
+    desktop.xdotool("click", 1)
+    desktop.xdotool("type", "secret")
+    console.wait("the click's capture", lambda s: s["captured"])
+    keep(desktop, "mismatch")
+    state = console.state()
+    expect(state["text"] == "" and state["clicks"] == [], "nothing was typed or clicked")
+    expect(state["exchanges"] == before, "nothing was sent at all")
+
+
+def test_quality_screenshot_and_full_screen(desktop):
+    console = Console(desktop, PROGRAM)
+    console.ready()
+    console.say("action quality 720P")
+    console.wait("720P", lambda s: s["picture"] == [1280, 720])
+    desktop.xdotool("windowsize", console.window, 1500, 1000)
+    console.wait("one to one", lambda s: s["placement"][2:] == [1280, 720])
+    keep(desktop, "quality_720p")
+    path = console.say("screenshot")["file"]
+    size = desktop.run("identify", "-format", "%w %h", path)
+    expect(size == "1280 720", "the screenshot is %s" % size)
+    console.say("action overlay")
+    console.say("action fullscreen")
+    console.wait("full screen", lambda s: s["window"] == [2600, 1700] and s["placement"][2:] == [2560, 1440])
+    keep(desktop, "full_screen")
+    console.say("action quality 1080P")
+    console.wait("1080P", lambda s: s["picture"] == [1920, 1080])
+    console.say("action device-panel")
+    keep(desktop, "device_panel")
+
+
+def main():
+    if missing_tools():
+        print("skipped: these tools are missing: " + " ".join(missing_tools()))
+        return 77
+    case = globals()["test_" + sys.argv[3]]
+    folder = private_folder()
+    desktop = Desktop(folder)
+    started = []
+    original = Console.__init__
+
+    def remember(self, *arguments, **named):
+        started.append(self)
+        original(self, *arguments, **named)
+
+    Console.__init__ = remember
+    try:
+        case(desktop)
+    except Failure as failure:
+        print("FAILED: %s" % failure)
+        keep(desktop, "failed_" + sys.argv[3])
+        return 1
+    finally:
+        for console in started:
+            console.close()
+        desktop.close()
+        shutil.rmtree(folder, ignore_errors=True)
+    print("passed")
+    return 0
+
+
+sys.exit(main())

@@ -1,0 +1,136 @@
+"""A private X server with a window manager, and the console on a virtual Mirn in it, steered by real input events."""
+import json
+import os
+import shutil
+import subprocess
+import tempfile
+import time
+
+TOOLS = ("Xvfb", "openbox", "xdotool", "import", "convert")
+
+
+def missing_tools():
+    return [tool for tool in TOOLS if shutil.which(tool) is None]
+
+
+class Failure(Exception):
+    """What a test expected and did not see."""
+
+
+class Desktop:
+    """Xvfb and openbox on a display of their own."""
+
+    def __init__(self, folder, width=2600, height=1700):
+        self.folder = folder
+        read_end, write_end = os.pipe()
+        self.server = subprocess.Popen(
+            ["Xvfb", "-displayfd", str(write_end), "-screen", "0", "%dx%dx24" % (width, height), "-nolisten", "tcp"],
+            pass_fds=[write_end], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        os.close(write_end)
+        with os.fdopen(read_end) as pipe:
+            number = pipe.readline().strip()
+        if not number:
+            raise Failure("Xvfb did not start")
+        self.environment = dict(os.environ, DISPLAY=":" + number, GDK_BACKEND="x11", XDG_RUNTIME_DIR=folder,
+                                HOME=folder, XDG_CONFIG_HOME=folder, GTK_A11Y="none", NO_AT_BRIDGE="1",
+                                LIBGL_ALWAYS_SOFTWARE="1")
+        self.environment.pop("WAYLAND_DISPLAY", None)
+        self.manager = subprocess.Popen(["openbox", "--sm-disable"], env=self.environment, stdout=subprocess.DEVNULL,
+                                        stderr=subprocess.DEVNULL)
+
+    def run(self, *command):
+        return subprocess.run(command, env=self.environment, capture_output=True, text=True, timeout=60, check=True).stdout
+
+    def xdotool(self, *arguments):
+        return self.run("xdotool", *[str(argument) for argument in arguments])
+
+    def screenshot(self, path):
+        self.run("import", "-window", "root", path)
+
+    def close(self):
+        for process in (self.manager, self.server):
+            process.terminate()
+            process.wait(20)
+
+
+class Console:
+    """mirn-console --virtual --steer."""
+
+    def __init__(self, desktop, program, *arguments, scale=1):
+        self.desktop = desktop
+        environment = dict(desktop.environment, GDK_SCALE=str(scale))
+        self.log = open(os.path.join(desktop.folder, "console.log"), "w", encoding="utf-8")
+        settings = os.path.join(desktop.folder, "settings.ini")
+        self.process = subprocess.Popen([program, "--virtual", "--steer", "--virtual-fps", "10", "--settings", settings,
+                                         *arguments], env=environment, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                        stderr=self.log, text=True)
+        self.window = None
+
+    def say(self, line):
+        self.process.stdin.write(line + "\n")
+        self.process.stdin.flush()
+        answer = self.process.stdout.readline()
+        if not answer:
+            raise Failure("the console ended: " + open(self.log.name, encoding="utf-8").read()[-2000:])
+        return json.loads(answer)
+
+    def state(self):
+        return self.say("state")
+
+    def wait(self, what, condition, seconds=60):
+        """The first state in which the condition holds."""
+        end = time.monotonic() + seconds
+        while True:
+            state = self.state()
+            if condition(state):
+                return state
+            if time.monotonic() > end:
+                raise Failure("%s did not happen within %d s; the state is %s" % (what, seconds, json.dumps(state)))
+            time.sleep(0.05)  # between two questions, not to let anything settle
+
+    def ready(self, condition="fine"):
+        state = self.wait("the condition " + condition, lambda s: s["condition"] == condition)
+        found = self.desktop.xdotool("search", "--sync", "--onlyvisible", "--name", "Mirn Console").split()
+        self.window = found[-1]
+        self.desktop.xdotool("windowactivate", "--sync", self.window)
+        self.wait("the window's activation", lambda s: s["active"])
+        return state
+
+    def corner(self):
+        """Root position of the window's upper left corner, device pixels."""
+        lines = self.desktop.xdotool("getwindowgeometry", "--shell", self.window).split()
+        values = dict(line.split("=") for line in lines if "=" in line)
+        return int(values["X"]), int(values["Y"])
+
+    def root_of(self, x, y, state=None):
+        """Root position of a point of the picture's widget, both in device pixels."""
+        state = state or self.state()
+        left, top = self.corner()
+        scale = state["scale"]
+        return left + int(state["view"][0] * scale) + x, top + int(state["view"][1] * scale) + y
+
+    def click(self, x, y):
+        before = len(self.state()["clicks"])
+        self.desktop.xdotool("mousemove", *self.root_of(x, y))
+        self.desktop.xdotool("click", 1)
+        return self.wait("the click's arrival", lambda s: len(s["clicks"]) > before and s["captured"])
+
+    def strip_is_current(self, state):
+        return state["strip"] is not None and state["strip"]["digest"] == state["digest"]
+
+    def close(self):
+        if self.process.poll() is None:
+            try:
+                self.say("close")
+                self.process.wait(30)
+            except (Failure, subprocess.TimeoutExpired, BrokenPipeError):
+                self.process.kill()
+        self.process.wait(10)
+        self.log.close()
+        return self.process.returncode
+
+
+def private_folder():
+    folder = tempfile.mkdtemp(prefix="mirn-desktop-")
+    os.chmod(folder, 0o700)
+    return folder
