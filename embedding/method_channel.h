@@ -46,16 +46,19 @@ using MethodCallHandler = std::function<void(const MethodCallView& call, MethodR
 class MethodChannel {
  public:
   MethodChannel(BinaryMessenger& messenger, std::string name);
+  virtual ~MethodChannel() = default;
+  MethodChannel(const MethodChannel&) = delete;
+  MethodChannel& operator=(const MethodChannel&) = delete;
 
   const std::string& name() const { return name_; }
 
   // A message that is no method call gets the empty reply and one line in the log, and never reaches `handler`.
-  void setMethodCallHandler(MethodCallHandler handler);
+  virtual void setMethodCallHandler(MethodCallHandler handler);
   // Only takes away what this object has set.
-  void clearMethodCallHandler();
+  virtual void clearMethodCallHandler();
 
   // Towards the application, without waiting for an answer.
-  void invokeMethod(std::string_view method, const Value& arguments);
+  virtual void invokeMethod(std::string_view method, const Value& arguments);
 
  private:
   BinaryMessenger& messenger_;
