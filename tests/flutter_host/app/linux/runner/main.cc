@@ -12,8 +12,11 @@ namespace {
 
 // {"method", null} in the standard method codec.
 mirn::MessageBytes encodeCall(const std::string& method) {
-  mirn::MessageBytes bytes{7, static_cast<uint8_t>(method.size())};
-  bytes.insert(bytes.end(), method.begin(), method.end());
+  mirn::MessageBytes bytes;
+  bytes.reserve(method.size() + 3);
+  bytes.push_back(7);
+  bytes.push_back(static_cast<uint8_t>(method.size()));
+  for (const char letter : method) bytes.push_back(static_cast<uint8_t>(letter));
   bytes.push_back(0);
   return bytes;
 }
