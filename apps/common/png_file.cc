@@ -74,7 +74,10 @@ bool writePng(const PixelBufferRef& picture, const std::string& path, std::strin
   if (g_file_set_contents(path.c_str(), reinterpret_cast<const char*>(bytes.data()), static_cast<gssize>(bytes.size()),
                           &failure) == FALSE) {
     if (error != nullptr) {
-      *error = "Can't write " + path + ": " + failure->message;
+      // The whole message names a temporary file that nobody asked for.
+      std::string message = failure->message;
+      size_t reason = message.rfind(": ");
+      *error = "Can't write " + path + (reason != std::string::npos ? message.substr(reason) : ": " + message);
     }
     g_clear_error(&failure);
     return false;

@@ -41,10 +41,12 @@ Placement placePicture(int view_width, int view_height, int picture_width, int p
 }
 
 PicturePoint pictureUnder(const Placement& placement, int picture_width, int picture_height, double x, double y) {
-  // A window system names a pixel by its upper left corner; what the person points at is its middle.
+  // A window system names a pixel by its upper left corner; what the person points at is its middle. On the way through
+  // the widgets' transforms a whole number may lose a little.
   constexpr double kMiddle = 0.5;
-  return {pixelUnder(std::floor(x) + kMiddle - placement.left, placement.width, picture_width),
-          pixelUnder(std::floor(y) + kMiddle - placement.top, placement.height, picture_height)};
+  constexpr double kLost = 1.0 / 64;
+  return {pixelUnder(std::floor(x + kLost) + kMiddle - placement.left, placement.width, picture_width),
+          pixelUnder(std::floor(y + kLost) + kMiddle - placement.top, placement.height, picture_height)};
 }
 
 int positionOfPixel(int pixel, int size) {

@@ -67,6 +67,13 @@ TEST(PictureUnder, AShrunkPicturesPixelIsTheOneUnderTheMiddle) {
   EXPECT_EQ(pictureUnder(place, 1920, 1080, 639, 359).x, 1918);
 }
 
+TEST(PictureUnder, AWholeNumberThatLostALittleOnTheWayIsTheSamePixel) {
+  Placement place{0, 25, 630, 354};
+  EXPECT_EQ(pictureUnder(place, 1920, 1080, 629, 24.999998).y, 1);
+  EXPECT_EQ(pictureUnder(place, 1920, 1080, 629, 25).y, 1);
+  EXPECT_EQ(pictureUnder(place, 1920, 1080, 629, 24.5).y, 0);
+}
+
 TEST(PositionOfPixel, EndsAreTheEndsOfTheScale) {
   for (int size : {2, 3, 720, 1080, 1280, 1920, 4096}) {
     EXPECT_EQ(positionOfPixel(0, size), 0);
