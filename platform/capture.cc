@@ -260,7 +260,7 @@ void CaptureDevice::releaseInput() {
   }
 }
 
-bool CaptureDevice::startStreaming(std::shared_ptr<CaptureSink> newSink, CaptureError* error) {
+bool CaptureDevice::startStreaming(const std::shared_ptr<CaptureSink>& newSink, CaptureError* error) {
   MutexGuard guard(control_);
   if (openUsers_ == 0) {
     setError(error, makeError(EINVAL, nodeName(), "the device isn't open", ""));

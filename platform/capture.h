@@ -125,7 +125,7 @@ class CaptureDevice : public std::enable_shared_from_this<CaptureDevice> {
   bool retainInput(CaptureError* error) MIRN_EXCLUDES(control_);
   void releaseInput() MIRN_EXCLUDES(control_);
   /// Starts frames into `sink`. When they flow into another one, that one is stopped first: the newer session wins.
-  bool startStreaming(std::shared_ptr<CaptureSink> sink, CaptureError* error) MIRN_EXCLUDES(control_);
+  bool startStreaming(const std::shared_ptr<CaptureSink>& sink, CaptureError* error) MIRN_EXCLUDES(control_);
   /// Stops when `sink` is the one that gets the frames; else nothing. No callback of the device runs after it.
   void stopStreaming(const CaptureSink* sink) MIRN_EXCLUDES(control_);
 
