@@ -71,7 +71,7 @@ bool FakeV4l2::push(const std::string& path, const std::vector<uint8_t>& bytes, 
   for (uint32_t index = 0; node.streaming && index < node.buffers.size(); ++index) {
     FakeNode::Buffer& buffer = node.buffers[index];
     if (buffer.queued) {
-      std::memcpy(buffer.bytes.data(), bytes.data(), std::min(bytes.size(), buffer.bytes.size()));
+      std::copy_n(bytes.begin(), std::min(bytes.size(), buffer.bytes.size()), buffer.bytes.begin());
       buffer.queued = false;
       node.done.push_back({index, static_cast<uint32_t>(bytes.size()), flags});
       wake();
