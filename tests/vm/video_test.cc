@@ -41,7 +41,7 @@ class StripReader : public SampleBufferDelegate {
   // False when they don't come.
   bool waitForFrames(size_t count) {
     std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(30), [&] { return frames_.size() >= count; });
+    return changed_.wait_for(lock, std::chrono::seconds(50), [&] { return frames_.size() >= count; });
   }
   std::vector<SeenFrame> takeFrames() {
     const std::lock_guard guard(mutex_);
