@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <regex.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -72,6 +73,31 @@ class LogFolder {
 inline std::string messageOf(const std::string& line) {
   const size_t tab = line.rfind('\t');
   return tab == std::string::npos ? line : line.substr(tab + 1);
+}
+
+// The groups of an extended POSIX regular expression that must match all of the text, the whole first; nothing if it
+// doesn't.
+inline std::vector<std::string> groupsOf(const std::string& text, const std::string& pattern) {
+  regex_t expression;
+  if (::regcomp(&expression, ("^" + pattern + "$").c_str(), REG_EXTENDED) != 0) {
+    ADD_FAILURE() << "no regular expression: " << pattern;
+    return {};
+  }
+  regmatch_t found[4];
+  std::vector<std::string> groups;
+  if (::regexec(&expression, text.c_str(), std::size(found), found, 0) == 0) {
+    for (const regmatch_t& group : found) {
+      if (group.rm_so >= 0) {
+        groups.push_back(text.substr(static_cast<size_t>(group.rm_so), static_cast<size_t>(group.rm_eo - group.rm_so)));
+      }
+    }
+  }
+  ::regfree(&expression);
+  return groups;
+}
+
+inline bool matches(const std::string& text, const std::string& pattern) {
+  return !groupsOf(text, pattern).empty();
 }
 
 // Standard output, as a file descriptor, for as long as it lives.
