@@ -119,15 +119,15 @@ the Mirn themselves.
 TEXT
 package mirn-console "$arch" x11 "$(libraries -e"$stage/mirn-console/usr/bin/mirn-console")" \
   "another computer's screen, keyboard and pointer in a window" <<'TEXT'
-Shows the picture that a Mirn delivers of the computer behind it, and plays what
-is typed and pointed in the window into that computer. Reads and sets the
-device's information and upgrades its firmware.
+Shows the picture that a Mirn delivers of the computer behind it, and plays
+what is typed and pointed in the window into that computer. Reads and sets
+the device's information and upgrades its firmware.
 TEXT
 package mirnctl "$arch" utils "$(libraries -e"$stage/mirnctl/usr/bin/mirnctl")" \
   "use a Mirn from scripts" <<'TEXT'
-Presses keys, types text, moves the pointer, saves the picture, reads and sets
-the information of a Mirn, upgrades its firmware, and says what is wrong when it
-does not work. Text or JSON.
+Presses keys, types text, moves the pointer, saves the picture, reads and
+sets the information of a Mirn, upgrades its firmware, and says what is wrong
+when it does not work. Text or JSON.
 TEXT
 package mirn-udev all misc "" "lets the person at the computer use a Mirn" <<'TEXT'
 A udev rule that gives whoever sits at this computer access to the keyboard
