@@ -8,8 +8,8 @@
 #include <random>
 
 #if defined(MIRN_SANITIZED_ADDRESS)
-// An allocation that can't be had returns null here as it does without the sanitizer.
-extern "C" const char* __asan_default_options() {
+// An allocation that can't be had returns null here as it does without the sanitizer, whose runtime must see this.
+extern "C" __attribute__((visibility("default"))) const char* __asan_default_options() {
   return "allocator_may_return_null=1";
 }
 #endif
