@@ -94,10 +94,11 @@ std::optional<StripContent> readStrip(const StripPicture& picture) {
   }
   StripBits bits{};
   for (size_t i = 0; i < bits.size(); ++i) {
-    const auto column = static_cast<double>(i % kStripColumns);
-    const auto row = static_cast<double>(i / kStripColumns);
-    bits[i] = cellBrightness(picture, place.left + column * place.cell, place.top + row * place.cell, place.cell) >=
-              kThreshold;
+    const size_t column = i % kStripColumns;
+    const size_t row = i / kStripColumns;
+    const double left = place.left + static_cast<double>(column) * place.cell;
+    const double top = place.top + static_cast<double>(row) * place.cell;
+    bits[i] = cellBrightness(picture, left, top, place.cell) >= kThreshold;
   }
   return decodeStrip(bits);
 }

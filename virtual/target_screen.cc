@@ -149,7 +149,7 @@ void TargetScreen::paintStrip(const StripContent& content) {
   const StripBits bits = encodeStrip(content);
   const int left = width_ - kStripColumns * cell_;
   for (int row = 0; row < kStripRows; ++row) {
-    uint8_t* first = data + static_cast<size_t>((kStripTop + row) * cell_) * stride();
+    uint8_t* first = data + static_cast<size_t>(kStripTop + row) * static_cast<size_t>(cell_) * stride();
     for (int column = 0; column < kStripColumns; ++column) {
       const bool white = bits[static_cast<size_t>(row * kStripColumns + column)];
       std::fill_n(first + static_cast<size_t>(left + column * cell_) * 4, cell_ * 4, white ? 0xFF : 0x00);
