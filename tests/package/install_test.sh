@@ -13,10 +13,11 @@ clean() {
 trap clean EXIT
 # The mirrors of this machine, whatever they are.
 mirror=$(sed -n 's/^URIs: *\([^ ]*\).*/\1/p; s/^deb \(\[[^]]*\] \)\?\([^ ]*\) .*/\2/p' \
-  /etc/apt/sources.list /etc/apt/sources.list.d/*.sources /etc/apt/sources.list.d/*.list 2>/dev/null | head -n 1)
+  /etc/apt/sources.list /etc/apt/sources.list.d/*.sources /etc/apt/sources.list.d/*.list 2>/dev/null | head -n 1 || true)
 debootstrap --variant=minbase bookworm "$root" "${mirror:-http://deb.debian.org/debian}" >"$root.log" 2>&1 ||
   { tail -n 20 "$root.log" >&2; exit 1; }
 rm -f "$root.log"
+rm -f "$root/etc/apt/sources.list"
 cp -r /etc/apt/apt.conf.d /etc/apt/sources.list* /etc/apt/trusted.gpg.d /etc/apt/keyrings "$root/etc/apt/" 2>/dev/null || true
 cp /etc/resolv.conf "$root/etc/" 2>/dev/null || true
 cp -r /usr/local/share/ca-certificates "$root/usr/local/share/" 2>/dev/null || true
@@ -26,9 +27,9 @@ cp "$packages"/*.deb "$root/packages/"
 inside() { chroot "$root" /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root DEBIAN_FRONTEND=noninteractive LC_ALL=C.UTF-8 "$@"; }
 fail() { echo "FAILED: $*" >&2; exit 1; }
 
-inside apt-get update -qq
+inside apt-get update -qq 2>/dev/null
 inside sh -c 'dpkg-query -W -f "\${Package}\n" | sort >/before'
-inside apt-get install -y -qq --no-install-recommends /packages/*.deb >/dev/null
+inside sh -c 'apt-get install -y -qq --no-install-recommends /packages/*.deb' >/dev/null
 echo "installed: $(inside sh -c 'ls /packages | wc -l') packages"
 
 status=0
