@@ -18,4 +18,4 @@ foreach(identifier MIRN_VENDOR_ID MIRN_PRODUCT_ID MIRN_FALLBACK_VENDOR_ID)
   endif()
 endforeach()
 
-configure_file(${CMAKE_CURRENT_LIST_DIR}/mirn_identity.h.in ${CMAKE_BINARY_DIR}/generated/platform/mirn_identity.h @ONLY)
+configure_file(${CMAKE_CURRENT_LIST_DIR}/mirn_identity.h.in ${PROJECT_BINARY_DIR}/generated/platform/mirn_identity.h @ONLY)

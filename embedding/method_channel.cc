@@ -94,6 +94,8 @@ void MethodResult::notImplemented() {
 MethodChannel::MethodChannel(BinaryMessenger& messenger, std::string name)
     : messenger_(messenger), name_(std::move(name)) {}
 
+MethodChannel::~MethodChannel() = default;
+
 void MethodChannel::setMethodCallHandler(MethodCallHandler handler) {
   handler_ = std::make_shared<CallHandler>(name_, std::move(handler));
   messenger_.setMessageHandler(name_, handler_);

@@ -46,7 +46,7 @@ using MethodCallHandler = std::function<void(const MethodCallView& call, MethodR
 class MethodChannel {
  public:
   MethodChannel(BinaryMessenger& messenger, std::string name);
-  virtual ~MethodChannel() = default;
+  virtual ~MethodChannel();  // not inline: a host may hold a channel and have none of this room's code
   MethodChannel(const MethodChannel&) = delete;
   MethodChannel& operator=(const MethodChannel&) = delete;
 

@@ -35,4 +35,15 @@ inline bool threadsFallTo(int limit) {
   return true;
 }
 
+// What a detached thread holds goes with it: waits until no more than `limit` descriptors are open. False after ten
+// seconds.
+inline bool descriptorsFallTo(int limit) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (openDescriptors() > limit) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::yield();
+  }
+  return true;
+}
+
 }  // namespace mirn
