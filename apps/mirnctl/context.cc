@@ -20,7 +20,8 @@ gboolean plugNow(gpointer world) {
 
 }  // namespace
 
-Context::Context(const GlobalOptions& options, int descriptor, int error_descriptor) : options_(options), report_(descriptor, error_descriptor, options.json) {}
+Context::Context(const GlobalOptions& options, int descriptor, int error_descriptor)
+    : options_(options), report_(descriptor, error_descriptor, options.json) {}
 
 Context::~Context() {
   session_.reset();
