@@ -106,6 +106,7 @@ void InputController::connectPointer() {
   auto motion = Gtk::EventControllerMotion::create();
   motion->signal_motion().connect(sigc::mem_fun(*this, &InputController::onMotion));
   motion->signal_enter().connect(sigc::mem_fun(*this, &InputController::onMotion));
+  motion->signal_leave().connect(sigc::mem_fun(*this, &InputController::onLeave));
   view_.add_controller(motion);
 
   // Raw presses and releases: a click gesture would wait and count.
@@ -250,9 +251,20 @@ void InputController::onMotion(double x, double y) {
   if (!window_.is_active() || !view_.picture()) {
     return;
   }
+  last_x_ = x;
+  last_y_ = y;
   PicturePoint place = view_.devicePosition(x, y);
   pointer_.move(place.x, place.y, Steady::now());
   scheduleRest();
+}
+
+// A pointer that leaves over an edge goes all the way to it: the events end some pixels before.
+void InputController::onLeave() {
+  auto pushed = [](double at, int size) {
+    constexpr double kNear = 24;
+    return at < kNear ? -1.0 : (at > size - kNear ? size + 1.0 : at);
+  };
+  onMotion(pushed(last_x_, view_.get_width()), pushed(last_y_, view_.get_height()));
 }
 
 void InputController::onButton(guint button, bool down, double x, double y) {

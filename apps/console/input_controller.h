@@ -68,6 +68,7 @@ class InputController {
   bool onKeyPressed(guint keyval, guint keycode, Gdk::ModifierType state);
   void onKeyReleased(guint keyval, guint keycode, Gdk::ModifierType state);
   void onMotion(double x, double y);
+  void onLeave();
   void onButton(guint button, bool down, double x, double y);
   bool onScroll(double dx, double dy);
   void onActive();
@@ -88,6 +89,8 @@ class InputController {
   bool captured_ = false;
   bool recapture_ = false;
   bool pasting_ = false;
+  double last_x_ = 0;  // of the last motion, widget coordinates
+  double last_y_ = 0;
   unsigned buttons_ = 0;  // bit n: button n is down
   sigc::connection rest_;
   sigc::signal<void()> captured_changed_;

@@ -144,6 +144,18 @@ def test_pointer_rests_to_the_pixel_at_scale_two(desktop):
     pointer_rests(desktop, 2)
 
 
+def test_pointer_that_leaves_over_the_top_rests_at_the_edge(desktop):
+    console = Console(desktop, PROGRAM)
+    console.ready()
+    desktop.xdotool("windowsize", console.window, 1000, 420)
+    state = console.wait("no letterbox at the top", lambda s: s["window"][1] < 450 and s["placement"][1] == 0)
+    x, y = console.root_of(400, 6, state)
+    desktop.xdotool("mousemove", x, y)
+    console.wait("the pointer near the top", lambda s: 0 < s["pointer"][1] < 1500)
+    desktop.xdotool("mousemove", x, y - 30)
+    console.wait("the pointer at the top", lambda s: s["pointer"][1] == 0)
+
+
 def test_focus_loss_releases_everything(desktop):
     console = Console(desktop, PROGRAM)
     console.ready()
