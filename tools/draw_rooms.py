@@ -47,14 +47,19 @@ def reduced(links):
     return {a: {b for b in bs if not reaches(a, b, b)} for a, bs in links.items()}
 
 
+def node(name):
+    """A name that Mermaid takes: mirn-virtual, the program, stays apart from mirn_virtual, the room."""
+    return name.replace("-", "_program_")
+
+
 def picture(build):
     lines = ["```mermaid", "graph TD"]
     links = reduced(targets(build))
     for a in sorted(links):
-        lines.append(f'  {a.replace("-", "_")}["{a}"]')
+        lines.append(f'  {node(a)}["{a}"]')
     for a in sorted(links):
         for b in sorted(links[a]):
-            lines.append(f'  {a.replace("-", "_")} --> {b.replace("-", "_")}')
+            lines.append(f'  {node(a)} --> {node(b)}')
     lines.append("```")
     return "\n".join(lines)
 

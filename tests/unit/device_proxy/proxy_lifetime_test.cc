@@ -114,18 +114,24 @@ TEST_F(ProxyLifetimeTest, AnIdleSendingThreadThatGetsTheChanceDeliversTheRelease
     }
   }
   ASSERT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
-  start();  // its thread inherits the processor and, for now, the policy
-  proxy_->KeyBoardDown(0, 'A');
-  proxy_->KeyBoardDown(0, 17);
-  proxy_->MouseLButtonDown(5, 0);
-  arrived();
-  const sched_param none{};
-  if (sched_setscheduler(0, SCHED_IDLE, &none) != 0) GTEST_SKIP() << "this system does not let a thread step back";
-  ASSERT_TRUE(waitUntilAsleep(proxy_->send_thread().ThreadId()));
-  proxy_.reset();
-  sched_setscheduler(0, SCHED_OTHER, &none);
+  // Another program's threads on that processor may take its turn, so the chance is given until it is had.
+  std::vector<std::string> releases;
+  for (int round = 0; round < 500 && releases != kReleases; ++round) {
+    start();  // its thread inherits the processor and, for now, the policy
+    proxy_->KeyBoardDown(0, 'A');
+    proxy_->KeyBoardDown(0, 17);
+    proxy_->MouseLButtonDown(5, 0);
+    arrived();
+    const sched_param none{};
+    if (sched_setscheduler(0, SCHED_IDLE, &none) != 0) GTEST_SKIP() << "this system does not let a thread step back";
+    const bool asleep = waitUntilAsleep(proxy_->send_thread().ThreadId());
+    proxy_.reset();
+    sched_setscheduler(0, SCHED_OTHER, &none);
+    ASSERT_TRUE(asleep);
+    releases = arrivedInAll();
+  }
   sched_setaffinity(0, sizeof before, &before);
-  EXPECT_EQ(arrivedInAll(), kReleases);
+  EXPECT_EQ(releases, kReleases);
   EXPECT_EQ(mirn_->input().keys, (std::array<uint8_t, 6>{}));
   EXPECT_EQ(mirn_->input().modifiers, 0);
   EXPECT_EQ(mirn_->input().buttons, 0);
