@@ -5,6 +5,8 @@
 #include <libyuv.h>
 #include <turbojpeg.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <string>
@@ -199,6 +201,12 @@ Conversion gstDecoder(const CameraFrames& frames) {
     }
   };
   gst_init(nullptr, nullptr);
+  GstElementFactory* factory = gst_element_factory_find("jpegdec");
+  if (factory == nullptr) {
+    std::fprintf(stderr, "GStreamer has no jpegdec, its MJPEG rows are left out (package gstreamer1.0-plugins-good)\n");
+    return nullptr;
+  }
+  gst_object_unref(factory);
   const std::string text =
       "appsrc name=in format=time is-live=false caps=image/jpeg,framerate=0/1,width=" + std::to_string(frames.width) +
       ",height=" + std::to_string(frames.height) +
@@ -219,10 +227,13 @@ Conversion gstDecoder(const CameraFrames& frames) {
     GstBuffer* buffer = gst_buffer_new_wrapped_full(GST_MEMORY_FLAG_READONLY, const_cast<uint8_t*>(frames.mjpeg.data()),
                                                     frames.mjpeg.size(), 0, frames.mjpeg.size(), nullptr, nullptr);
     gst_app_src_push_buffer(GST_APP_SRC(state->source), buffer);
-    GstSample* sample = gst_app_sink_pull_sample(GST_APP_SINK(state->sink));
-    if (sample != nullptr) {
-      gst_sample_unref(sample);
+    // A pipeline that can't decode never answers: the measurement ends then instead of waiting.
+    GstSample* sample = gst_app_sink_try_pull_sample(GST_APP_SINK(state->sink), 10 * GST_SECOND);
+    if (sample == nullptr) {
+      std::fprintf(stderr, "GStreamer's pipeline gave no picture\n");
+      std::exit(1);
     }
+    gst_sample_unref(sample);
   };
 }
 #endif
