@@ -52,9 +52,10 @@ upgrade_args_ex_type chunk(uint16_t id, uint16_t total) {
   return args;
 }
 
-class Hotplug : public testing::Test {
+class Hotplug : public KernelTest {
  protected:
   void SetUp() override {
+    ASSERT_NO_FATAL_FAILURE(KernelTest::SetUp());
     hidFunctions().init();
     plugIn();
   }
@@ -158,7 +159,9 @@ int roundsWanted() {
   return rounds > 0 ? rounds : 60;
 }
 
-TEST(HotplugRounds, LeaveNoThreadAndNoDescriptor) {
+class HotplugRounds : public KernelTest {};
+
+TEST_F(HotplugRounds, LeaveNoThreadAndNoDescriptor) {
   hidFunctions().init();
   KernelMirn device;
   USBMonitor monitor;

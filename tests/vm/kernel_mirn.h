@@ -4,11 +4,14 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "platform/mirn_identity.h"
 #include "virtual/usb/frame_source.h"
 #include "virtual/usb/usb_plug.h"
 #include "virtual/virtual_mirn.h"
@@ -26,6 +29,22 @@ bool waitFor(Condition condition, std::chrono::milliseconds patience = std::chro
   }
   return true;
 }
+
+// No virtual Mirn on the bus, whatever its identifiers.
+inline bool busIsEmpty() {
+  for (const auto& entry : std::filesystem::directory_iterator("/sys/bus/usb/devices")) {
+    std::string product;
+    std::getline(std::ifstream(entry.path() / "product") >> std::ws, product);
+    if (product == kMirnProductName) return false;
+  }
+  return true;
+}
+
+// A case that begins with an empty bus: the kernel takes its time to let the device of the case before go.
+class KernelTest : public testing::Test {
+ protected:
+  void SetUp() override { ASSERT_TRUE(waitFor(busIsEmpty)); }
+};
 
 // One device with a target computer behind it.
 class KernelMirn {

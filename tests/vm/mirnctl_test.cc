@@ -60,7 +60,7 @@ bool nodesThere() {
   return ::access("/dev/video0", F_OK) == 0 || ::access("/dev/video2", F_OK) == 0;
 }
 
-class Mirnctl : public testing::Test {
+class Mirnctl : public KernelTest {
  protected:
   static VirtualMirnSettings settings() {
     VirtualMirnSettings result;

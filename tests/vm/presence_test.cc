@@ -20,7 +20,9 @@ VirtualMirnSettings withSerial(const char* serial) {
   return settings;
 }
 
-TEST(Presence, ScanBeforeAtAndAfter) {
+class Presence : public KernelTest {};
+
+TEST_F(Presence, ScanBeforeAtAndAfter) {
   KernelMirn device;
   EXPECT_FALSE(UsbDeviceAttached());
   device.plug();
@@ -29,7 +31,7 @@ TEST(Presence, ScanBeforeAtAndAfter) {
   EXPECT_TRUE(waitFor([] { return !UsbDeviceAttached(); }));
 }
 
-TEST(Presence, MonitorFollowsEachPlugging) {
+TEST_F(Presence, MonitorFollowsEachPlugging) {
   KernelMirn device;
   USBMonitor monitor;
   monitor.StartMonitoring();
@@ -42,7 +44,7 @@ TEST(Presence, MonitorFollowsEachPlugging) {
   }
 }
 
-TEST(Presence, MonitorSeesWhatIsThereAlready) {
+TEST_F(Presence, MonitorSeesWhatIsThereAlready) {
   KernelMirn device;
   device.plug();
   ASSERT_TRUE(waitFor([] { return UsbDeviceAttached(); }));
@@ -53,7 +55,7 @@ TEST(Presence, MonitorSeesWhatIsThereAlready) {
   EXPECT_TRUE(waitFor([&] { return !monitor.GetDeviceExist(); }));
 }
 
-TEST(Presence, RemovingOneOfTwoClearsTheFlagThoughTheOtherIsThere) {
+TEST_F(Presence, RemovingOneOfTwoClearsTheFlagThoughTheOtherIsThere) {
   KernelMirn first(withSerial("first"));
   KernelMirn second(withSerial("second"));
   first.plug();
@@ -67,7 +69,7 @@ TEST(Presence, RemovingOneOfTwoClearsTheFlagThoughTheOtherIsThere) {
   EXPECT_TRUE(UsbDeviceAttached());
 }
 
-TEST(Presence, AnotherDeviceIsNotAMirn) {
+TEST_F(Presence, AnotherDeviceIsNotAMirn) {
   VirtualMirnSettings settings;
   settings.product_id = g_pid + 1;
   KernelMirn other(settings);
@@ -89,7 +91,7 @@ TEST(Presence, AnotherDeviceIsNotAMirn) {
   EXPECT_TRUE(waitFor([&] { return !monitor.GetDeviceExist(); }));
 }
 
-TEST(Presence, ManagerScansOnceAndThenFollowsTheMonitor) {
+TEST_F(Presence, ManagerScansOnceAndThenFollowsTheMonitor) {
   KernelMirn device;
   const auto manager = MirnManager::init();
   EXPECT_FALSE(manager->checkDeviceExist());
@@ -106,7 +108,7 @@ TEST(Presence, ManagerScansOnceAndThenFollowsTheMonitor) {
   EXPECT_TRUE(waitFor([&] { return manager->getDeviceExist(); }));
 }
 
-TEST(Presence, StoppedMonitorLeavesNothing) {
+TEST_F(Presence, StoppedMonitorLeavesNothing) {
   {
     USBMonitor first;
     first.StartMonitoring();

@@ -126,7 +126,9 @@ bool answers() {
   return !layer.version_text().empty();
 }
 
-TEST(Program, PlugsUnplugsAndReplugsByCommand) {
+class ProgramTest : public KernelTest {};
+
+TEST_F(ProgramTest, PlugsUnplugsAndReplugsByCommand) {
   Program program({});
   ASSERT_TRUE(program.waitForLine("ready"));
   EXPECT_TRUE(waitFor(answers));
@@ -143,7 +145,7 @@ TEST(Program, PlugsUnplugsAndReplugsByCommand) {
   EXPECT_TRUE(waitFor(nothingAttached));
 }
 
-TEST(Program, PlugsAndUnplugsBySignal) {
+TEST_F(ProgramTest, PlugsAndUnplugsBySignal) {
   Program program({"--no-stdin"});
   ASSERT_TRUE(program.waitForLine("ready"));
   program.send(SIGUSR1);
@@ -154,7 +156,7 @@ TEST(Program, PlugsAndUnplugsBySignal) {
   EXPECT_TRUE(waitFor([] { return UsbDeviceAttached(); }));
 }
 
-class ProgramEnd : public testing::TestWithParam<int> {};
+class ProgramEnd : public KernelTest, public testing::WithParamInterface<int> {};
 
 TEST_P(ProgramEnd, LeavesNothingAttached) {
   Program program({});
@@ -168,7 +170,7 @@ TEST_P(ProgramEnd, LeavesNothingAttached) {
 INSTANTIATE_TEST_SUITE_P(Signals, ProgramEnd, testing::Values(SIGTERM, SIGINT, SIGHUP, SIGKILL, SIGSEGV),
                          [](const auto& number) { return std::string("By") + sigabbrev_np(number.param); });
 
-TEST(Program, SeveralDevicesOnPortsOfTheirOwn) {
+TEST_F(ProgramTest, SeveralDevicesOnPortsOfTheirOwn) {
   Program program({"--devices=2", "--port=2", "--serial=twin"});
   ASSERT_TRUE(program.waitForLine("device 1: plugged, port 2"));
   ASSERT_TRUE(program.waitForLine("device 2: plugged, port 3"));
@@ -184,7 +186,7 @@ TEST(Program, SeveralDevicesOnPortsOfTheirOwn) {
   EXPECT_TRUE(waitFor([] { return hidFunctions().open(g_vid, g_pid, L"twin") == nullptr; }));
 }
 
-TEST(Program, TakesAFaultPlanAndSaysWhenTheDeviceLeaves) {
+TEST_F(ProgramTest, TakesAFaultPlanAndSaysWhenTheDeviceLeaves) {
   Program program({"--faults=unplug@3", "--firmware=2.3.4"});
   ASSERT_TRUE(program.waitForLine("ready"));
   ASSERT_TRUE(waitFor([] { return UsbDeviceAttached(); }));
@@ -204,7 +206,7 @@ TEST(Program, TakesAFaultPlanAndSaysWhenTheDeviceLeaves) {
   EXPECT_TRUE(waitFor(answers));
 }
 
-TEST(Program, TakenAndMissingPortsAreOneLineAndStatus5) {
+TEST_F(ProgramTest, TakenAndMissingPortsAreOneLineAndStatus5) {
   Program first({"--port=0"});
   ASSERT_TRUE(first.waitForLine("ready"));
   Program second({"--port=0"});
@@ -215,14 +217,14 @@ TEST(Program, TakenAndMissingPortsAreOneLineAndStatus5) {
   EXPECT_EQ(third.wait(), 5);
 }
 
-TEST(Program, WithoutRootIsOneLineAndStatus3) {
+TEST_F(ProgramTest, WithoutRootIsOneLineAndStatus3) {
   constexpr uid_t kNobody = 65534;
   Program program({}, kNobody);
   EXPECT_EQ(program.line(), "mirn-virtual: only root may plug a device into the kernel");
   EXPECT_EQ(program.wait(), 3);
 }
 
-TEST(Program, TakesCommandsOnASocketToo) {
+TEST_F(ProgramTest, TakesCommandsOnASocketToo) {
   const std::string path = "/tmp/mirn-virtual.socket";
   Program program({"--no-stdin", "--control=" + path, "--unplugged"});
   ASSERT_TRUE(program.waitForLine("ready"));
@@ -243,7 +245,7 @@ TEST(Program, TakesCommandsOnASocketToo) {
   ::close(connection);
 }
 
-TEST(Permissions, AnOrdinaryUserCannotOpenTheNodeWithoutARule) {
+TEST_F(ProgramTest, AnOrdinaryUserCannotOpenTheNodeWithoutARule) {
   Program program({});
   ASSERT_TRUE(program.waitForLine("ready"));
   ASSERT_TRUE(waitFor(answers));

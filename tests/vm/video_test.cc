@@ -117,7 +117,7 @@ class Capture {
   std::shared_ptr<CaptureVideoOutput> output_;
 };
 
-class VideoTest : public testing::Test {
+class VideoTest : public KernelTest {
  protected:
   void plug(UsbShape shape = {}) {
     device_ = std::make_unique<KernelMirn>(VirtualMirnSettings(), shape);
@@ -128,7 +128,7 @@ class VideoTest : public testing::Test {
 };
 
 TEST_F(VideoTest, OffersEachFormatAndSizeUnderTheProductsName) {
-  plug();
+  ASSERT_NO_FATAL_FAILURE(plug());
   const auto camera = findMirn();
   EXPECT_EQ(camera->localizedName(), "Nuvra Mirn");
   EXPECT_NE(camera->topologyPath(), "");
@@ -152,7 +152,7 @@ class VideoPictures : public VideoTest, public testing::WithParamInterface<Pictu
 TEST_P(VideoPictures, ArriveIntactAndInOrder) {
   constexpr size_t kFrames = 6;
   const PictureCase& wanted = GetParam();
-  plug(wanted.shape);
+  ASSERT_NO_FATAL_FAILURE(plug(wanted.shape));
   const auto camera = findMirn();
   Capture capture(camera);
   ASSERT_TRUE(capture.choose(findFormat(*camera, wanted.pixels, wanted.width)));
@@ -188,7 +188,7 @@ INSTANTIATE_TEST_SUITE_P(Each, VideoPictures,
                          [](const auto& picture) { return picture.param.name; });
 
 TEST_F(VideoTest, QualitySwitchesWhileStreaming) {
-  plug();
+  ASSERT_NO_FATAL_FAILURE(plug());
   const auto camera = findMirn();
   Capture capture(camera);
   ASSERT_TRUE(capture.choose(findFormat(*camera, kCaptureMjpg, 1920)));
@@ -204,7 +204,7 @@ TEST_F(VideoTest, QualitySwitchesWhileStreaming) {
 }
 
 TEST_F(VideoTest, AnotherProgramCannotChangeALockedFormat) {
-  plug();
+  ASSERT_NO_FATAL_FAILURE(plug());
   const auto camera = findMirn();
   Capture capture(camera);
   ASSERT_TRUE(camera->lockForConfiguration());
@@ -221,7 +221,7 @@ TEST_F(VideoTest, AnotherProgramCannotChangeALockedFormat) {
 }
 
 TEST_F(VideoTest, UnpluggingEndsTheSessionAndTheNextPluggingWorks) {
-  plug();
+  ASSERT_NO_FATAL_FAILURE(plug());
   for (int round = 0; round < 2; ++round) {
     ASSERT_TRUE(waitFor([] { return findMirn() != nullptr; }));
     const auto camera = findMirn();
@@ -237,7 +237,7 @@ TEST_F(VideoTest, UnpluggingEndsTheSessionAndTheNextPluggingWorks) {
 }
 
 TEST_F(VideoTest, KeyPressShowsInThePicture) {
-  plug();
+  ASSERT_NO_FATAL_FAILURE(plug());
   const auto camera = findMirn();
   Capture capture(camera);
   ASSERT_TRUE(capture.choose(findFormat(*camera, kCaptureYuyv, 1280)));
