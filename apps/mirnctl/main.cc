@@ -64,7 +64,7 @@ bool namesVirtualOption(const CLI::App& app) {
 }
 
 // "channel" is for programs that read the library's lines beside its replies; a sanitizer's report must get through.
-int errorDescriptor(const CLI::App& app, const GlobalOptions& options) {
+int errorDescriptor([[maybe_unused]] const CLI::App& app, [[maybe_unused]] const GlobalOptions& options) {
 #ifdef MIRN_SANITIZED
   bool silent = false;
 #else

@@ -20,6 +20,11 @@ std::atomic<uint64_t> g_allocations{0};
 
 }  // namespace
 
+#if defined(__GNUC__) && !defined(__clang__)
+// GCC 12 sees malloc through the operator below under a sanitizer, and then takes the pair for a mismatch.
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+#endif
+
 // Every allocation of the program is counted. malloc itself too would be better, but the sanitizers own it.
 void* operator new(size_t bytes) {
   g_allocations.fetch_add(1, std::memory_order_relaxed);

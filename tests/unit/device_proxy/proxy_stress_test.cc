@@ -227,7 +227,7 @@ TEST_F(ProxyStressTest, AMillionMixedOperationsArriveOnceAndInOrderBesideQuestio
   begin("refuse=1@*/97;drop@*/131;corrupt@*/113;split=5@*/17;delay=80@*/301;garbage=9@*/211;truncate=3@*/401");
   Mixture mixture(*proxy_, 11);
   Questioner questioner(*proxy_);
-  size_t heap_after_warm_up = 0;
+  [[maybe_unused]] size_t heap_after_warm_up = 0;
   const int batches = kBatches * soak();
   for (int batch = 0; batch < batches; ++batch) {
     for (int i = 0; i < kOperationsInABatch; ++i) {
