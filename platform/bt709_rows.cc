@@ -75,25 +75,35 @@ constexpr Bt709Rows kPortable = {yuyvPortable, nv12Portable};
 #define MIRN_AVX2 __attribute__((target("avx2")))
 #define MIRN_AVX2_INLINE __attribute__((target("avx2"), always_inline)) inline
 
-// 16 pixels: luma as y * 257, chroma as (c - 128) * 256, each in 16-bit lanes in the order of the pixels.
-MIRN_AVX2_INLINE void storePixels(__m256i luma, __m256i u, __m256i v, uint8_t* bgra) {
+// Four pixels in each half of each register.
+struct Bgra16 {
+  __m256i first;   // pixels 0-3 of the low half's eight, and of the high half's
+  __m256i second;  // pixels 4-7
+};
+
+// 16 pixels: luma as y * 257, and what the chroma adds, in 16-bit lanes.
+MIRN_AVX2_INLINE Bgra16 addLuma(__m256i luma, __m256i bluePart, __m256i greenPart, __m256i redPart) {
   const __m256i y = _mm256_sub_epi16(_mm256_mulhi_epu16(luma, _mm256_set1_epi16(static_cast<int16_t>(kLuma))),
                                      _mm256_set1_epi16(kLumaBias));
-  const __m256i greenPart = _mm256_adds_epi16(_mm256_mulhrs_epi16(u, _mm256_set1_epi16(kGreenFromCb)),
-                                              _mm256_mulhrs_epi16(v, _mm256_set1_epi16(kGreenFromCr)));
-  const __m256i blue =
-      _mm256_srai_epi16(_mm256_adds_epi16(y, _mm256_mulhrs_epi16(u, _mm256_set1_epi16(kBlueFromCb))), 6);
+  const __m256i blue = _mm256_srai_epi16(_mm256_adds_epi16(y, bluePart), 6);
   const __m256i green = _mm256_srai_epi16(_mm256_subs_epi16(y, greenPart), 6);
-  const __m256i red = _mm256_srai_epi16(_mm256_adds_epi16(y, _mm256_mulhrs_epi16(v, _mm256_set1_epi16(kRedFromCr))), 6);
+  const __m256i red = _mm256_srai_epi16(_mm256_adds_epi16(y, redPart), 6);
   const __m256i blueRed = _mm256_packus_epi16(blue, red);
   const __m256i greenAlpha = _mm256_packus_epi16(green, _mm256_set1_epi16(255));
   const __m256i blueGreen = _mm256_unpacklo_epi8(blueRed, greenAlpha);
   const __m256i redAlpha = _mm256_unpackhi_epi8(blueRed, greenAlpha);
-  const __m256i low = _mm256_unpacklo_epi16(blueGreen, redAlpha);   // pixels 0-3 and 8-11
-  const __m256i high = _mm256_unpackhi_epi16(blueGreen, redAlpha);  // pixels 4-7 and 12-15
+  return {_mm256_unpacklo_epi16(blueGreen, redAlpha), _mm256_unpackhi_epi16(blueGreen, redAlpha)};
+}
+
+// 16 pixels in order; chroma as (c - 128) * 256 for each pixel.
+MIRN_AVX2_INLINE void storePixels(__m256i luma, __m256i u, __m256i v, uint8_t* bgra) {
+  const __m256i greenPart = _mm256_adds_epi16(_mm256_mulhrs_epi16(u, _mm256_set1_epi16(kGreenFromCb)),
+                                              _mm256_mulhrs_epi16(v, _mm256_set1_epi16(kGreenFromCr)));
+  const Bgra16 pixels = addLuma(luma, _mm256_mulhrs_epi16(u, _mm256_set1_epi16(kBlueFromCb)), greenPart,
+                                _mm256_mulhrs_epi16(v, _mm256_set1_epi16(kRedFromCr)));
   auto* out = reinterpret_cast<__m256i*>(bgra);
-  _mm256_storeu_si256(out, _mm256_permute2x128_si256(low, high, 0x20));
-  _mm256_storeu_si256(out + 1, _mm256_permute2x128_si256(low, high, 0x31));
+  _mm256_storeu_si256(out, _mm256_permute2x128_si256(pixels.first, pixels.second, 0x20));
+  _mm256_storeu_si256(out + 1, _mm256_permute2x128_si256(pixels.first, pixels.second, 0x31));
 }
 
 MIRN_AVX2_INLINE __m256i centred(__m256i highBytes) {
@@ -116,18 +126,29 @@ MIRN_AVX2 void yuyvAvx2(const uint8_t* yuyv, uint8_t* bgra, size_t width) {
   yuyvPixels(yuyv, bgra, x, width);
 }
 
+// 32 pixels: the chroma parts are computed once for each pair and spread afterwards. Unpacking works within the halves
+// of a register, so that the low results are pixels 0-7 and 16-23, the high ones 8-15 and 24-31.
 MIRN_AVX2 void nv12Avx2(const uint8_t* luma, const uint8_t* chroma, uint8_t* bgra, size_t width) {
-  const __m256i spreadU = _mm256_setr_epi8(-1, 0, -1, 0, -1, 2, -1, 2, -1, 4, -1, 4, -1, 6, -1, 6,  //
-                                           -1, 0, -1, 0, -1, 2, -1, 2, -1, 4, -1, 4, -1, 6, -1, 6);
-  const __m256i spreadV = _mm256_setr_epi8(-1, 1, -1, 1, -1, 3, -1, 3, -1, 5, -1, 5, -1, 7, -1, 7,  //
-                                           -1, 1, -1, 1, -1, 3, -1, 3, -1, 5, -1, 5, -1, 7, -1, 7);
+  constexpr size_t kWide = 2 * kStep;
   size_t x = 0;
-  for (; x + kStep <= width; x += kStep) {
-    const __m256i y = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(luma + x)));
-    const __m256i pairs = _mm256_permute4x64_epi64(
-        _mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(chroma + x))), 0x50);
-    storePixels(_mm256_or_si256(y, _mm256_slli_epi16(y, 8)), centred(_mm256_shuffle_epi8(pairs, spreadU)),
-                centred(_mm256_shuffle_epi8(pairs, spreadV)), bgra + x * 4);
+  for (; x + kWide <= width; x += kWide) {
+    const __m256i y = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(luma + x));
+    const __m256i pairs = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(chroma + x));
+    const __m256i u = centred(_mm256_slli_epi16(pairs, 8));
+    const __m256i v = centred(_mm256_and_si256(pairs, _mm256_set1_epi16(static_cast<int16_t>(0xff00))));
+    const __m256i blue = _mm256_mulhrs_epi16(u, _mm256_set1_epi16(kBlueFromCb));
+    const __m256i green = _mm256_adds_epi16(_mm256_mulhrs_epi16(u, _mm256_set1_epi16(kGreenFromCb)),
+                                            _mm256_mulhrs_epi16(v, _mm256_set1_epi16(kGreenFromCr)));
+    const __m256i red = _mm256_mulhrs_epi16(v, _mm256_set1_epi16(kRedFromCr));
+    const Bgra16 low = addLuma(_mm256_unpacklo_epi8(y, y), _mm256_unpacklo_epi16(blue, blue),
+                               _mm256_unpacklo_epi16(green, green), _mm256_unpacklo_epi16(red, red));
+    const Bgra16 high = addLuma(_mm256_unpackhi_epi8(y, y), _mm256_unpackhi_epi16(blue, blue),
+                                _mm256_unpackhi_epi16(green, green), _mm256_unpackhi_epi16(red, red));
+    auto* out = reinterpret_cast<__m256i*>(bgra + x * 4);
+    _mm256_storeu_si256(out, _mm256_permute2x128_si256(low.first, low.second, 0x20));
+    _mm256_storeu_si256(out + 1, _mm256_permute2x128_si256(high.first, high.second, 0x20));
+    _mm256_storeu_si256(out + 2, _mm256_permute2x128_si256(low.first, low.second, 0x31));
+    _mm256_storeu_si256(out + 3, _mm256_permute2x128_si256(high.first, high.second, 0x31));
   }
   nv12Pixels(luma, chroma, bgra, x, width);
 }

@@ -1,5 +1,3 @@
-#include <cstring>
-
 #include "video/picture_scaler.h"
 #include "video/scaler_kernels.h"
 
@@ -7,14 +5,6 @@ namespace mirn {
 namespace {
 
 constexpr size_t kBytesPerPixel = 4;
-
-void packRow(const uint8_t* pixels, size_t count, uint8_t* packed) {
-  for (; count > 0; --count, pixels += kBytesPerPixel, packed += 3) {
-    packed[0] = pixels[0];
-    packed[1] = pixels[1];
-    packed[2] = pixels[2];
-  }
-}
 
 }  // namespace
 
@@ -30,7 +20,7 @@ void averageSquares(const PictureView& source, const PackedView& destination, si
     const uint8_t* first = source.pixels + y * factor * source.bytesPerRow;
     uint8_t* packed = destination.pixels + y * destination.bytesPerRow;
     if (factor == 1) {
-      packRow(first, destination.width, packed);
+      kernels.packRow(first, destination.width, packed);
     } else if (whole != nullptr) {
       whole(first, source.bytesPerRow, destination.width, packed);
     } else {

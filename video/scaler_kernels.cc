@@ -111,6 +111,14 @@ MIRN_INLINE void averageColumnsLoop(const uint16_t* line, size_t factor, size_t 
   }
 }
 
+void packRowPortable(const uint8_t* from, size_t pixels, uint8_t* packed) {
+  for (; pixels > 0; --pixels, from += kBytesPerPixel, packed += 3) {
+    packed[0] = from[0];
+    packed[1] = from[1];
+    packed[2] = from[2];
+  }
+}
+
 void weighRowsPortable(const WeightedRows& rows, size_t bytes, uint16_t* line) {
   weighRowsLoop(rows, bytes, line);
 }
@@ -133,6 +141,7 @@ constexpr ScalerKernels kPortable = {weighRowsPortable,
                                      weighColumnsPortable,
                                      addRowsPortable,
                                      averageColumnsPortable,
+                                     packRowPortable,
                                      nullptr,
                                      nullptr};
 
@@ -192,6 +201,13 @@ MIRN_AVX2 MIRN_INLINE void storeEight(__m256i pixels, uint8_t* packed) {
       _mm256_permutevar8x32_epi32(_mm256_shuffle_epi8(pixels, order), _mm256_setr_epi32(0, 1, 2, 4, 5, 6, 3, 7));
   _mm_storeu_si128(reinterpret_cast<__m128i*>(packed), _mm256_castsi256_si128(bytes));
   _mm_storel_epi64(reinterpret_cast<__m128i*>(packed + 16), _mm256_extracti128_si256(bytes, 1));
+}
+
+MIRN_AVX2 void packRowAvx2(const uint8_t* from, size_t pixels, uint8_t* packed) {
+  for (; pixels >= 8; pixels -= 8, from += 32, packed += 24) {
+    storeEight(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(from)), packed);
+  }
+  packRowPortable(from, pixels, packed);
 }
 
 // The pixels of a row that don't fill a register.
@@ -256,8 +272,8 @@ MIRN_AVX2 void averageSquares2Avx2(const uint8_t* first, size_t bytesPerRow, siz
   averageRest(first + x * 2 * kBytesPerPixel, bytesPerRow, 2, 0, pixels - x, packed);
 }
 
-constexpr ScalerKernels kAvx2 = {weighRowsAvx2,      weighRowsFineAvx2,   weighColumnsAvx2,   addRowsAvx2,
-                                 averageColumnsAvx2, averageSquares2Avx2, averageSquares3Avx2};
+constexpr ScalerKernels kAvx2 = {weighRowsAvx2,      weighRowsFineAvx2, weighColumnsAvx2,    addRowsAvx2,
+                                 averageColumnsAvx2, packRowAvx2,       averageSquares2Avx2, averageSquares3Avx2};
 #endif
 
 }  // namespace

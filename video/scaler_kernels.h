@@ -34,6 +34,8 @@ struct ScalerKernels {
   void (*addRows)(const uint8_t* first, size_t bytesPerRow, size_t count, size_t bytes, uint16_t* line);
   /// One output row: averages of `factor` pixels of a line that holds sums of `factor` rows.
   void (*averageColumns)(const uint16_t* line, size_t factor, size_t pixels, uint8_t* packed);
+  /// The first three bytes of each 4-byte pixel.
+  void (*packRow)(const uint8_t* from, size_t pixels, uint8_t* packed);
   /// One output row of exact 2 x 2 or 3 x 3 averages; null where there is no quicker way than the two calls above.
   void (*averageSquares2)(const uint8_t* first, size_t bytesPerRow, size_t pixels, uint8_t* packed);
   void (*averageSquares3)(const uint8_t* first, size_t bytesPerRow, size_t pixels, uint8_t* packed);
