@@ -40,6 +40,18 @@ inline bool busIsEmpty() {
   return true;
 }
 
+// The HID interface has its driver: enumeration is over. An unplugging in the middle of it costs the kernel the 5 s of
+// a control request that nobody answers.
+inline bool deviceIsBound() {
+  for (const auto& entry : std::filesystem::directory_iterator("/sys/bus/usb/devices")) {
+    std::string product;
+    std::getline(std::ifstream(entry.path() / "product") >> std::ws, product);
+    const std::filesystem::path hid = entry.path() / (entry.path().filename().string() + ":1.2") / "driver";
+    if (product == kMirnProductName && !std::filesystem::exists(hid)) return false;
+  }
+  return !busIsEmpty();
+}
+
 // A case that begins with an empty bus: the kernel takes its time to let the device of the case before go.
 class KernelTest : public testing::Test {
  protected:

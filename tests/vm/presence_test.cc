@@ -39,6 +39,7 @@ TEST_F(Presence, MonitorFollowsEachPlugging) {
   for (int round = 0; round < 3; ++round) {
     device.plug();
     EXPECT_TRUE(waitFor([&] { return monitor.GetDeviceExist(); }));
+    EXPECT_TRUE(waitFor(deviceIsBound));
     device.unplug();
     EXPECT_TRUE(waitFor([&] { return !monitor.GetDeviceExist(); }));
   }
@@ -79,6 +80,7 @@ TEST_F(Presence, AnotherDeviceIsNotAMirn) {
   other.plug();
   device.plug();
   EXPECT_TRUE(waitFor([&] { return monitor.GetDeviceExist(); }));
+  EXPECT_TRUE(waitFor(deviceIsBound));
   device.unplug();
   EXPECT_TRUE(waitFor([&] { return !monitor.GetDeviceExist(); }));
   // The other one's removal comes before the Mirn's own arrival: with it the flag would have fallen already.

@@ -12,6 +12,9 @@ namespace {
 constexpr size_t kMaxKeptReports = 64;
 constexpr std::chrono::nanoseconds kReportLife = std::chrono::seconds(1);
 
+// Far more than a host has transfers on their way.
+constexpr size_t kMaxEarlyUnlinks = 256;
+
 template <typename Queue, typename Sequence>
 bool eraseSequence(Queue& queue, uint32_t target, Sequence sequence) {
   const auto found =
@@ -44,6 +47,8 @@ void VirtualUsbDevice::handle(UsbIpRequest request, Time now, Replies* replies) 
 }
 
 void VirtualUsbDevice::submit(UsbIpSubmit request, Time now, Replies* replies) {
+  newest_submit_ = request.sequence;
+  if (unlinkedBefore(request, replies)) return;
   if (request.endpoint == 0) {
     control(request, now, replies);
   } else if (request.in && request.endpoint == kVideoEndpoint && request.length > kPayloadHeaderBytes) {
@@ -75,12 +80,28 @@ void VirtualUsbDevice::control(const UsbIpSubmit& request, Time now, Replies* re
 }
 
 void VirtualUsbDevice::unlink(const UsbIpUnlink& request, Replies* replies) {
+  // Linux 6.1 sends transfers and unlinks from two lists, and an unlink can overtake the transfer that it is for. An
+  // answer now would be for a transfer that the host then gets ended twice, and it would throw the device off the bus.
+  const bool early = newest_submit_ && static_cast<int32_t>(request.target - *newest_submit_) > 0;
+  if (early && early_unlinks_.size() < kMaxEarlyUnlinks) {
+    early_unlinks_.push_back(request);
+    return;
+  }
   const auto of_submit = [](const UsbIpSubmit& submit) { return submit.sequence; };
   const auto of_waiting = [](const Waiting& waiting) { return waiting.submit.sequence; };
   const bool held = eraseSequence(video_waiting_, request.target, of_waiting) ||
                     eraseSequence(input_waiting_, request.target, of_submit) ||
                     eraseSequence(output_waiting_, request.target, of_submit);
   replies->push_back(usbIpUnlinkReply(request, held ? kUsbUnlinked : kUsbOk));
+}
+
+bool VirtualUsbDevice::unlinkedBefore(const UsbIpSubmit& request, Replies* replies) {
+  const auto found = std::find_if(early_unlinks_.begin(), early_unlinks_.end(),
+                                  [&](const UsbIpUnlink& unlink) { return unlink.target == request.sequence; });
+  if (found == early_unlinks_.end()) return false;
+  replies->push_back(usbIpUnlinkReply(*found, kUsbUnlinked));
+  early_unlinks_.erase(found);
+  return true;
 }
 
 void VirtualUsbDevice::run(Time now, Replies* replies) {

@@ -62,6 +62,7 @@ class VirtualUsbDevice {
   void control(const UsbIpSubmit& request, Time now, Replies* replies);
   bool takeOutput(const UsbIpSubmit& request, Time now, Replies* replies);
   void unlink(const UsbIpUnlink& request, Replies* replies);
+  bool unlinkedBefore(const UsbIpSubmit& request, Replies* replies);
   void runOutput(Time now, Replies* replies);
   void runInput(Time now, Replies* replies);
   void runBulk(Time now, Replies* replies);
@@ -77,7 +78,9 @@ class VirtualUsbDevice {
   std::deque<UsbIpSubmit> input_waiting_;
   std::deque<UsbIpSubmit> output_waiting_;
   std::deque<VirtualReport> reports_;
-  Time isochronous_end_{};  // when the last isochronous transfer's time on the bus is over
+  std::optional<uint32_t> newest_submit_;   // sequence number
+  std::vector<UsbIpUnlink> early_unlinks_;  // of transfers that have not come yet
+  Time isochronous_end_{};                  // when the last isochronous transfer's time on the bus is over
   bool hold_output_ = false;
   bool gone_ = false;
 };

@@ -117,6 +117,24 @@ TEST_F(VirtualUsbDeviceTest, UnlinkTakesAWaitingTransferBack) {
   EXPECT_TRUE(run(milliseconds(50)).empty()) << "nothing is sent for a transfer that was taken back";
 }
 
+TEST_F(VirtualUsbDeviceTest, AnUnlinkThatOvertakesItsTransferWaitsForIt) {
+  handle(in(10, 1, 16384));
+  EXPECT_TRUE(handle(UsbIpUnlink{12, 11}).empty());
+  const auto reply = handle(in(11, 1, 16384));
+  ASSERT_EQ(reply.size(), 1U);
+  EXPECT_EQ(reply[0].command, 4U);
+  EXPECT_EQ(reply[0].sequence, 12U);
+  EXPECT_EQ(reply[0].status, kUsbUnlinked);
+  EXPECT_EQ(device_.pendingTransfers(), 1U) << "the one that was taken back gets no other answer";
+}
+
+TEST_F(VirtualUsbDeviceTest, SequenceNumbersMayWrapAround) {
+  handle(in(0xffffffff, 2, 64));
+  EXPECT_TRUE(handle(UsbIpUnlink{2, 1}).empty());
+  EXPECT_EQ(handle(in(1, 2, 64))[0].sequence, 2U);
+  EXPECT_EQ(handle(UsbIpUnlink{3, 0xffffffff})[0].status, kUsbUnlinked);
+}
+
 TEST_F(VirtualUsbDeviceTest, HeldOutputWaitsAndCanBeTakenBack) {
   device_.setHoldOutput(true);
   EXPECT_TRUE(handle(out(1, kAskHandshake)).empty());
