@@ -4,10 +4,13 @@
 
 #include "host/host_messenger.h"
 #include "host/host_textures.h"
+#include "platform/main_queue.h"
 
 namespace mirn {
 
-Engine::Engine() : registry_(std::make_shared<Registry>()), messenger_(std::make_shared<Messenger>()) {}
+Engine::Engine() : registry_(std::make_shared<Registry>()), messenger_(std::make_shared<Messenger>()) {
+  mainQueue();  // made here, on the platform thread, and not by the first thread that happens to send
+}
 
 Engine::~Engine() {
   for (const auto& registrar : registrars_) {
