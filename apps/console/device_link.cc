@@ -84,13 +84,24 @@ bool DeviceLink::keyboardBroken() {
 }
 
 void DeviceLink::keepKeyboard(Steady::time_point now) {
-  if (upgrading_ || (keyboard_tried_ && now - *keyboard_tried_ < kKeyboardEvery) || !keyboardBroken()) {
+  if (upgrading_ || (keyboard_tried_ && now - *keyboard_tried_ < kKeyboardEvery)) {
+    return;
+  }
+  bool broken = keyboardBroken();
+  if (!broken && info_) {
     return;
   }
   keyboard_tried_ = now;
-  bool connected = session_.connectKeyboard();
-  keyboard_gone_.emit();
-  info_ = connected ? session_.info() : std::nullopt;
+  info_.reset();
+  if (broken) {
+    bool connected = session_.connectKeyboard();
+    keyboard_gone_.emit();
+    if (!connected) {
+      return;
+    }
+  }
+  // Also when an upgrade has made the proxy before the plugging was seen here.
+  info_ = session_.info();
 }
 
 void DeviceLink::update(Steady::time_point now) {
