@@ -1,6 +1,8 @@
 #include "embedding/key_index.h"
 
+#include <algorithm>
 #include <bit>
+#include <cmath>
 #include <cstring>
 #include <random>
 #include <type_traits>
@@ -76,6 +78,34 @@ struct Hasher {
   }
 };
 
+// A key with a NaN in it equals nothing, not even itself. Comparing it with itself would tell that too, but maps that
+// are keys of maps would then be compared several times at each level, and at the next one several times that.
+struct NanFinder {
+  bool operator()(double value) const { return std::isnan(value); }
+  template <typename T>
+  bool operator()(const std::vector<T>& elements) const {
+    if constexpr (std::is_floating_point_v<T>) {
+      return std::any_of(elements.begin(), elements.end(), [](T element) { return std::isnan(element); });
+    }
+    return false;
+  }
+  bool operator()(const ValueList& list) const { return std::any_of(list.begin(), list.end(), anywhere); }
+  bool operator()(const ValueMap& map) const {
+    return std::any_of(map.begin(), map.end(),
+                       [](const auto& pair) { return anywhere(pair.first) || anywhere(pair.second); });
+  }
+  template <typename T>
+  bool operator()(const T&) const {
+    return false;
+  }
+
+  static bool anywhere(const Value& value) { return std::visit(NanFinder(), static_cast<const Value::Base&>(value)); }
+};
+
+uint32_t upperHalf(uint64_t hash) {
+  return static_cast<uint32_t>(hash >> 32);
+}
+
 }  // namespace
 
 uint64_t hashKey(const Value& key) {
@@ -95,11 +125,12 @@ size_t KeyIndex::find(const Value& key) const {
     }
     return kNone;
   }
-  if (!sameKey(key, key)) return kNone;
+  if (NanFinder::anywhere(key)) return kNone;
+  const uint64_t hash = hashKey(key);
   const size_t mask = slots_.size() - 1;
-  for (size_t slot = hashKey(key) & mask; slots_[slot] != 0; slot = (slot + 1) & mask) {
-    const size_t position = slots_[slot] - 1;
-    if (sameKey(map_[position].first, key)) return position;
+  for (size_t at = hash & mask; slots_[at].used != 0; at = (at + 1) & mask) {
+    const size_t position = slots_[at].used - 1;
+    if (slots_[at].hash == upperHalf(hash) && sameKey(map_[position].first, key)) return position;
   }
   return kNone;
 }
@@ -114,16 +145,17 @@ void KeyIndex::appended() {
 }
 
 void KeyIndex::insert(size_t position) {
-  // A key with a NaN in it equals nothing, not even itself. All of them would hash alike and pile up.
-  if (!sameKey(map_[position].first, map_[position].first)) return;
+  // Keys that equal nothing would all hash alike and pile up; nobody can find them anyway.
+  if (NanFinder::anywhere(map_[position].first)) return;
+  const uint64_t hash = hashKey(map_[position].first);
   const size_t mask = slots_.size() - 1;
-  size_t slot = hashKey(map_[position].first) & mask;
-  while (slots_[slot] != 0) slot = (slot + 1) & mask;
-  slots_[slot] = static_cast<uint32_t>(position + 1);
+  size_t at = hash & mask;
+  while (slots_[at].used != 0) at = (at + 1) & mask;
+  slots_[at] = {static_cast<uint32_t>(position + 1), upperHalf(hash)};
 }
 
 void KeyIndex::rebuild(size_t slots) {
-  slots_.assign(slots, 0);
+  slots_.assign(slots, {});
   for (size_t i = 0; i < map_.size(); ++i) insert(i);
 }
 

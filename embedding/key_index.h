@@ -26,12 +26,17 @@ class KeyIndex {
   void appended();
 
  private:
+  struct Slot {
+    uint32_t used = 0;  // position + 1; 0 = free
+    uint32_t hash = 0;  // the upper half: only keys that agree in it are compared
+  };
+
   void insert(size_t position);
   void rebuild(size_t slots);
 
   const ValueMap& map_;
   bool indexed_;
-  std::vector<uint32_t> slots_;  // position + 1; 0 = free. Its size is a power of two.
+  std::vector<Slot> slots_;  // as many as a power of two
 };
 
 // Equal keys have equal hashes.

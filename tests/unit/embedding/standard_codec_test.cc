@@ -233,6 +233,46 @@ TEST(StandardCodec, AMapOfAHundredThousandKeysReadsInLinearTime) {
   }
 }
 
+// Each map is a key of the next one, and large enough for an index. A second look at each level would be 2^62 looks.
+TEST(StandardCodec, MapsThatAreKeysOfMapsReadInLinearTime) {
+  for (const Value& innermost : {Value(1), Value(std::numeric_limits<double>::quiet_NaN())}) {
+    Value key = innermost;
+    for (int level = 0; level < kMaxDepth - 2; ++level) {
+      ValueMap map;
+      for (int i = 0; i < 20; ++i) map.emplace_back("k" + std::to_string(i), Value());
+      map.emplace_back(std::move(key), "deep");
+      key = std::move(map);
+    }
+    // The same key twice: one pair is left, unless the key is none that can be found.
+    ValueMap twice;
+    for (int i = 0; i < 20; ++i) twice.emplace_back(i, Value());
+    twice.emplace_back(key, "first");
+    twice.emplace_back(std::move(key), "last");
+    Value back;
+    ASSERT_EQ(decodeMessage(encodeMessage(twice), &back), CodecError::kNone);
+    const bool findable = std::holds_alternative<int32_t>(innermost);
+    ASSERT_EQ(back.asMap()->size(), findable ? 21U : 22U);
+    EXPECT_EQ(*back.asMap()->at(20).second.asText(), findable ? "last" : "first");
+  }
+}
+
+TEST(StandardCodec, AKeyWithANanInItIsNeverTheSame) {
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  const std::vector<Value> keys = {double{nan},
+                                   std::vector<float>{1, nan},
+                                   std::vector<double>{1, nan},
+                                   ValueList{1, ValueList{double{nan}}},
+                                   ValueMap{{double{nan}, 1}},
+                                   ValueMap{{1, double{nan}}}};
+  ValueMap map;
+  for (int i = 0; i < 20; ++i) map.emplace_back(i, Value());
+  for (const Value& key : keys) map.emplace_back(key, Value());
+  for (const Value& key : keys) map.emplace_back(key, Value());
+  Value back;
+  ASSERT_EQ(decodeMessage(encodeMessage(map), &back), CodecError::kNone);
+  EXPECT_EQ(back.asMap()->size(), 20 + 2 * keys.size());
+}
+
 TEST(StandardCodec, ANullMessageHasNoBytes) {
   Value value = 1;
   EXPECT_EQ(decodeMessage({}, &value), CodecError::kNone);
