@@ -241,7 +241,7 @@ TEST(StandardCodec, MapsThatAreKeysOfMapsReadInLinearTime) {
       ValueMap map;
       for (int i = 0; i < 20; ++i) map.emplace_back("k" + std::to_string(i), Value());
       map.emplace_back(std::move(key), "deep");
-      key = std::move(map);
+      key = Value(std::move(map));
     }
     // The same key twice: one pair is left, unless the key is none that can be found.
     ValueMap twice;
