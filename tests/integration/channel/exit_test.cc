@@ -46,10 +46,11 @@ int statusOfChild(const std::function<void()>& body) {
   return status;
 }
 
-class ProcessExit : public testing::Test {
+// Named so that it runs first: its children are forked while this process has no other thread.
+class ProcessExitDeathTest : public testing::Test {
  protected:
-  ProcessExit() { path_ = testing::TempDir() + "exit" + std::to_string(getpid()); }
-  ~ProcessExit() override { std::filesystem::remove(path_); }
+  ProcessExitDeathTest() { path_ = testing::TempDir() + "exit" + std::to_string(getpid()); }
+  ~ProcessExitDeathTest() override { std::filesystem::remove(path_); }
 
   // Everything below runs in the child. The objects stay alive until the process has ended.
   ChannelWorld& begin(const WorldOptions& options) {
@@ -69,7 +70,7 @@ class ProcessExit : public testing::Test {
   std::string path_;
 };
 
-TEST_F(ProcessExit, WithAKeyAndAButtonHeldSendsNoRelease) {
+TEST_F(ProcessExitDeathTest, WithAKeyAndAButtonHeldSendsNoRelease) {
   const int status = statusOfChild([this] {
     ChannelWorld& world = begin({});
     world.reply("keyDown", ValueMap{{"key", 65}});
@@ -83,7 +84,7 @@ TEST_F(ProcessExit, WithAKeyAndAButtonHeldSendsNoRelease) {
   EXPECT_EQ(recorded().size(), 4U * 64);
 }
 
-TEST_F(ProcessExit, WithTrafficRunningIsClean) {
+TEST_F(ProcessExitDeathTest, WithTrafficRunningIsClean) {
   for (int round = 0; round < 5; ++round) {
     const int status = statusOfChild([this, round] {
       WorldOptions options;
@@ -100,7 +101,7 @@ TEST_F(ProcessExit, WithTrafficRunningIsClean) {
   }
 }
 
-TEST_F(ProcessExit, InTheMiddleOfAnUpgradeIsClean) {
+TEST_F(ProcessExitDeathTest, InTheMiddleOfAnUpgradeIsClean) {
   const std::string image = path_ + ".bin";
   std::ofstream(image) << std::string(200 * 1024, 'x');
   const int status = statusOfChild([this, &image] {
@@ -115,7 +116,7 @@ TEST_F(ProcessExit, InTheMiddleOfAnUpgradeIsClean) {
   std::filesystem::remove(image);
 }
 
-TEST_F(ProcessExit, WhileTheDeviceIsSilentIsClean) {
+TEST_F(ProcessExitDeathTest, WhileTheDeviceIsSilentIsClean) {
   const int status = statusOfChild([this] {
     ChannelWorld& world = begin({});
     FaultPlan plan;
@@ -131,7 +132,7 @@ TEST_F(ProcessExit, WhileTheDeviceIsSilentIsClean) {
   EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
-TEST_F(ProcessExit, ACallFromAnExitHandlerFindsNobodyAndBreaksNothing) {
+TEST_F(ProcessExitDeathTest, ACallFromAnExitHandlerFindsNobodyAndBreaksNothing) {
   static ChannelWorld* left = nullptr;
   const int status = statusOfChild([this] {
     // Registered before the manager's static objects could know: runs after them? Either order must do.
