@@ -87,6 +87,9 @@ int hard_key_mouse::send_rla_mouse(const mouse_args_type& mouse) {
       return -1;
     }
     clock().sleepFor(kRelativePause);
+    if (moves_cut_) {
+      return -1;
+    }
   }
   step.x = static_cast<int16_t>(mouse.x % kRelativeStep);
   step.y = static_cast<int16_t>(mouse.y % kRelativeStep);

@@ -48,6 +48,10 @@ class hard_key_mouse : public CReference {
   // The first failing step ends it.
   int send_rla_mouse(const mouse_args_type& mouse);
 
+  // While set, a relative move ends with -1 before its next step: its hundreds of exchanges must not keep somebody who
+  // wants to stop the sending thread. A move of a single report is not touched.
+  void cut_moves(bool cut) { moves_cut_ = cut; }
+
   // The raw mouse report of newer devices: not framed and not answered. 0 when it was written.
   int send_new_mouse_logic_abs_mouse(const mouse_args_type& mouse);
 
@@ -113,6 +117,7 @@ class hard_key_mouse : public CReference {
   std::string fw_version MIRN_GUARDED_BY(text_mutex_);
 
   std::atomic<uint8_t> last_buttons{0};
+  std::atomic<bool> moves_cut_{false};
 };
 
 }  // namespace mirn

@@ -45,7 +45,8 @@ class HardKMProxy : public KeyMouseProxy, public CReference {
 
     // Opens the queue and starts the thread: for a restart after Stop. 1 when the thread runs.
     int Start();
-    // Closes the queue, which drops what is in it, and joins the thread: it finishes the exchange it is in. Returns 1.
+    // Closes the queue, which drops what is in it, and joins the thread: it finishes the exchange it is in, a relative
+    // move its step. Returns 1.
     int Stop() override;
     int Stop(int milliseconds) override;
 

@@ -23,16 +23,17 @@ HardKMProxy::SendThread::~SendThread() {
 }
 
 int HardKMProxy::SendThread::Start() {
+  proxy_->device_.cut_moves(false);
   queue_.open(kQueueArgument);
   return Run_(false);
 }
 
 int HardKMProxy::SendThread::Stop() {
-  queue_.close();
-  return CBaseThread::Stop();
+  return SendThread::Stop(-1);
 }
 
 int HardKMProxy::SendThread::Stop(int milliseconds) {
+  proxy_->device_.cut_moves(true);
   queue_.close();
   return CBaseThread::Stop(milliseconds);
 }

@@ -13,7 +13,8 @@ namespace mirn {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::ElementsAreArray;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
 using Bytes = std::vector<uint8_t>;
 using namespace std::chrono_literals;
 
@@ -272,6 +273,29 @@ TEST_F(ScriptedDevice, ManyFramesInEachReportNeverBreakAnything) {
   }
 }
 
+TEST_F(ScriptedDevice, LeftOversOf4096BytesAreForgotten) {
+  // Six frames in each report of which one is taken: 64 bytes come, 10 go (and 4 more at a report's end).
+  const auto left_over = [](size_t exchanges) {
+    return 64 * exchanges - ((exchanges - 1) / 6 * 64 + ((exchanges - 1) % 6 + 1) * 10);
+  };
+  size_t exchange = 1;
+  for (; exchange == 1 || left_over(exchange - 1) + 64 < 4096; ++exchange) {
+    Bytes crowded;
+    for (int i = 0; i < 6; ++i) {
+      const Bytes one = frame(1, {static_cast<uint8_t>(exchange)});
+      crowded.insert(crowded.end(), one.begin(), one.end());
+    }
+    hid_.answer(crowded);
+    ASSERT_EQ(device_->get_led_status(), static_cast<int>((exchange + 5) / 6)) << exchange;
+  }
+  EXPECT_EQ(exchange, 77U);
+  Bytes last(54, 0);  // behind the byte that makes the positions meet
+  const Bytes one = frame(1, {0x7E});
+  last.insert(last.end(), one.begin(), one.end());
+  hid_.answer(last);
+  EXPECT_EQ(device_->get_led_status(), 0x7E);
+}
+
 TEST_F(ScriptedDevice, APayloadThatNoCommandHasIsRefused) {
   OpenHardKeyMouse::Answer answer;
   const Bytes large(kMaxRequestPayloadBytes + 1);
@@ -297,6 +321,49 @@ TEST_F(ScriptedDevice, ATextOfMoreThanTwentyBytesIsRefusedAndNothingIsSent) {
   answer({0});
   EXPECT_EQ(device_->send_set_dev_info("12345678901234567890"), 0);
   EXPECT_EQ(hid_.writes.at(0).size(), 1 + 9 + 20U);
+}
+
+// What `action` logs; without an open file lines go to standard output.
+template <typename Action>
+std::string logged(Action action) {
+  testing::internal::CaptureStdout();
+  action();
+  return testing::internal::GetCapturedStdout();
+}
+
+TEST_F(ScriptedDevice, TheGreetingsOutcomeIsLogged) {
+  device_.reset();
+  const auto greet = [] { makeRef<hard_key_mouse>(g_vid, g_pid); };
+  EXPECT_THAT(logged(greet), EndsWith("\t* Error *\thid hand shake failed !\n"));
+  answer({});
+  EXPECT_THAT(logged(greet), EndsWith("\t- Info  -\thid hand shake success!\n"));
+}
+
+TEST_F(ScriptedDevice, FailedFirmwareExchangesAreLoggedWithResultAndLength) {
+  const auto greet = [&] { device_->new_firmware_handshake({}); };
+  EXPECT_THAT(logged(greet), EndsWith("\t* Error *\t[new_firmware_handshake] nRet=-1, recv_size=0\n"));
+  answer({5, 6, 7});
+  EXPECT_THAT(logged(greet), EndsWith("\t* Error *\t[new_firmware_handshake] nRet=0, recv_size=3\n"));
+  answer({0});
+  EXPECT_EQ(logged(greet), "");
+
+  upgrade_args_ex_type chunk;
+  chunk.id = 38;
+  chunk.total = 40;
+  const auto send = [&] { device_->upgrade_firmware(chunk); };
+  EXPECT_THAT(logged(send), EndsWith("\t* Error *\t[upgrade_firmware] id=38, total=40, nRet=-1, recv_size=0\n"));
+  answer({1, 0});
+  EXPECT_THAT(logged(send), EndsWith("\t* Error *\t[upgrade_firmware] id=38, total=40, nRet=0, recv_size=2\n"));
+  answer({0});
+  EXPECT_EQ(logged(send), "");
+  chunk.id = 39;
+  EXPECT_EQ(logged(send), "") << "the last one's failure is none";
+}
+
+TEST_F(ScriptedDevice, ARefusedNameIsLogged) {
+  EXPECT_THAT(logged([&] { device_->send_set_dev_info(std::string(21, 'n')); }), HasSubstr("\t* Error *\t"));
+  answer({0});
+  EXPECT_EQ(logged([&] { device_->send_set_dev_info(std::string(20, 'n')); }), "");
 }
 
 TEST(HardKeyMouseAlone, WithoutADeviceEverythingFailsAtOnce) {
@@ -432,6 +499,17 @@ TEST_F(HardKeyMouse, AFailingRelativeStepEndsTheMove) {
   faults("refuse@2");
   EXPECT_EQ(device().send_rla_mouse({.x = 1000}), -1);
   EXPECT_EQ(records().size(), 2U);
+}
+
+TEST_F(HardKeyMouse, ACutMoveEndsBehindTheStepUnderWay) {
+  device().cut_moves(true);
+  EXPECT_EQ(device().send_rla_mouse({.x = 300, .left = 1}), -1);
+  EXPECT_THAT(steps(records()), ElementsAre(std::pair(127, 0)));
+  mirn_->clearReceived();
+  EXPECT_EQ(device().send_rla_mouse({.x = 126}), 0) << "one exchange is not cut";
+  device().cut_moves(false);
+  EXPECT_EQ(device().send_rla_mouse({.x = 300}), 0);
+  EXPECT_THAT(steps(records()), ElementsAre(std::pair(126, 0), std::pair(127, 0), std::pair(127, 0), std::pair(46, 0)));
 }
 
 TEST_F(HardKeyMouse, ARawReportReachesTheTarget) {
