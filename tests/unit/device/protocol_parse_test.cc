@@ -214,6 +214,10 @@ TEST_F(ProtocolParse, AnEscapedByteIsNoTail) {
 TEST_F(ProtocolParse, ALengthOfFiveOrLessDropsTheFrame) {
   for (uint8_t length = 0; length <= 5; ++length) {
     EXPECT_FALSE(parse({0xAA, length, 0x00, 0x00, 0x01, 0xBC, 0x00, 0x01, 0xBB}));
+    // Dropped at once, with its command: an escaped head is a head only between frames.
+    EXPECT_TRUE(parse({0xAA, length, 0x00, 0x00, 0x01, 0xBC, 0x00, 0x01,  //
+                       0xCC, 0x02, 0x06, 0x00, 0x00, 0x01, 0xBC, 0x00, 0x01, 0xBB}))
+        << int{length};
   }
   EXPECT_TRUE(parse(pack(1, {})));
 }

@@ -76,7 +76,7 @@ TEST_F(FirmwareTest, RawImagesOfEverySizeArriveWhole) {
     EXPECT_EQ(proxy_->ReqUpgradeFirmware(write("image.bin", image)), 1) << size;
     EXPECT_EQ(sentImage(static_cast<uint16_t>((size + 1023) / 1024)), padded(image)) << size;
   }
-  EXPECT_THAT(log_.text(), HasSubstr("[ReqUpgradeFirmware] Upgrade success id=64"));
+  EXPECT_THAT(log_.text(), HasSubstr("\t= Debug =\t[ReqUpgradeFirmware] Upgrade success id=64\n"));
   EXPECT_THAT(log_.text(), Not(HasSubstr("tmpdir")));
 }
 
@@ -177,7 +177,7 @@ TEST_F(FirmwareTest, ThePathsEndingDecidesAboutConversion) {
 TEST_F(FirmwareTest, AnEmptyPathIsRefusedWithALine) {
   start();
   EXPECT_EQ(proxy_->ReqUpgradeFirmware(""), 0);
-  EXPECT_THAT(log_.text(), HasSubstr("[ReqUpgradeFirmware] file Path is empty!"));
+  EXPECT_THAT(log_.text(), HasSubstr("\t* Error *\t[ReqUpgradeFirmware] file Path is empty!\n"));
   EXPECT_THAT(arrived(), IsEmpty());
 }
 
@@ -187,11 +187,11 @@ TEST_F(FirmwareTest, FilesThatCannotBeReadSendNothing) {
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   for (const std::string& path : {directory_.path("absent.bin"), directory_.root(), fifo, std::string("/dev/zero")}) {
     EXPECT_EQ(proxy_->ReqUpgradeFirmware(path), 0) << path;
-    EXPECT_THAT(log_.text(), HasSubstr("[ReqUpgradeFirmware] open file failed! path=" + path));
+    EXPECT_THAT(log_.text(), HasSubstr("\t* Error *\t[ReqUpgradeFirmware] open file failed! path=" + path + "\n"));
   }
   EXPECT_EQ(proxy_->ReqUpgradeFirmware(directory_.path("absent.hex")), 0);
   EXPECT_THAT(log_.text(), HasSubstr("Error Fail To Read, source_path="));
-  EXPECT_THAT(log_.text(), HasSubstr("[ReqUpgradeFirmware] hex to bin failed!"));
+  EXPECT_THAT(log_.text(), HasSubstr("\t* Error *\t[ReqUpgradeFirmware] hex to bin failed!\n"));
   EXPECT_THAT(arrived(), IsEmpty());
   EXPECT_EQ(listener_.count(), 0u);
 }
@@ -199,7 +199,7 @@ TEST_F(FirmwareTest, FilesThatCannotBeReadSendNothing) {
 TEST_F(FirmwareTest, AFaultyHexFileSendsNothing) {
   start();
   EXPECT_EQ(proxy_->ReqUpgradeFirmware(directory_.write("a.hex", hexFile(testImage(5000), 16, "\n") + "oops\n")), 0);
-  EXPECT_THAT(log_.text(), HasSubstr("[ReqUpgradeFirmware] hex to bin failed!"));
+  EXPECT_THAT(log_.text(), HasSubstr("\t* Error *\t[ReqUpgradeFirmware] hex to bin failed!\n"));
   EXPECT_THAT(arrived(), IsEmpty());
 }
 
@@ -209,12 +209,20 @@ TEST_F(FirmwareTest, TheTemporaryImageStandsInTmpdirAndStays) {
   EXPECT_EQ(proxy_->ReqUpgradeFirmware(source), 1);
   const std::string image = directory_.path("velkin_temp.bin");
   EXPECT_EQ(readFile(image), "\x07\x08\x09");
-  EXPECT_THAT(log_.text(), HasSubstr("[ReqUpgradeFirmware] tmpdir=" + directory_.root() + "/\n"));
-  EXPECT_THAT(log_.text(), HasSubstr("[ReqUpgradeFirmware] tmpdir=" + image));
+  EXPECT_THAT(log_.text(), HasSubstr("\t= Debug =\t[ReqUpgradeFirmware] tmpdir=" + directory_.root() + "/\n"));
+  EXPECT_THAT(log_.text(), HasSubstr("\t= Debug =\t[ReqUpgradeFirmware] tmpdir=" + image + "\n"));
   // No separator is added.
   setenv("TMPDIR", directory_.path("beside").c_str(), 1);
   EXPECT_EQ(proxy_->ReqUpgradeFirmware(source), 1);
   EXPECT_EQ(readFile(directory_.path("besidevelkin_temp.bin")), "\x07\x08\x09");
+}
+
+TEST_F(FirmwareTest, WithoutATmpdirTheImageWouldStandBesideTheFallbackDirectory) {
+  start();
+  unsetenv("TMPDIR");
+  EXPECT_EQ(proxy_->ReqUpgradeFirmware(directory_.path("absent.hex")), 0);  // so nothing is written there
+  EXPECT_THAT(log_.text(), HasSubstr("[ReqUpgradeFirmware] tmpdir=/tmp\n"));
+  EXPECT_THAT(log_.text(), HasSubstr("[ReqUpgradeFirmware] tmpdir=/tmpvelkin_temp.bin\n"));
 }
 
 TEST_F(FirmwareTest, ATmpdirOfMoreThan1023CharactersCutsTheName) {

@@ -172,7 +172,9 @@ class ParseHexFileTest : public ::testing::Test {
     return {bytes.begin(), bytes.end()};
   }
   // The log has exactly the one error line with this text.
-  void expectError(const std::string& text) const { EXPECT_THAT(log_.text(), HasSubstr(text)); }
+  void expectError(const std::string& text) const {
+    EXPECT_THAT(log_.text(), HasSubstr("\t* Error *\t" + text + "\n"));
+  }
 
   ScratchDirectory directory_;
   LogCapture log_;

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <array>
+#include <clocale>
 #include <map>
 #include <string>
 #include <vector>
@@ -177,6 +178,14 @@ TEST_F(KeyboardTest, TheKeypadsDecimalPointForgetsTheModifiersToo) {
                                      report({0x63, 4, 0, 0, 0, 0}, 0)));
 }
 
+TEST_F(KeyboardTest, OnlyTheWholeCodeOfDeleteForgetsTheModifiers) {
+  down(17);
+  down(0x100 + 46);  // the usage goes by the low 8 bits
+  down(0x100 + 110);
+  EXPECT_THAT(arrived(), ElementsAre(report({0, 0, 0, 0, 0, 0}, 1), report({0x4C, 0, 0, 0, 0, 0}, 1),
+                                     report({0x4C, 0x63, 0, 0, 0, 0}, 1)));
+}
+
 TEST_F(KeyboardTest, DeleteWithoutAFreeSlotForgetsNothing) {
   down(17);
   for (int key = 'A'; key <= 'F'; ++key) down(key);
@@ -297,6 +306,14 @@ TEST_F(KeyboardTest, NothingTypableSendsNothing) {
 TEST_F(KeyboardTest, ATextThatTheLocaleCannotExpressTypesNothing) {
   proxy_->TypeString(L"A\u20ACB", 0);
   EXPECT_THAT(arrived(), IsEmpty());
+}
+
+TEST_F(KeyboardTest, UnderAUtf8LocaleBytesBeyondAsciiAreSkippedAndCountAgainstTheLength) {
+  ASSERT_NE(std::setlocale(LC_ALL, "C.UTF-8"), nullptr);
+  proxy_->TypeString(L"\u00e9AB", 0);  // three characters, four bytes: three are converted
+  proxy_->TypeString(L"\u20acA", 0);   // the first one alone needs more than two
+  std::setlocale(LC_ALL, "C");
+  EXPECT_THAT(arrived(), ElementsAre(report({4, 0, 0, 0, 0, 0}, 0x20), report({0, 0, 0, 0, 0, 0}, 0)));
 }
 
 TEST_F(KeyboardTest, TypingDropsHeldKeysAndLeavesTheModifiersAlone) {

@@ -206,6 +206,9 @@ TEST_F(PointerTest, TheStoredFlagsChangeNothing) {
 // ---- Monitors ----
 
 TEST_F(PointerTest, InitFillsTheKeyMapToo) {
+  proxy_.reset();
+  proxy_ = std::make_unique<TestProxy>(&listener_);
+  seen_ = mirn_->receivedCount();
   EXPECT_EQ(proxy_->Init({{0, 0, 10, 10}}), 0);
   proxy_->KeyBoardDown(0, 'A');
   EXPECT_THAT(arrived(), ElementsAre("keys 04 00 00 00 00 00 mod 00"));

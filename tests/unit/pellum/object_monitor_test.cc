@@ -68,6 +68,10 @@ TEST(ObjectMonitor, DumpMarksClassesWithObjectsAlive) {
   EXPECT_EQ(lineOf(dump(), "Alive"), expected);
   std::snprintf(expected, sizeof expected, "%3u         0|       7|       7| Balanced\r\n", index + 1);
   EXPECT_EQ(lineOf(dump(), "Balanced"), expected);
+  static const FixedCounter overdrawn(3, 5);
+  ASSERT_TRUE(addToMonitoringList(&overdrawn, "Overdrawn"));
+  std::snprintf(expected, sizeof expected, "%3u        -2|       3|       5| Overdrawn\r\n", index + 2);
+  EXPECT_EQ(lineOf(dump(), "Overdrawn"), expected);
 }
 
 TEST(ObjectMonitor, ThreadBaseIsListed) {

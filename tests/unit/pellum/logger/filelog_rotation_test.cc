@@ -87,6 +87,26 @@ TEST_F(Rotation, TheLineThatReachesTheMaximumIsTheLastOfItsFile) {
   EXPECT_EQ(folder.text("t.log"), "");
 }
 
+TEST_F(Rotation, SizeEqualToTheMaximumRotates) {
+  log.open("t", filelog::fixed_size, false);
+  log.write_log(1, "as long as the next");
+  log.MaxSize(2 * folder.text("t.log").size());
+  log.write_log(1, "as long as the last");
+  EXPECT_EQ(folder.lines("t.log.1").size(), 2U);
+  EXPECT_EQ(folder.text("t.log"), "");
+}
+
+TEST_F(Rotation, MaximumIs16MiBUnlessSet) {
+  constexpr uintmax_t kMaximum = 16777216;
+  folder.write("t.log", "");
+  std::filesystem::resize_file(folder.file("t.log"), kMaximum - 1000);
+  log.open("t", filelog::fixed_size, true);
+  log.write_log(1, "far shorter than a thousand bytes");
+  EXPECT_FALSE(folder.has("t.log.1"));
+  log.write_log(1, "%s", std::string(1000, 'x').c_str());
+  EXPECT_TRUE(folder.has("t.log.1"));
+}
+
 TEST_F(Rotation, MaximumOfZeroRotatesAfterEveryWrite) {
   log.MaxSize(0);
   log.open("t", filelog::fixed_size, false);
@@ -189,6 +209,33 @@ TEST_F(Rotation, HourlyStyleWritesIntoTheFileOfTheHour) {
     all += folder.text(name);
   }
   EXPECT_TRUE(matches(all, ".*first\n.*second\n")) << all;
+}
+
+TEST_F(Rotation, FirstLineOfANewHourChangesTheFile) {
+  const auto open_files = [] {
+    const std::filesystem::directory_iterator all("/proc/self/fd");
+    return std::distance(begin(all), end(all));
+  };
+  // The hour changes with the time zone, too.
+  const auto useZone = [](const char* zone) {
+    ::setenv("TZ", zone, 1);
+    ::tzset();
+  };
+  log.open("h", filelog::by_hour, false);
+  useZone("UTC0");
+  log.write_log(1, "first");
+  const auto before = open_files();
+  useZone("UTC-3");
+  log.write_log(1, "second");
+  log.write_log(1, "third");
+  EXPECT_EQ(open_files(), before) << "the old hour's file is closed";
+  ::unsetenv("TZ");
+  ::tzset();
+  std::vector<size_t> lines;
+  for (const std::string& name : folder.names()) {
+    lines.push_back(folder.lines(name).size());
+  }
+  EXPECT_THAT(lines, UnorderedElementsAre(1U, 2U));
 }
 
 TEST_F(Rotation, HourlyFilesAreContinued) {

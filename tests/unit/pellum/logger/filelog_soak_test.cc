@@ -1,11 +1,17 @@
 // Many threads into rotated files: every line exactly once, whole, in its thread's order, and in a file when its
 // callers have returned.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <map>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -143,19 +149,104 @@ TEST(FilelogSoak, SettingsMayChangeWhileOthersLog) {
             messageOf(folder.lines("last.log").at(0)).size() - 11);
 }
 
+// Standard output is a pipe for as long as it lives. One use.
+class PipedOutput {
+ public:
+  PipedOutput() {
+    EXPECT_EQ(::pipe(ends_), 0);
+    std::fflush(stdout);
+    real_ = ::dup(STDOUT_FILENO);
+    ::dup2(ends_[1], STDOUT_FILENO);
+    ::close(ends_[1]);
+  }
+  ~PipedOutput() { ::close(ends_[0]); }
+  PipedOutput(const PipedOutput&) = delete;
+  PipedOutput& operator=(const PipedOutput&) = delete;
+
+  int reader() const { return ends_[0]; }
+  // The reader finds the end.
+  void end() const {
+    std::fflush(stdout);
+    ::dup2(real_, STDOUT_FILENO);
+    ::close(real_);
+  }
+
+ private:
+  int ends_[2] = {-1, -1};
+  int real_ = -1;
+};
+
+// A thread that logs one line.
+struct LineThread {
+  std::atomic<pid_t> id{0};
+  std::atomic<bool> returned{false};
+  std::thread thread;
+
+  LineThread(filelog& log, const std::string& message)
+      : thread([this, &log, message] {
+          id = static_cast<pid_t>(::syscall(SYS_gettid));
+          log.write_log(1, "%s", message.c_str());
+          returned = true;
+        }) {}
+
+  // Until it has returned or waits: the state behind the name in its stat file is S.
+  void settle() const {
+    while (!returned) {
+      std::ifstream file("/proc/self/task/" + std::to_string(id) + "/stat");
+      const std::string stat{std::istreambuf_iterator<char>(file), {}};
+      const size_t name_end = stat.rfind(") ");
+      if (id != 0 && name_end != std::string::npos && stat[name_end + 2] == 'S') {
+        return;
+      }
+      std::this_thread::yield();
+    }
+  }
+};
+
+TEST(FilelogSoak, WhileTheOutputStandsStillLessThanOneMiBIsKept) {
+  constexpr size_t kMiB = 1 << 20;
+  constexpr size_t kCallers = 120;  // more than fit, one long line each
+  const std::string message(10000, 'x');
+  const PipedOutput output;
+  const int pipe_bytes = ::fcntl(output.reader(), F_GETPIPE_SZ);
+  ASSERT_GT(pipe_bytes, 0);
+  const std::string filler(static_cast<size_t>(pipe_bytes), '#');
+  ASSERT_EQ(::write(STDOUT_FILENO, filler.data(), filler.size()), static_cast<ssize_t>(filler.size()));
+  std::string text;
+  {
+    filelog log;
+    // The first one gets stuck with its own line; what the others add waits in the second buffer.
+    std::vector<std::unique_ptr<LineThread>> callers;
+    for (size_t i = 0; i < kCallers; ++i) {
+      callers.push_back(std::make_unique<LineThread>(log, message));
+      callers.back()->settle();
+    }
+    std::thread reader([&] {
+      char bytes[4096];
+      for (ssize_t n = 0; (n = ::read(output.reader(), bytes, sizeof bytes)) > 0;) {
+        text.append(bytes, static_cast<size_t>(n));
+      }
+    });
+    for (const auto& caller : callers) {
+      caller->thread.join();
+    }
+    output.end();
+    reader.join();
+  }
+  const size_t first_line = text.find('\n', filler.size()) + 1;
+  const size_t kept = text.size() - first_line;
+  EXPECT_LT(kept, kMiB);
+  EXPECT_GT(kept + 2 * message.size(), kMiB) << "no more is dropped than must be";
+}
+
 // A slow reader of standard output makes the callers wait, it doesn't cost them lines.
 TEST(FilelogSoak, SlowOutputSlowsCallersDownInsteadOfDroppingLines) {
-  int ends[2];
-  ASSERT_EQ(::pipe(ends), 0);
-  std::fflush(stdout);
-  const int real_output = ::dup(STDOUT_FILENO);
-  ::dup2(ends[1], STDOUT_FILENO);
-  ::close(ends[1]);
+  const PipedOutput output;
   const int lines = linesPerThread() / 20;
   size_t read_lines = 0;
   std::thread reader([&] {
     char bytes[4096];
-    for (ssize_t n = 0; (n = ::read(ends[0], bytes, sizeof bytes)) > 0;) {
+    for (ssize_t n = 0; (n = ::read(output.reader(), bytes, sizeof bytes)) > 0;) {
       read_lines += static_cast<size_t>(std::count(bytes, bytes + n, '\n'));
       for (int i = 0; i < 20; ++i) {
         std::this_thread::yield();
@@ -166,11 +257,8 @@ TEST(FilelogSoak, SlowOutputSlowsCallersDownInsteadOfDroppingLines) {
     filelog log;
     logFromAllThreads(log, lines);
   }
-  std::fflush(stdout);
-  ::dup2(real_output, STDOUT_FILENO);
-  ::close(real_output);
+  output.end();
   reader.join();
-  ::close(ends[0]);
   EXPECT_EQ(read_lines, static_cast<size_t>(kThreads) * static_cast<size_t>(lines));
 }
 

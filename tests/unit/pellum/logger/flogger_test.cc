@@ -2,10 +2,15 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -62,6 +67,30 @@ TEST_F(Flogger, IniSetsAllFourValues) {
   EXPECT_LT(logs.text("t.log").size(), 100U << 10) << "rotated at one MiB";
 }
 
+// In a process with an /etc of its own.
+TEST_F(Flogger, WithoutAPathTheSystemsFileIsRead) {
+  constexpr int kMayNot = 77;
+  const pid_t child = ::fork();
+  if (child == 0) {
+    if (::unshare(CLONE_NEWNS) != 0 || ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        ::mount("tmpfs", "/etc", "tmpfs", 0, "size=64k") != 0) {
+      ::_exit(kMayNot);
+    }
+    std::ofstream("/etc/dravio.ini") << "[LOGGER]\nMASK=4\nPATH=" << logs.c_str() << "\n";
+    flogger fresh;
+    fresh.open("t", filelog::fixed_size, false);
+    fresh.write_log(1, "masked");
+    fresh.write_log(4, "written");
+    ::_exit(0);
+  }
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  if (WIFEXITED(status) && WEXITSTATUS(status) == kMayNot) {
+    GTEST_SKIP() << "no file system may be mounted here";
+  }
+  EXPECT_THAT(logs.lines("t.log"), ElementsAre(testing::EndsWith("written")));
+}
+
 TEST_F(Flogger, KeysAndSectionsAreCaseInsensitive) {
   load("[logger]\nmask=2\n");
   EXPECT_FALSE(writes(1));
@@ -74,13 +103,16 @@ TEST_F(Flogger, AbsentKeysAreSetToTheirDefaults) {
   log.MaxSize(1);
   load("[LOGGER]\nPATH=" + std::string(logs.c_str()) + "\n");
   EXPECT_TRUE(writes(16)) << "all levels";
-  log.open("t", filelog::fixed_size, false);
+  logs.write("t.log", "");
+  std::filesystem::resize_file(logs.file("t.log"), (16U << 20) - 1000);
+  log.open("t", filelog::fixed_size, true);
   log.write_log(1, "m");
-  log.write_log(1, "m");
-  EXPECT_EQ(logs.lines("t.log").size(), 2U) << "16 MiB";
+  EXPECT_FALSE(logs.has("t.log.1")) << "less than 16 MiB";
+  log.write_log(1, "%s", std::string(1000, 'x').c_str());
+  EXPECT_TRUE(logs.has("t.log.1")) << "16 MiB";
   log.close();
   log.open("t", filelog::fixed_size, false);
-  EXPECT_TRUE(logs.has("t.log.1")) << "numbered backups";
+  EXPECT_TRUE(logs.has("t.log.2")) << "numbered backups";
 }
 
 TEST_F(Flogger, AbsentPathMeansTheRootDirectory) {
