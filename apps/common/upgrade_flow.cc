@@ -64,9 +64,7 @@ void UpgradeFlow::update(const UpgradeFacts& facts, Time now) {
   failed_ = facts.failed - base_failed_;
   if (state_ == UpgradeState::kSending) {
     if (!present_) {
-      state_ = UpgradeState::kUnplugged;
-      unplugged_at_ = now;
-      answered_at_unplug_ = chunksTaken();
+      noteUnplugging(now);
     } else if (answered_ >= file_.chunks || now - last_chunk_ > kChunkPatience) {
       state_ = UpgradeState::kSettling;
       settling_since_ = now;
@@ -80,9 +78,19 @@ void UpgradeFlow::update(const UpgradeFacts& facts, Time now) {
     } else if (now - *unplugged_at_ > kReplugPatience) {
       finish(UpgradeResult::kUnplugged);
     }
+  } else if (!present_ && failed_ > 0 && !wasUnplugged()) {
+    // The chunks that were queued can fail faster than the bus tells that the device has left. One that has taken them
+    // all and leaves is restarting.
+    noteUnplugging(now);
   } else if (state_ == UpgradeState::kSettling && now - settling_since_ > kHandshakePatience) {
     finish(wasUnplugged() ? UpgradeResult::kUnplugged : UpgradeResult::kNotAnswering);
   }
+}
+
+void UpgradeFlow::noteUnplugging(Time now) {
+  state_ = UpgradeState::kUnplugged;
+  unplugged_at_ = now;
+  answered_at_unplug_ = chunksTaken();
 }
 
 bool UpgradeFlow::wantsHandshake(Time now) const {
@@ -133,7 +141,8 @@ UpgradeStatus UpgradeFlow::status(Time now) const {
 }
 
 std::string UpgradeFlow::resultText() const {
-  std::string sent = std::to_string(answered_at_unplug_) + " of " + std::to_string(file_.chunks) + " chunks";
+  std::string sent = std::to_string(wasUnplugged() ? answered_at_unplug_ : chunksTaken()) + " of " +
+                     std::to_string(file_.chunks) + " chunks";
   switch (result_) {
     case UpgradeResult::kNone:
       return "";
@@ -145,8 +154,8 @@ std::string UpgradeFlow::resultText() const {
     case UpgradeResult::kNotStarted:
       return "The upgrade could not be started; nothing was sent.";
     case UpgradeResult::kNotAnswering:
-      return "Everything was sent, but the device doesn't answer any more. Unplug it, plug it in again and look at the "
-             "version it shows.";
+      return (chunksTaken() == file_.chunks ? "Everything was sent" : "The device took " + sent) +
+             ", but it doesn't answer any more. Unplug it, plug it in again and look at the version it shows.";
     case UpgradeResult::kUnplugged:
       return version_after_.empty()
                  ? "The device was unplugged after " + sent +

@@ -38,7 +38,7 @@ enum class UpgradeResult {
   kUpdated,       // the device answers with another version than before
   kSameVersion,   // the device answers with the version it had
   kNotStarted,    // the upgrade command was refused
-  kNotAnswering,  // all was sent, no handshake succeeded afterwards
+  kNotAnswering,  // all was sent or nothing more is taken, and no handshake succeeded afterwards
   kUnplugged,     // pulled out while chunks were sent, and back now or still away
 };
 
@@ -97,6 +97,7 @@ class UpgradeFlow {
 
  private:
   void finish(UpgradeResult result);
+  void noteUnplugging(Time now);
   uint64_t chunksAnswered() const;
   uint64_t chunksTaken() const;
 

@@ -94,6 +94,7 @@ TEST_F(UpgradeFlowTest, HandshakesAreRepeatedUntilTheDeviceIsBack) {
   now_ += UpgradeFlow::kHandshakePatience + milliseconds(1);
   update(10);
   EXPECT_EQ(flow_.result(), UpgradeResult::kNotAnswering);
+  EXPECT_THAT(flow_.resultText(), HasSubstr("Everything was sent, but"));
 }
 
 TEST_F(UpgradeFlowTest, ARefusedCommandEndsIt) {
@@ -115,6 +116,40 @@ TEST_F(UpgradeFlowTest, UnpluggingInTheMiddleEndsClearlyAfterReplugging) {
   EXPECT_EQ(flow_.result(), UpgradeResult::kUnplugged);
   EXPECT_THAT(flow_.resultText(), HasSubstr("after 4 of 10 chunks"));
   EXPECT_THAT(flow_.resultText(), HasSubstr("back with version 1.0.0"));
+}
+
+TEST_F(UpgradeFlowTest, UnpluggingThatIsNoticedAfterTheLastChunkFailedIsStillOne) {
+  update(4);
+  update(10, true, 5);
+  EXPECT_EQ(flow_.state(), UpgradeState::kSettling);
+  flow_.handshake(std::nullopt, now_);
+  update(10, false, 5);
+  EXPECT_EQ(flow_.state(), UpgradeState::kUnplugged);
+  now_ += UpgradeFlow::kHandshakePatience + seconds(1);
+  update(10, false, 5);
+  EXPECT_EQ(flow_.state(), UpgradeState::kUnplugged) << "it waits for the hand that plugs it in again";
+  update(10, true, 5);
+  flow_.handshake("1.0.0", now_);
+  EXPECT_EQ(flow_.result(), UpgradeResult::kUnplugged);
+  EXPECT_THAT(flow_.resultText(), HasSubstr("after 4 of 10 chunks"));
+}
+
+TEST_F(UpgradeFlowTest, ADeviceThatTookEverythingMayLeaveTheBusAndComeBack) {
+  update(10);
+  update(10, false);
+  EXPECT_EQ(flow_.state(), UpgradeState::kSettling);
+  EXPECT_FALSE(flow_.wantsHandshake(now_));
+  update(10, true);
+  flow_.handshake("2.0.0", now_);
+  EXPECT_EQ(flow_.result(), UpgradeResult::kUpdated);
+}
+
+TEST_F(UpgradeFlowTest, ADeviceThatStopsTakingChunksIsNotSaidToHaveThemAll) {
+  update(10, true, 5);
+  now_ += UpgradeFlow::kHandshakePatience + seconds(1);
+  update(10, true, 5);
+  EXPECT_EQ(flow_.result(), UpgradeResult::kNotAnswering);
+  EXPECT_THAT(flow_.resultText(), HasSubstr("took 4 of 10 chunks, but"));
 }
 
 TEST_F(UpgradeFlowTest, ANewVersionAfterReplugCountsAsUpdated) {
