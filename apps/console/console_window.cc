@@ -16,6 +16,7 @@ constexpr const char* kStyle = R"(
 .mirn-hint, .mirn-figures { background: alpha(black, 0.72); color: white; border-radius: 6px; padding: 4px 10px; }
 .mirn-figures { font-family: monospace; font-size: 90%; }
 .mirn-status { padding: 2px 10px; }
+window.fullscreen { padding: 0; border: none; }
 .title-2 { font-size: 150%; font-weight: bold; }
 )";
 

@@ -3,7 +3,6 @@
 #include <gdk/gdk.h>
 #include <gtkmm/eventcontrollerkey.h>
 #include <gtkmm/eventcontrollermotion.h>
-#include <gtkmm/eventcontrollerscroll.h>
 #include <gtkmm/gestureclick.h>
 
 #include <array>
@@ -251,20 +250,30 @@ void InputController::onMotion(double x, double y) {
   if (!window_.is_active() || !view_.picture()) {
     return;
   }
-  last_x_ = x;
-  last_y_ = y;
   PicturePoint place = view_.devicePosition(x, y);
   pointer_.move(place.x, place.y, Steady::now());
   scheduleRest();
 }
 
-// A pointer that leaves over an edge goes all the way to it: the events end some pixels before.
+// A pointer thrown out of the picture rests at the edge that it left over, however far away the last move inside was.
 void InputController::onLeave() {
-  auto pushed = [](double at, int size) {
-    constexpr double kNear = 24;
-    return at < kNear ? -1.0 : (at > size - kNear ? size + 1.0 : at);
-  };
-  onMotion(pushed(last_x_, view_.get_width()), pushed(last_y_, view_.get_height()));
+  // GTK tells no place with the leaving; the pointer's own place now is beyond the edge.
+  GdkSurface* surface = gtk_native_get_surface(GTK_NATIVE(window_.gobj()));
+  GdkSeat* seat = surface == nullptr ? nullptr : gdk_display_get_default_seat(gdk_surface_get_display(surface));
+  GdkDevice* device = seat == nullptr ? nullptr : gdk_seat_get_pointer(seat);
+  double x = 0;
+  double y = 0;
+  if (device == nullptr) {
+    return;
+  }
+  // The answer only says whether the pointer is still over the window; the place is given in both cases.
+  gdk_surface_get_device_position(surface, device, &x, &y, nullptr);
+  double surface_left = 0;
+  double surface_top = 0;
+  gtk_native_get_surface_transform(GTK_NATIVE(window_.gobj()), &surface_left, &surface_top);
+  if (window_.translate_coordinates(view_, x - surface_left, y - surface_top, x, y)) {
+    onMotion(x, y);
+  }
 }
 
 void InputController::onButton(guint button, bool down, double x, double y) {

@@ -89,8 +89,6 @@ class InputController {
   bool captured_ = false;
   bool recapture_ = false;
   bool pasting_ = false;
-  double last_x_ = 0;  // of the last motion, widget coordinates
-  double last_y_ = 0;
   unsigned buttons_ = 0;  // bit n: button n is down
   sigc::connection rest_;
   sigc::signal<void()> captured_changed_;

@@ -4,8 +4,10 @@
 
 #include <array>
 #include <charconv>
+#include <cstdlib>
 #include <nlohmann/json.hpp>
 #include <sstream>
+#include <variant>
 
 #include "apps/common/program_start.h"
 #include "virtual/frame_strip.h"
@@ -37,6 +39,23 @@ Json stripOf(const PixelBufferRef& picture) {
     return nullptr;
   }
   return {{"frame", strip->frame_number}, {"digest", strip->input_digest}};
+}
+
+// What the device took after the first `number` records: keys or buttons going down, pieces of firmware, and all.
+Json sentAfter(const VirtualMirn& device, uint64_t number) {
+  int presses = 0;
+  int chunks = 0;
+  std::vector<VirtualReceived> records = device.receivedAfter(number);
+  for (const VirtualReceived& received : records) {
+    if (const auto* keys = std::get_if<VirtualKeyboard>(&received.record)) {
+      presses += *keys == VirtualKeyboard{} ? 0 : 1;
+    } else if (const auto* mouse = std::get_if<VirtualMouse>(&received.record)) {
+      presses += mouse->left + mouse->right + mouse->middle == 0 ? 0 : 1;
+    } else if (std::holds_alternative<VirtualFirmwareChunk>(received.record)) {
+      ++chunks;
+    }
+  }
+  return {{"records", records.size()}, {"presses", presses}, {"chunks", chunks}};
 }
 
 }  // namespace
@@ -75,6 +94,9 @@ std::string Steering::answer(const std::string& line) {
   Json done = {{"ok", true}};
   if (command == "state") {
     return state();
+  }
+  if (command == "sent") {
+    return sentAfter(world_.mirn(), std::strtoull(first.c_str(), nullptr, 10)).dump();
   }
   if (command == "unplug") {
     world_.unplug();

@@ -7,6 +7,7 @@ import tempfile
 import time
 
 TOOLS = ("Xvfb", "openbox", "xdotool", "import", "convert")
+PATIENCE = float(os.environ.get("MIRN_DESKTOP_PATIENCE", "60"))  # seconds that a condition is waited for
 
 
 def missing_tools():
@@ -77,7 +78,7 @@ class Console:
     def state(self):
         return self.say("state")
 
-    def wait(self, what, condition, seconds=60):
+    def wait(self, what, condition, seconds=PATIENCE):
         """The first state in which the condition holds."""
         end = time.monotonic() + seconds
         while True:
