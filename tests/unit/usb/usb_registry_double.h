@@ -252,7 +252,7 @@ class UsbRegistryDouble : public UsbRegistry {
     return last_handle_;
   }
 
-  void post(UsbNotification type, std::vector<FakeUsbDevice> devices) {
+  void post(UsbNotification type, const std::vector<FakeUsbDevice>& devices) {
     std::lock_guard guard(mutex_);
     for (const Notification& notification : notifications_) {
       if (notification.type != type) continue;
