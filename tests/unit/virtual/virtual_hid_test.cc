@@ -134,6 +134,13 @@ TEST_F(VirtualHidTest, EveryHandleGetsEveryReportAndStartsEmpty) {
   hid_.close(b);
 }
 
+TEST_F(VirtualHidTest, AHandleDoesNotGetWhatTheDeviceSaidBefore) {
+  first_->hostWrite(MirnDriver::frame(9, {}), clock().now());
+  hid_device* const device = open();
+  EXPECT_EQ(read(device, 100), 0);
+  hid_.close(device);
+}
+
 TEST_F(VirtualHidTest, AHandleKeeps63UnreadReportsAndDropsTheNewest) {
   hid_device* const device = open();
   for (int i = 0; i < 100; ++i) {

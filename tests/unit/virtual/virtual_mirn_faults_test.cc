@@ -149,6 +149,19 @@ TEST_F(VirtualMirnFaults, Unplug) {
   EXPECT_EQ(mirn_.receivedCount(), 1U);
 }
 
+TEST_F(VirtualMirnFaults, APluggingForgetsWhatKeptTheDeviceBusy) {
+  for (const char* const fault : {"stall=500@1", "delay=500@1"}) {
+    host_.faults(fault);
+    key();
+    mirn_.unplug();
+    mirn_.plug();
+    host_.faults("");
+    host_.reports.clear();
+    key();
+    EXPECT_EQ(host_.reports.at(0).due - host_.now, 1ms) << fault;
+  }
+}
+
 TEST_F(VirtualMirnFaults, UnplugAfterTheRequest) {
   host_.faults("unplug-after@1");
   EXPECT_EQ(host_.write(MirnDriver::frame(9, {})), VirtualWriteResult::kAccepted);

@@ -221,6 +221,9 @@ TEST(FilelogSoak, WhileTheOutputStandsStillLessThanOneMiBIsKept) {
       callers.push_back(std::make_unique<LineThread>(log, message));
       callers.back()->settle();
     }
+    for (const auto& caller : callers) {
+      caller->settle();  // once more: asleep in the log, not on the way to it
+    }
     std::thread reader([&] {
       char bytes[4096];
       for (ssize_t n = 0; (n = ::read(output.reader(), bytes, sizeof bytes)) > 0;) {
