@@ -81,6 +81,7 @@ class PixelBufferRef : public CountedRef<PixelBuffer> {
 
 /// One picture. The object is thread-safe; its bytes are not: whoever writes must be the only holder or agree with
 /// the readers. Readers lock read-only, writers for writing; the lock counts, it doesn't block.
+/// What isn't in this header is virtual: a host that has nothing but the shared library can draw a picture.
 class PixelBuffer : public Counted {
  public:
   /// New picture with zeroed bytes, rows padded to kPixelBufferAlignment. Null on failure; `status` says why.
@@ -99,17 +100,17 @@ class PixelBuffer : public Counted {
   /// 0 for a single image, 2 for a bi-planar one.
   size_t planeCount() const { return planes_.size() > 1 ? planes_.size() : 0; }
   size_t bytesPerRow() const { return planes_[0].bytesPerRow; }
-  size_t bytesPerRowOfPlane(size_t plane) const;  ///< 0 when there is no such plane
-  size_t widthOfPlane(size_t plane) const;        ///< in samples of that plane
-  size_t heightOfPlane(size_t plane) const;
+  virtual size_t bytesPerRowOfPlane(size_t plane) const;  ///< 0 when there is no such plane
+  virtual size_t widthOfPlane(size_t plane) const;        ///< in samples of that plane
+  virtual size_t heightOfPlane(size_t plane) const;
   size_t dataSize() const { return dataSize_; }  ///< bytes of all planes
 
   /// The base address may be used between lock and unlock, which must carry the same flags. Always succeeds here.
-  PixelBufferStatus lockBaseAddress(uint32_t flags);
-  PixelBufferStatus unlockBaseAddress(uint32_t flags);
+  virtual PixelBufferStatus lockBaseAddress(uint32_t flags);
+  virtual PixelBufferStatus unlockBaseAddress(uint32_t flags);
   /// Null while the buffer isn't locked.
   uint8_t* baseAddress() const { return baseAddressOfPlane(0); }
-  uint8_t* baseAddressOfPlane(size_t plane) const;
+  virtual uint8_t* baseAddressOfPlane(size_t plane) const;
 
   /// How often anybody asked for the bytes since creation. A frame that is only handed on keeps its number: this is
   /// how the tests prove that nothing is copied on the way to the textures.
