@@ -1,5 +1,6 @@
 #!/bin/bash
-# Builds the Debian packages into build/packages and lets lintian look at them.
+# Builds the Debian packages into build/packages and lets lintian look at them. What an earlier run left in the build
+# folder is used again, its configuration is not.
 #   packaging/build_packages.sh            JOBS=n limits the compiler
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -16,11 +17,14 @@ rm -rf "$stage" "$out"
 mkdir -p "$stage" "$out"
 # The hardening flags that Debian builds with; no path of this machine in the programs.
 export CXXFLAGS="-g -O2 -fstack-protector-strong -D_FORTIFY_SOURCE=2 -ffile-prefix-map=$root=."
-export LDFLAGS="-Wl,-z,relro -Wl,-z,now"
-cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=None -DCMAKE_INSTALL_PREFIX=/usr \
-  -DCMAKE_INSTALL_LIBDIR="lib/$triplet" -DMIRN_TESTS=OFF -DMIRN_WERROR=OFF -DMIRN_INSTALL_RPATH= >/dev/null
+export LDFLAGS="-Wl,-z,relro -Wl,-z,now -Wl,--as-needed"
+cmake --fresh -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=None -DCMAKE_INSTALL_PREFIX=/usr \
+  -DCMAKE_INSTALL_LIBDIR="lib/$triplet" -DMIRN_TESTS=OFF -DMIRN_WERROR=OFF \
+  -DMIRN_INSTALL_RPATH= -DCMAKE_BUILD_WITH_INSTALL_RPATH=ON >/dev/null
 cmake --build "$build" -j "${JOBS:-$(nproc)}"
 DESTDIR=$stage/all cmake --install "$build" >/dev/null
+LD_LIBRARY_PATH=$stage/all/usr/lib/$triplet "$root/tests/package/check_files.sh" "$stage/all/usr"
+rm "$stage/all/usr/share/flutter-mirn/LICENSE" # every package has it in its copyright file
 
 # take PACKAGE PATH...: moves installed paths (globs, below /usr) into a package.
 take() {
@@ -39,16 +43,17 @@ take libflutter-mirn0 "lib/$triplet/libflutter_mirn.so.*"
 take libflutter-mirn-dev "lib/$triplet/libflutter_mirn.so" "lib/$triplet/pkgconfig/flutter_mirn.pc" include/flutter_mirn
 take mirn-console bin/mirn-console share/applications share/icons share/man/man1/mirn-console.1
 take mirnctl bin/mirnctl share/man/man1/mirnctl.1 share/bash-completion share/zsh share/fish
+take mirn-virtual bin/mirn-virtual share/man/man1/mirn-virtual.1
 take mirn-udev lib/udev/rules.d/70-mirn.rules
 take flutter-mirn-source share/flutter-mirn
 
 find "$stage" -name '*.1' -exec gzip -9n {} +
-for binary in "$stage"/libflutter-mirn0/usr/lib/*/*.so.* "$stage"/{mirn-console,mirnctl}/usr/bin/*; do
+for binary in "$stage"/libflutter-mirn0/usr/lib/*/*.so.* "$stage"/*/usr/bin/*; do
   [[ -L $binary ]] || strip --strip-unneeded --remove-section=.comment --remove-section=.note "$binary"
 done
 
 # Documents that every package has.
-for package in libflutter-mirn0 libflutter-mirn-dev mirn-console mirnctl mirn-udev flutter-mirn-source; do
+for package in libflutter-mirn0 libflutter-mirn-dev mirn-console mirnctl mirn-virtual mirn-udev flutter-mirn-source; do
   doc=$stage/$package/usr/share/doc/$package
   mkdir -p "$doc"
   {
@@ -105,6 +110,8 @@ echo "libflutter_mirn 0 libflutter-mirn0 (>= $version)" >"$stage/libflutter-mirn
 echo "activate-noawait ldconfig" >"$stage/libflutter-mirn0/DEBIAN/triggers"
 install -m 755 "$root/packaging/debian/mirn-udev.postinst" "$stage/mirn-udev/DEBIAN/postinst"
 
+# What the plug-in's CMake file looks for, beside Flutter's own needs for Linux (compiler, CMake, Ninja, pkg-config, GTK).
+flutter_needs="libgtk-3-dev, libglib2.0-dev, libhidapi-dev, libsimpleini-dev, libturbojpeg0-dev, libudev-dev, libyuv-dev"
 package libflutter-mirn0 "$arch" libs "$(libraries -e"$(echo "$stage"/libflutter-mirn0/usr/lib/*/libflutter_mirn.so.*.*)")" \
   "plug-in library for the Mirn" <<'TEXT'
 The Mirn is a USB device that shows the screen of another computer as a video
@@ -129,17 +136,25 @@ Presses keys, types text, moves the pointer, saves the picture, reads and
 sets the information of a Mirn, upgrades its firmware, and says what is wrong
 when it does not work. Text or JSON.
 TEXT
+package mirn-virtual "$arch" utils "kmod, $(libraries -e"$stage/mirn-virtual/usr/bin/mirn-virtual")" \
+  "virtual Mirn that the kernel's own drivers see" <<'TEXT'
+Plugs virtual Mirns into this computer's kernel as USB devices, camera and
+keyboard interface, so that programs for the Mirn and any camera program can
+be tried without the hardware. Needs root and the kernel module vhci-hcd.
+TEXT
 package mirn-udev all misc "" "lets the person at the computer use a Mirn" <<'TEXT'
 A udev rule that gives whoever sits at this computer access to the keyboard
 interface and the camera of a Mirn.
 TEXT
-package flutter-mirn-source all libdevel "" "Flutter plug-in for the Mirn: sources" <<'TEXT'
+package flutter-mirn-source all libdevel "$flutter_needs" "Flutter plug-in for the Mirn: sources" <<'TEXT'
 The plug-in for the Mirn as a Flutter application for Linux takes it: name
 /usr/share/flutter-mirn as a path dependency in its pubspec.yaml.
 TEXT
 
-left=$(find "$stage/all" ! -type d ! -path '*/bin/mirn-virtual')
+left=$(find "$stage/all" ! -type d)
 [[ -z $left ]] || { echo "installed, but in no package:" >&2; echo "$left" >&2; exit 1; }
 
-lintian --fail-on error --tag-display-limit 0 "$out"/*.deb
-ls -l "$out"/*.deb
+as_root=()
+[[ $(id -u) -ne 0 ]] || as_root=(--allow-root)
+lintian "${as_root[@]}" --fail-on error,warning --tag-display-limit 0 "$out"/*.deb
+ls -l "$out"
