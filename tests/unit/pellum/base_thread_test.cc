@@ -202,7 +202,7 @@ TEST(BaseThread, WaitingForARunOnceThreadIsReportedAndChangesNothing) {
 }
 
 TEST(BaseThread, RunOnceObjectMayDeleteItselfAtItsEnd) {
-  static Gate gone;
+  static Gate& gone = *new Gate;  // never destroyed: the thread may still be leaving it when the process ends
   class SelfDeleting : public CBaseThread {
    protected:
     int ThreadLoop() override { return 0; }
@@ -218,7 +218,7 @@ TEST(BaseThread, RunOnceObjectMayDeleteItselfAtItsEnd) {
 }
 
 TEST(BaseThread, JoinableObjectMayDeleteItselfAtItsEnd) {
-  static Gate gone;
+  static Gate& gone = *new Gate;  // never destroyed: the thread may still be leaving it when the process ends
   class SelfDeleting : public CBaseThread {
    protected:
     int ThreadLoop() override { return 0; }
