@@ -51,10 +51,9 @@ MIRN_EXPORT std::string hostCaptureTopologyPath();  // of the capture node in us
 
 // What the key and pointer link has done since the process began.
 struct HostLinkStatistics {
-  bool proxy = false;           // a proxy exists
-  std::string firmwareVersion;  // the first text of the handshake of the current proxy
-  uint64_t mouseSent = 0;       // outcomes reported, by kind: those that the device took ...
-  uint64_t mouseFailed = 0;     // ... and those that it didn't
+  bool proxy = false;        // a proxy exists
+  uint64_t mouseSent = 0;    // outcomes reported, by kind: those that the device took ...
+  uint64_t mouseFailed = 0;  // ... and those that it didn't
   uint64_t keyboardSent = 0;
   uint64_t keyboardFailed = 0;
   uint64_t firmwareSent = 0;

@@ -9,7 +9,6 @@
 #include <string_view>
 #include <vector>
 
-#include "deps/pellum/thread_annotations.h"
 #include "device/key_mouse_listener.h"
 #include "platform/capture.h"
 #include "usb/usb_monitor.h"
@@ -105,8 +104,6 @@ class MirnManager : public SampleBufferDelegate {
 
  private:
   MirnManager();
-
-  void probe(HardKMProxy& proxy);
 
   // Video half's helpers.
   void storeFormats();
