@@ -68,6 +68,7 @@ TEST(Payloads, AnAnswersTextEndsAtItsNulOrWithTheAnswer) {
   EXPECT_EQ(answerText(answer, 16), "");
   EXPECT_EQ(answerText(answer, 1000), "");
   EXPECT_EQ(answerText({}, 0), "");
+  EXPECT_EQ(answerText(bytes(std::string(2048, 'x')), 10), std::string(2038, 'x')) << "no limit but the answer's end";
 }
 
 TEST(Payloads, AShortInformationAnswerReadsAsIfFollowedByZeros) {

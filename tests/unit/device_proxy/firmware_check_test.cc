@@ -132,6 +132,11 @@ TEST(FirmwareCheck, DataThatDoesNotFollowOnIsFound) {
 
 TEST(FirmwareCheck, AfterALostRecordTheNextOneIsNoGap) {
   expectOnly(file({data(0, {1}), ":01000100FF00", data(2, {3})}), FirmwareFault::kBadChecksum, 2, "checksum");
+  // But the one behind that is.
+  const FirmwareReport report = checkFirmwareText(file({data(0, {1}), ":01000100FF00", data(2, {3}), data(9, {4})}));
+  ASSERT_THAT(report.findings, SizeIs(2));
+  EXPECT_EQ(report.findings[1].fault, FirmwareFault::kGap);
+  EXPECT_EQ(report.findings[1].line, 4u);
 }
 
 TEST(FirmwareCheck, ARecordOverTheEndOfItsSegmentOrOfAllAddressesIsFound) {

@@ -196,6 +196,13 @@ TEST_F(FirmwareTest, FilesThatCannotBeReadSendNothing) {
   EXPECT_EQ(listener_.count(), 0u);
 }
 
+TEST_F(FirmwareTest, AReadErrorEndsTheUpgrade) {
+  start();
+  EXPECT_EQ(proxy_->ReqUpgradeFirmware("/proc/self/mem"), 0) << "a regular file that can't be read at its beginning";
+  EXPECT_THAT(log_.text(), HasSubstr("[ReqUpgradeFirmware] Upgrade success id=0\n")) << "on every way out";
+  EXPECT_THAT(arrived(), IsEmpty());
+}
+
 TEST_F(FirmwareTest, AFaultyHexFileSendsNothing) {
   start();
   EXPECT_EQ(proxy_->ReqUpgradeFirmware(directory_.write("a.hex", hexFile(testImage(5000), 16, "\n") + "oops\n")), 0);

@@ -3,9 +3,11 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <optional>
@@ -242,6 +244,13 @@ TEST_F(ParseHexFileTest, DestinationsThatAreNoFileOfOursAloneAreRefused) {
   std::filesystem::create_hard_link(other, destination());
   EXPECT_EQ(parse(source), -1);
   EXPECT_EQ(readFile(other), "two names");
+  std::filesystem::remove(destination());
+  if (geteuid() == 0) {
+    directory_.write("image.bin", "somebody else's");
+    ASSERT_EQ(chown(destination().c_str(), 65534, 65534), 0);
+    EXPECT_EQ(parse(source), -1);
+    EXPECT_EQ(readFile(destination()), "somebody else's");
+  }
   EXPECT_EQ(HardKMProxy::ParseHexFile(source, source), -1);
   EXPECT_EQ(readFile(source), hexFile(Bytes{1, 2}, 16, "\n"));
   EXPECT_EQ(HardKMProxy::ParseHexFile(source, directory_.path("no/such/directory")), -1);
@@ -272,6 +281,30 @@ TEST_F(ParseHexFileTest, AnUnreadableSourceIsRefused) {
   EXPECT_EQ(parse(source), -1);
   ASSERT_EQ(seteuid(before), 0);
   EXPECT_FALSE(std::filesystem::exists(destination()));
+}
+
+// A regular file by its kind, and nothing can be read at its beginning.
+constexpr char kUnreadable[] = "/proc/self/mem";
+
+TEST_F(ParseHexFileTest, AReadErrorLeavesAnEmptyImage) {
+  directory_.write("image.bin", "older");
+  EXPECT_EQ(parse(kUnreadable), -1);
+  EXPECT_EQ(image(), Bytes{});
+  expectError(std::string("Error Fail To Read, source_path=") + kUnreadable);
+}
+
+TEST_F(ParseHexFileTest, AWriteErrorLeavesAnEmptyImage) {
+  const std::string source = directory_.write("in.hex", hexFile(testImage(300000), 16, "\n"));
+  std::signal(SIGXFSZ, SIG_IGN);
+  rlimit before{};
+  getrlimit(RLIMIT_FSIZE, &before);
+  const rlimit small{100000, before.rlim_max};
+  setrlimit(RLIMIT_FSIZE, &small);
+  const int result = parse(source);
+  setrlimit(RLIMIT_FSIZE, &before);
+  EXPECT_EQ(result, -1);
+  EXPECT_EQ(image(), Bytes{});
+  expectError("hex file error! des_path=" + destination());
 }
 
 TEST_F(ParseHexFileTest, AFaultyTextLeavesAnEmptyImageAndOneLine) {

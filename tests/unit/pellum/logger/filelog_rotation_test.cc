@@ -193,6 +193,11 @@ TEST_F(Rotation, PathSetsTheFileCountToo) {
   folder.write("t.log", "old");
   log.open("t", filelog::fixed_size, false);
   EXPECT_EQ(stamped().size(), 1U);
+  log.close();
+  std::filesystem::remove(folder.file(stamped().front()));
+  log.Path(folder.c_str(), 65537);  // all 32 bits of it
+  log.open("t", filelog::fixed_size, false);
+  EXPECT_EQ(stamped().size(), 1U);
 }
 
 TEST_F(Rotation, HourlyStyleWritesIntoTheFileOfTheHour) {

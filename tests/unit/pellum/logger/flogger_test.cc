@@ -179,6 +179,13 @@ TEST_F(Flogger, RepeatedKeysTakeTheFirst) {
   EXPECT_TRUE(writes(2));
 }
 
+TEST_F(Flogger, ValuesMayStandOnLinesOfTheirOwn) {
+  load("[LOGGER]\nPATH=<<<END\n" + std::string(logs.c_str()) + "\nEND\nMASK=2\n");
+  EXPECT_FALSE(writes(1));
+  EXPECT_TRUE(log.open("t", filelog::fixed_size, false));
+  EXPECT_THAT(logs.names(), ElementsAre("t.log"));
+}
+
 TEST_F(Flogger, ValuesCanBeSetWithoutAFile) {
   log.loadcfg(logs.c_str(), 4, 1, 0);
   EXPECT_FALSE(writes(1));
