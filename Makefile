@@ -5,7 +5,7 @@ JOBS ?= $(shell nproc)
 DESTDIR ?=
 PREFIX ?= /usr/local
 
-.PHONY: help setup build test desktop-test demo bench fuzz vm-test vm-soak package install coverage lint format asan tsan clang clean
+.PHONY: help setup build test desktop-test demo bench fuzz vm-test vm-soak package package-test install coverage lint format asan tsan clang clean
 .DEFAULT_GOAL := help
 
 help:
@@ -15,7 +15,7 @@ help:
 	@echo "make bench     measure against peers, one table at the end"
 	@echo "make fuzz      every fuzzer for a minute (FUZZ_SECONDS=60)"
 	@echo "make vm-test   the whole stack on a real kernel in QEMU"
-	@echo "make package   Debian packages into build/packages"
+	@echo "make package   Debian packages into build/packages; package-test: install, run, remove them in a bare root"
 	@echo "make install   DESTDIR and PREFIX are honoured"
 	@echo "make coverage  line coverage of each room"
 	@echo "make asan tsan lint clang   the suite under sanitizers; formatting, arrows and lint; a whole clang build"
@@ -75,8 +75,11 @@ package: setup
 	@tools/setup.sh package
 	@packaging/build_packages.sh
 
+package-test: package
+	@tests/package/install_test.sh
+
 install: build
-	@DESTDIR=$(DESTDIR) cmake --install build --prefix $(PREFIX)
+	@DESTDIR='$(DESTDIR)' cmake --install build --prefix '$(PREFIX)'
 
 coverage:
 	@tools/setup.sh build test coverage
