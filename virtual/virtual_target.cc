@@ -228,7 +228,13 @@ bool VirtualTarget::renderTo(TargetFormat format, int width, int height, const F
     view = state_->view;
   }
   Painter::Size& size = painter_->updated(width, height, view);
-  const StripContent strip{next_frame_++, view.input.digest()};
+  StripContent strip{next_frame_, view.input.digest()};
+  if (still_ && last_strip_ && last_strip_->input_digest == strip.input_digest) {
+    strip = *last_strip_;
+  } else {
+    ++next_frame_;
+  }
+  last_strip_ = strip;
   size.screen.paintStrip(strip);
   std::unique_ptr<TargetEncoder>& encoder = size.encoders[static_cast<size_t>(format)];
   if (encoder == nullptr) {
@@ -272,6 +278,11 @@ std::vector<uint8_t> VirtualTarget::picture(int width, int height) {
     bytes[i] = 0xFF;
   }
   return bytes;
+}
+
+void VirtualTarget::setStill(bool still) {
+  const MutexGuard painting(paint_mutex_);
+  still_ = still;
 }
 
 uint32_t VirtualTarget::nextFrameNumber() const {

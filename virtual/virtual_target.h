@@ -8,12 +8,14 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "deps/pellum/thread_annotations.h"
+#include "virtual/frame_strip.h"
 
 namespace mirn {
 
@@ -106,6 +108,8 @@ class VirtualTarget {
   bool renderTo(TargetFormat format, int width, int height, const FrameUser& user);
   // The picture as it stands, as BGRA rows of width * 4 bytes, without taking a number (for screenshots).
   std::vector<uint8_t> picture(int width, int height);
+  // From now on frames keep the last number while the input stays the same: a picture that is still to the last pixel.
+  void setStill(bool still);
   // The number the next frame will carry.
   uint32_t nextFrameNumber() const;
 
@@ -118,6 +122,8 @@ class VirtualTarget {
   mutable Mutex paint_mutex_;
   std::unique_ptr<Painter> painter_ MIRN_GUARDED_BY(paint_mutex_);
   uint32_t next_frame_ MIRN_GUARDED_BY(paint_mutex_) = 0;
+  bool still_ MIRN_GUARDED_BY(paint_mutex_) = false;
+  std::optional<StripContent> last_strip_ MIRN_GUARDED_BY(paint_mutex_);
 };
 
 }  // namespace mirn

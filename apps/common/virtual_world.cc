@@ -55,6 +55,7 @@ VirtualWorld* VirtualWorld::create(const VirtualOptions& options, std::string* e
   world->mirn().setFaultPlan(plan);
   world->setup_.camera().setFaults(options.no_signal ? neverAPicture() : video);
   for (size_t index = 0; index < world->setup_.size(); ++index) {
+    world->target(index).setStill(options.still);
     world->follow(index);
     world->mirn(index).plug();
   }

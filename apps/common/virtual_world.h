@@ -18,6 +18,7 @@ struct VirtualOptions {
   bool denied = false;     // the camera may not be opened
   bool busy = false;       // another program holds the camera
   bool no_signal = false;  // the camera never delivers a picture
+  bool still = false;      // frames don't differ while the input stays the same
   bool mismatch = false;   // the camera that opens belongs to another device than the keyboard interface
   std::string version = "1.0.0";
   uint32_t frames_per_second = 60;

@@ -155,6 +155,8 @@ std::string Steering::state() {
                 {"info", window_.link().info().has_value()},
                 {"said", window_.said()},
                 {"picture", {window_.view().pictureWidth(), window_.view().pictureHeight()}},
+                {"format", fourCharText(hostSessionStatistics().pixelFormat)},
+                {"pictures", window_.feed().pictures()},
                 {"placement", {place.left, place.top, place.width, place.height}},
                 {"scale", window_.view().get_scale_factor()},
                 {"window", {window_.get_width(), window_.get_height()}},

@@ -258,6 +258,20 @@ TEST(VirtualTarget, OtherSizesAreRefused) {
   EXPECT_EQ(target.nextFrameNumber(), 0U);
 }
 
+TEST(VirtualTarget, AStillPictureChangesWithTheInputAlone) {
+  VirtualTarget target;
+  target.setStill(true);
+  const std::vector<uint8_t> first = target.render(TargetFormat::kYuyv, 1280, 720);
+  EXPECT_EQ(target.render(TargetFormat::kYuyv, 1280, 720), first);
+  EXPECT_EQ(target.nextFrameNumber(), 1U);
+  target.pointerAbsolute(100, 100, 0, 0);
+  EXPECT_NE(target.render(TargetFormat::kYuyv, 1280, 720), first);
+  EXPECT_EQ(target.nextFrameNumber(), 2U);
+  target.setStill(false);
+  static_cast<void>(target.render(TargetFormat::kYuyv, 1280, 720));
+  EXPECT_EQ(target.nextFrameNumber(), 3U);
+}
+
 TEST(VirtualTarget, TextFromTheDeviceIsShownHoweverOddItIs) {
   VirtualTarget target;
   target.firmware("\xFF\xFE\n\x01 a very long version text that goes on");
