@@ -60,8 +60,7 @@ bool parse(const std::vector<std::string>& arguments, Options& options, std::str
   const std::vector<Flag> flags = {{"--virtual", &options.use_virtual},       {"--steer", &options.steer},
                                    {"--virtual-unplugged", &world.unplugged}, {"--virtual-denied", &world.denied},
                                    {"--virtual-busy", &world.busy},           {"--virtual-no-signal", &world.no_signal},
-                                   {"--virtual-mismatch", &world.mismatch},
-                                   {"--virtual-still", &world.still}};
+                                   {"--virtual-mismatch", &world.mismatch},   {"--virtual-still", &world.still}};
   const std::vector<Text> texts = {{"--settings", &options.settings},
                                    {"--scenario", &options.scenario},
                                    {"--virtual-faults", &world.faults},
