@@ -3,10 +3,12 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -58,14 +60,29 @@ class KernelTest : public testing::Test {
   void SetUp() override { ASSERT_TRUE(waitFor(busIsEmpty)); }
 };
 
+// A target computer's picture, until it sleeps.
+class SleepyFrames : public FrameSource {
+ public:
+  explicit SleepyFrames(std::shared_ptr<VirtualTarget> target) : awake_(std::move(target)) {}
+  bool nextFrame(TargetFormat format, int width, int height, std::vector<uint8_t>& bytes) override {
+    return !asleep_.load() && awake_.nextFrame(format, width, height, bytes);
+  }
+  void sleep() { asleep_.store(true); }
+
+ private:
+  TargetFrames awake_;
+  std::atomic<bool> asleep_{false};
+};
+
 // One device with a target computer behind it.
 class KernelMirn {
  public:
-  explicit KernelMirn(VirtualMirnSettings settings = {}, UsbShape shape = {})
+  explicit KernelMirn(VirtualMirnSettings settings = {}, UsbShape shape = {}, std::optional<int> port = {})
       : mirn_(std::make_shared<VirtualMirn>(std::move(settings))),
         target_(std::make_shared<VirtualTarget>()),
+        frames_(std::make_shared<SleepyFrames>(target_)),
         binding_(mirn_, target_),
-        plug_({shape, std::nullopt, VhciHost()}, mirn_, std::make_shared<TargetFrames>(target_)) {}
+        plug_({shape, port, VhciHost()}, mirn_, frames_) {}
 
   void plug() {
     std::string detail;
@@ -77,10 +94,13 @@ class KernelMirn {
   VirtualMirn& mirn() { return *mirn_; }
   VirtualTarget& target() { return *target_; }
   UsbPlug& usb() { return plug_; }
+  // From now on no frame is sent any more, as from a computer that sleeps.
+  void stopPictures() { frames_->sleep(); }
 
  private:
   const std::shared_ptr<VirtualMirn> mirn_;
   const std::shared_ptr<VirtualTarget> target_;
+  const std::shared_ptr<SleepyFrames> frames_;
   const VirtualBinding binding_;
   UsbPlug plug_;
 };

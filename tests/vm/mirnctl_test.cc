@@ -6,8 +6,10 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <future>
 #include <iostream>
@@ -15,12 +17,13 @@
 #include <thread>
 #include <vector>
 
+#include "platform/capture.h"
 #include "platform/hid_functions.h"
 #include "platform/mirn_identity.h"
 #include "tests/support/png_picture.h"
+#include "tests/vm/child_program.h"
 #include "tests/vm/kernel_mirn.h"
 #include "usb/usb_scan.h"
-#include "virtual/frame_strip.h"
 
 namespace mirn {
 namespace {
@@ -32,12 +35,12 @@ struct Outcome {
 
 // `user`: 0 is root. Ended by force after 50 s.
 Outcome mirnctl(const std::string& arguments, int user = 0) {
-  const char* build = std::getenv("MIRN_VM_BUILD");
-  std::string command = std::string(build != nullptr ? build : ".") + "/bin/mirnctl " + arguments;
+  std::string command = builtFile("bin/mirnctl") + " " + arguments;
   if (user != 0) {
     const std::string number = std::to_string(user);
     command = "setpriv --reuid=" + number + " --regid=" + number + " --clear-groups " + command;
   }
+  const auto begun = std::chrono::steady_clock::now();
   FILE* pipe = ::popen(("timeout -k 2 50 " + command + " 2>&1 < /dev/null").c_str(), "r");
   Outcome outcome;
   std::array<char, 512> bytes{};
@@ -45,7 +48,9 @@ Outcome mirnctl(const std::string& arguments, int user = 0) {
     outcome.output.append(bytes.data(), count);
   const int status = ::pclose(pipe);
   outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-  std::cout << "mirnctl " << arguments << " -> " << outcome.status << "\n" << outcome.output << std::endl;
+  const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - begun);
+  std::cout << "mirnctl " << arguments << " -> " << outcome.status << " after " << took.count() << " ms\n"
+            << outcome.output << std::endl;
   return outcome;
 }
 
@@ -57,7 +62,40 @@ bool nodesThere() {
   hid_device* device = hidFunctions().open(g_vid, g_pid, nullptr);
   if (device == nullptr) return false;
   hidFunctions().close(device);
-  return ::access("/dev/video0", F_OK) == 0 || ::access("/dev/video2", F_OK) == 0;
+  const auto cameras = captureSystem().devices();
+  return std::any_of(cameras.begin(), cameras.end(),
+                     [](const auto& camera) { return camera->localizedName() == kMirnProductName; });
+}
+
+// A firmware image that names its version; where it stands.
+std::string writeFirmware(const std::string& version) {
+  const std::string file = "/tmp/firmware.bin";
+  std::ofstream(file, std::ios::binary) << std::string(40000, 'x') << "MIRN-VERSION=" << version
+                                        << std::string(1000, '\0');
+  return file;
+}
+
+// Whether a snapshot shows what has been typed on this target, and not the empty page that it had before: compared are
+// the pixels in which the two differ.
+testing::AssertionResult showsText(const PngPicture& picture, VirtualTarget& target) {
+  const std::vector<uint8_t> empty = VirtualTarget().picture(picture.width, picture.height);
+  const std::vector<uint8_t> typed = target.picture(picture.width, picture.height);
+  if (typed.size() != picture.bgra.size()) return testing::AssertionFailure() << "another size";
+  constexpr int kClear = 100;  // levels; chroma subsampling and JPEG blur less than half of that
+  size_t differing = 0;
+  size_t shown = 0;
+  // The upper half has the text and no frame number. Green stands for brightness.
+  for (size_t i = 1; i < typed.size() / 2; i += 4) {
+    if (std::abs(typed[i] - empty[i]) < kClear) continue;
+    ++differing;
+    shown += std::abs(picture.bgra[i] - typed[i]) < std::abs(picture.bgra[i] - empty[i]) ? 1 : 0;
+  }
+  constexpr size_t kLeastInk = 200;
+  if (differing < kLeastInk) return testing::AssertionFailure() << "the text has only " << differing << " pixels";
+  if (shown < differing * 95 / 100) {
+    return testing::AssertionFailure() << shown << " of " << differing << " pixels show the text";
+  }
+  return testing::AssertionSuccess();
 }
 
 class Mirnctl : public KernelTest {
@@ -95,26 +133,14 @@ TEST_F(Mirnctl, TypedTextStandsInTheTargetAndInTheSnapshot) {
   EXPECT_EQ(device_.target().text(), "Hello, Mirn 42");
   const std::string file = "/tmp/snapshot.png";
   ASSERT_EQ(mirnctl("snapshot --timeout 30000 " + file).status, 0);
-  // The strip's digest says which input the picture shows; the text area is compared with a picture of the same target.
   const PngPicture picture = readPng(file);
   ASSERT_EQ(picture.width, 1920);
-  const auto strip =
-      readStripBgra(picture.bgra.data(), picture.width, picture.height, static_cast<size_t>(picture.width) * 4);
-  ASSERT_TRUE(strip.has_value());
-  EXPECT_EQ(strip->input_digest, device_.target().inputState().digest());
-  const std::vector<uint8_t> drawn = device_.target().picture(1920, 1080);
-  size_t different = 0;
-  // The upper half has the text and no frame number; colours went through chroma subsampling and JPEG.
-  for (size_t i = 1; i < drawn.size() / 2; i += 4) {
-    if (std::abs(drawn[i] - picture.bgra[i]) > 64) ++different;
-  }
-  EXPECT_LT(different, drawn.size() / 2 / 4 / 50);
+  EXPECT_TRUE(showsText(picture, device_.target()));
 }
 
 TEST_F(Mirnctl, UpgradeBringsTheNewVersion) {
   plugIn();
-  const std::string file = "/tmp/firmware.bin";
-  std::ofstream(file, std::ios::binary) << std::string(40000, 'x') << "MIRN-VERSION=3.1.4" << std::string(1000, '\0');
+  const std::string file = writeFirmware("3.1.4");
   const Outcome upgrade = mirnctl("upgrade --expect 3.1.4 " + file);
   EXPECT_EQ(upgrade.status, 0);
   EXPECT_EQ(device_.mirn().version(), "3.1.4");
@@ -127,10 +153,10 @@ TEST_F(Mirnctl, UpgradeWithThePlugPulledIsNoUpgrade) {
   std::string error;
   ASSERT_TRUE(FaultPlan::parse("unplug-after@10/c7", &plan, &error)) << error;
   device_.mirn().setFaultPlan(plan);
-  const std::string file = "/tmp/firmware.bin";
-  std::ofstream(file, std::ios::binary) << std::string(40000, 'x') << "MIRN-VERSION=3.1.4" << std::string(1000, '\0');
+  const std::string file = writeFirmware("3.1.4");
   const Outcome upgrade = mirnctl("upgrade --replug 1 --expect 3.1.4 " + file);
-  EXPECT_NE(upgrade.status, 0);
+  EXPECT_EQ(upgrade.status, 9);
+  EXPECT_TRUE(contains(upgrade, "was unplugged after 8 of 41 chunks")) << "the first of the ten is the greeting";
   EXPECT_EQ(device_.mirn().version(), "2.0.0");
   EXPECT_EQ(device_.mirn().firmware().completed, 0U);
   device_.unplug();
@@ -155,6 +181,45 @@ TEST_F(Mirnctl, WatchSeesPluggingAndUnplugging) {
   EXPECT_GE(std::count(outcome.output.begin(), outcome.output.end(), '\n'), 2);
 }
 
+// The program mirn-virtual instead of the device in this process: what a user has who tries it all without hardware.
+class MirnctlOnProgram : public KernelTest {};
+
+TEST_F(MirnctlOnProgram, TellsTypesAndTakesAPicture) {
+  Program program({"--name=from a program", "--firmware=4.5.6"});
+  ASSERT_TRUE(program.waitForLine("ready"));
+  ASSERT_TRUE(waitFor(nodesThere));
+  const Outcome info = mirnctl("info --json");
+  EXPECT_EQ(info.status, 0);
+  EXPECT_TRUE(contains(info, "from a program"));
+  EXPECT_TRUE(contains(info, "4.5.6"));
+  EXPECT_EQ(mirnctl("type mirn").status, 0);
+  const std::string file = "/tmp/program.png";
+  ASSERT_EQ(mirnctl("snapshot --quality 720P --timeout 30000 " + file).status, 0);
+  VirtualTarget expected;
+  for (const uint8_t usage : {0x10, 0x0c, 0x15, 0x11}) {  // m i r n
+    expected.keyboard(0, std::array<uint8_t, 6>{usage});
+    expected.keyboard(0, std::array<uint8_t, 6>{});
+  }
+  ASSERT_EQ(expected.text(), "mirn");
+  const PngPicture picture = readPng(file);
+  ASSERT_EQ(picture.width, 1280);
+  EXPECT_TRUE(showsText(picture, expected));
+}
+
+TEST_F(MirnctlOnProgram, SurvivesThePulledPlugInAnUpgrade) {
+  Program program({"--firmware=1.0.0", "--faults=unplug-after@10/c7"});
+  ASSERT_TRUE(program.waitForLine("ready"));
+  ASSERT_TRUE(waitFor(nodesThere));
+  const Outcome upgrade = mirnctl("upgrade --replug 1 --expect 7.7.7 " + writeFirmware("7.7.7"));
+  EXPECT_EQ(upgrade.status, 9);
+  EXPECT_TRUE(contains(upgrade, "was unplugged after 9 of 41 chunks")) << "firmware 1.0.0 is not greeted";
+  EXPECT_TRUE(program.waitForLine("device 1: left the bus"));
+  EXPECT_EQ(program.ask("faults"), "ok");
+  EXPECT_EQ(program.ask("replug"), "ok");
+  ASSERT_TRUE(waitFor(nodesThere));
+  EXPECT_TRUE(contains(mirnctl("info --json"), "1.0.0"));
+}
+
 TEST_F(Mirnctl, DoctorFindsNothingWrongForRoot) {
   plugIn();
   EXPECT_EQ(mirnctl("doctor").status, 0);
@@ -166,6 +231,38 @@ TEST_F(Mirnctl, DoctorTellsAnOrdinaryUserThatThePermissionIsMissing) {
   const Outcome doctor = mirnctl("doctor", kNobody);
   EXPECT_EQ(doctor.status, 4);
   EXPECT_TRUE(contains(doctor, "rule")) << "the next step is the udev rule";
+}
+
+// The rule that the package installs, with the udev daemon running.
+class UdevRule : public Mirnctl {
+ protected:
+  void SetUp() override {
+    ASSERT_NO_FATAL_FAILURE(Mirnctl::SetUp());
+    std::filesystem::create_directories("/run/udev/rules.d");
+    std::filesystem::copy_file(builtFile("packaging/70-mirn.rules"), kRule);
+    ASSERT_EQ(std::system("udevadm control --reload"), 0);
+  }
+  void TearDown() override { std::filesystem::remove(kRule); }
+
+  // Whether udev has tagged a node of this class for the person at the computer.
+  static bool tagged(const std::string& node_class) {
+    for (const auto& node : std::filesystem::directory_iterator("/sys/class/" + node_class)) {
+      const std::string command = "udevadm info --query=property --path=" + node.path().string();
+      if (std::system((command + " | grep -q '^CURRENT_TAGS=.*:uaccess:'").c_str()) == 0) return true;
+    }
+    return false;
+  }
+
+  static constexpr const char* kRule = "/run/udev/rules.d/70-mirn.rules";
+};
+
+TEST_F(UdevRule, GivesBothNodesToThePersonAtTheComputer) {
+  plugIn();
+  EXPECT_TRUE(waitFor([] { return tagged("hidraw"); }));
+  EXPECT_TRUE(waitFor([] { return tagged("video4linux"); }));
+  const Outcome doctor = mirnctl("doctor");
+  EXPECT_EQ(doctor.status, 0);
+  EXPECT_TRUE(contains(doctor, kRule));
 }
 
 }  // namespace

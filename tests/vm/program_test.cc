@@ -1,10 +1,7 @@
 // The program mirn-virtual as a user runs it: commands, signals, faults, exit statuses, and that nothing stays attached
 // however it ends.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -14,103 +11,21 @@
 #include <array>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <string>
 #include <vector>
 
 #include "device/hard_key_mouse.h"
+#include "platform/capture.h"
 #include "platform/hid_functions.h"
 #include "platform/mirn_identity.h"
+#include "tests/vm/child_program.h"
 #include "tests/vm/kernel_mirn.h"
 #include "usb/usb_scan.h"
 #include "virtual/usb/vhci_host.h"
 
 namespace mirn {
 namespace {
-
-std::string programPath() {
-  const char* build = std::getenv("MIRN_VM_BUILD");
-  return std::string(build != nullptr ? build : ".") + "/bin/mirn-virtual";
-}
-
-// A child with pipes to its standard streams.
-class Program {
- public:
-  explicit Program(std::vector<std::string> arguments, uid_t user = 0) {
-    std::array<int, 2> input{};
-    std::array<int, 2> output{};
-    EXPECT_EQ(::pipe2(input.data(), O_CLOEXEC), 0);
-    EXPECT_EQ(::pipe2(output.data(), O_CLOEXEC), 0);
-    arguments.insert(arguments.begin(), programPath());
-    child_ = ::fork();
-    if (child_ == 0) {
-      ::dup2(input[0], STDIN_FILENO);
-      ::dup2(output[1], STDOUT_FILENO);
-      ::dup2(output[1], STDERR_FILENO);
-      if (user != 0 && ::setuid(user) != 0) ::_exit(99);
-      std::vector<char*> raw;
-      for (std::string& argument : arguments) raw.push_back(argument.data());
-      raw.push_back(nullptr);
-      ::execv(raw[0], raw.data());
-      ::_exit(98);
-    }
-    ::close(input[0]);
-    ::close(output[1]);
-    input_ = input[1];
-    output_ = output[0];
-  }
-  ~Program() {
-    if (child_ > 0) {
-      ::kill(child_, SIGKILL);
-      wait();
-    }
-    ::close(input_);
-    ::close(output_);
-  }
-  Program(const Program&) = delete;
-  Program& operator=(const Program&) = delete;
-
-  // The next line, "" at the end or when none comes within 20 s.
-  std::string line() {
-    for (;;) {
-      const size_t end = buffer_.find('\n');
-      if (end != std::string::npos) {
-        const std::string text = buffer_.substr(0, end);
-        buffer_.erase(0, end + 1);
-        return text;
-      }
-      pollfd wait{output_, POLLIN, 0};
-      std::array<char, 512> bytes{};
-      if (::poll(&wait, 1, 20000) <= 0) return "";
-      const ssize_t count = ::read(output_, bytes.data(), bytes.size());
-      if (count <= 0) return "";
-      buffer_.append(bytes.data(), static_cast<size_t>(count));
-    }
-  }
-  bool waitForLine(const std::string& wanted) {
-    for (std::string text = line(); !text.empty(); text = line()) {
-      if (text.find(wanted) != std::string::npos) return true;
-    }
-    return false;
-  }
-  std::string ask(const std::string& command) {
-    const std::string text = command + "\n";
-    EXPECT_EQ(::write(input_, text.data(), text.size()), static_cast<ssize_t>(text.size()));
-    return line();
-  }
-  void send(int signal) { ::kill(child_, signal); }
-  // Its exit status, or minus the signal that ended it.
-  int wait() {
-    int status = 0;
-    ::waitpid(std::exchange(child_, -1), &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-  }
-
- private:
-  pid_t child_ = -1;
-  int input_ = -1;
-  int output_ = -1;
-  std::string buffer_;
-};
 
 bool nothingAttached() {
   const std::vector<VhciPort> ports = VhciHost().ports();
@@ -244,6 +159,56 @@ TEST_F(ProgramTest, TakesCommandsOnASocketToo) {
   EXPECT_NE(::access(path.c_str(), F_OK), 0);
   ::close(connection);
 }
+
+// The test pattern's frame with this number.
+std::vector<uint8_t> pattern(uint32_t number) {
+  TestPattern source;
+  std::vector<uint8_t> frame;
+  for (uint32_t i = 0; i <= number; ++i) source.nextFrame(TargetFormat::kYuyv, 1280, 720, frame);
+  return frame;
+}
+
+class ProgramPictures : public KernelTest, public testing::WithParamInterface<const char*> {};
+
+// A camera program that knows nothing of a Mirn.
+TEST_P(ProgramPictures, ReachAnyCameraProgram) {
+  Program program({"--picture=pattern", GetParam()});
+  ASSERT_TRUE(program.waitForLine("ready"));
+  std::string node;
+  ASSERT_TRUE(waitFor([&] {
+    for (const auto& device : captureSystem().devices()) {
+      if (device->localizedName() == kMirnProductName) node = device->nodeName();
+    }
+    return !node.empty();
+  }));
+  const std::string file = "/tmp/frames.yuyv";
+  const std::string command = "timeout 40 v4l2-ctl -d " + node +
+                              " --set-fmt-video=width=1280,height=720,pixelformat=YUYV --stream-mmap"
+                              " --stream-count=3 --stream-to=" +
+                              file;
+  EXPECT_EQ(std::system(command.c_str()), 0);
+  constexpr size_t kFrameBytes = size_t{1280} * 720 * 2;
+  std::vector<uint8_t> frame(kFrameBytes);
+  std::ifstream frames(file, std::ios::binary);
+  uint32_t before = 0;
+  for (int i = 0; i < 3; ++i) {
+    ASSERT_TRUE(frames.read(reinterpret_cast<char*>(frame.data()), kFrameBytes)) << "frame " << i;
+    const uint32_t number = TestPattern::numberIn(TargetFormat::kYuyv, frame);
+    if (i > 0) {
+      EXPECT_GT(number, before);
+    }
+    before = number;
+    EXPECT_TRUE(frame == pattern(number)) << "frame " << i << " is not whole";
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, ProgramPictures,
+                         testing::Values("--transfer=bulk", "--transfer=isochronous", "--speed=super"),
+                         [](const auto& option) {
+                           std::string name = option.param;
+                           name.erase(0, name.find('=') + 1);
+                           return name;
+                         });
 
 TEST_F(ProgramTest, AnOrdinaryUserCannotOpenTheNodeWithoutARule) {
   Program program({});

@@ -1,10 +1,13 @@
 // Pictures through the kernel's video driver: each format and size, told apart by the strip of pixels in the picture.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <condition_variable>
 #include <cstdlib>
+#include <fstream>
 #include <mutex>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -34,6 +37,7 @@ class StripReader : public SampleBufferDelegate {
     const SeenFrame frame{strip ? strip->frame_number : 0, picture.width(), picture.height()};
     picture.unlockBaseAddress(kPixelBufferLockReadOnly);
     const std::lock_guard guard(mutex_);
+    newest_ = sample.imageBuffer;
     strip ? frames_.push_back(frame) : static_cast<void>(++unreadable_);
     changed_.notify_all();
   }
@@ -47,6 +51,10 @@ class StripReader : public SampleBufferDelegate {
     const std::lock_guard guard(mutex_);
     return std::exchange(frames_, {});
   }
+  PixelBufferRef newest() {
+    const std::lock_guard guard(mutex_);
+    return newest_;
+  }
   int unreadable() {
     const std::lock_guard guard(mutex_);
     return unreadable_;
@@ -56,6 +64,7 @@ class StripReader : public SampleBufferDelegate {
   std::mutex mutex_;
   std::condition_variable changed_;
   std::vector<SeenFrame> frames_;
+  PixelBufferRef newest_;
   int unreadable_ = 0;
 };
 
@@ -187,6 +196,96 @@ INSTANTIATE_TEST_SUITE_P(Each, VideoPictures,
                                          PictureCase{"IsochronousMjpg1080", kHighIsochronous, kCaptureMjpg, 1920}),
                          [](const auto& picture) { return picture.param.name; });
 
+// Some pixels (as offsets) in the middle of one colour: no other one within a JPEG block or a pair of subsampled
+// chroma.
+std::vector<size_t> flatPixels(const std::vector<uint8_t>& bgra, int width, int height) {
+  constexpr int kReachX = 16;
+  constexpr int kReachY = 8;
+  const auto pixels = reinterpret_cast<const uint32_t*>(bgra.data());
+  const auto isFlat = [&](int x, int y) {
+    const uint32_t colour = pixels[y * width + x];
+    for (int row = y - kReachY; row <= y + kReachY; ++row) {
+      const uint32_t* begin = pixels + row * width + x - kReachX;
+      if (std::any_of(begin, begin + 2 * kReachX + 1, [&](uint32_t other) { return other != colour; })) return false;
+    }
+    return true;
+  };
+  std::vector<size_t> flat;
+  constexpr int kStep = 3;
+  for (int y = kReachY; y < height - kReachY; y += kStep) {
+    for (int x = kReachX; x < width - kReachX; x += kStep) {
+      if (isFlat(x, y)) flat.push_back(static_cast<size_t>(y * width + x) * 4);
+    }
+  }
+  return flat;
+}
+
+class VideoColours : public VideoTest, public testing::WithParamInterface<FourCharCode> {
+ protected:
+  static constexpr int kWidth = 1920;
+  static constexpr int kHeight = 1080;
+
+  // Clicks leave discs of 24 pixels, of a colour for each button. Eight of them, overlapping, make a bar.
+  void paintBar(int left, int top, uint8_t button) {
+    constexpr int kStep = 6;  // pixels
+    for (int i = 0; i < 8; ++i) {
+      const int x = (left + i * kStep) * kTargetFullScale / kWidth;
+      const int y = top * kTargetFullScale / kHeight;
+      device_->target().pointerAbsolute(x, y, button, 0);
+      device_->target().pointerAbsolute(x, y, 0, 0);
+    }
+    device_->target().pointerAbsolute(kTargetFullScale, kTargetFullScale, 0, 0);
+  }
+};
+
+// The device says which matrix its pixels are made with; with the other one red would be 14 levels off.
+TEST_P(VideoColours, AreTheTargetsOwn) {
+  const int tolerance = GetParam() == kCaptureMjpg ? 8 : 3;  // levels, of 255
+  ASSERT_NO_FATAL_FAILURE(plug());
+  paintBar(450, 420, kTargetLeftButton);
+  paintBar(750, 420, kTargetMiddleButton);
+  const auto camera = findMirn();
+  Capture capture(camera);
+  ASSERT_TRUE(capture.choose(findFormat(*camera, GetParam(), kWidth)));
+  ASSERT_TRUE(capture.start());
+  ASSERT_TRUE(capture.reader().waitForFrames(1));
+  const PixelBufferRef picture = capture.reader().newest();
+  const std::vector<uint8_t> drawn = device_->target().picture(kWidth, kHeight);
+  picture->lockBaseAddress(kPixelBufferLockReadOnly);
+  size_t red = 0;
+  size_t blue = 0;
+  int worst = 0;
+  // The upper half has no frame number.
+  for (const size_t pixel : flatPixels(drawn, kWidth, kHeight / 2)) {
+    const size_t row = pixel / (size_t{kWidth} * 4);
+    const uint8_t* seen = picture->baseAddress() + row * picture->bytesPerRow() + pixel % (size_t{kWidth} * 4);
+    const uint8_t* wanted = &drawn[pixel];
+    red += wanted[2] > wanted[0] + 120 ? 1 : 0;
+    blue += wanted[0] > wanted[2] + 120 ? 1 : 0;
+    for (int i = 0; i < 3; ++i) worst = std::max(worst, std::abs(seen[i] - wanted[i]));
+  }
+  picture->unlockBaseAddress(kPixelBufferLockReadOnly);
+  EXPECT_LE(worst, tolerance);
+  EXPECT_GT(red, 5U);
+  EXPECT_GT(blue, 5U);
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, VideoColours, testing::Values(kCaptureYuyv, kCaptureNv12, kCaptureMjpg),
+                         [](const auto& format) {
+                           return format.param == kCaptureYuyv   ? "Yuyv"
+                                  : format.param == kCaptureNv12 ? "Nv12"
+                                                                 : "Mjpg";
+                         });
+
+TEST_F(VideoTest, DriverNamesTheMatrixThatThePixelsAreMadeWith) {
+  ASSERT_NO_FATAL_FAILURE(plug());
+  const std::string file = "/tmp/format.txt";
+  ASSERT_EQ(std::system(("v4l2-ctl -d " + findMirn()->nodeName() + " --get-fmt-video > " + file).c_str()), 0);
+  std::stringstream text;
+  text << std::ifstream(file).rdbuf();
+  EXPECT_NE(text.str().find("ITU-R 601"), std::string::npos) << text.str();
+}
+
 TEST_F(VideoTest, QualitySwitchesWhileStreaming) {
   ASSERT_NO_FATAL_FAILURE(plug());
   const auto camera = findMirn();
@@ -194,7 +293,7 @@ TEST_F(VideoTest, QualitySwitchesWhileStreaming) {
   ASSERT_TRUE(capture.choose(findFormat(*camera, kCaptureMjpg, 1920)));
   ASSERT_TRUE(capture.start());
   for (const int width : {1280, 1920, 1280}) {
-    ASSERT_TRUE(capture.reader().waitForFrames(2));
+    ASSERT_TRUE(capture.reader().waitForFrames(1));
     ASSERT_TRUE(capture.choose(findFormat(*camera, kCaptureMjpg, width)));
     capture.reader().takeFrames();
     ASSERT_TRUE(capture.reader().waitForFrames(2));
@@ -220,8 +319,10 @@ TEST_F(VideoTest, AnotherProgramCannotChangeALockedFormat) {
   camera->unlockForConfiguration();
 }
 
-TEST_F(VideoTest, UnpluggingEndsTheSessionAndTheNextPluggingWorks) {
-  ASSERT_NO_FATAL_FAILURE(plug());
+class VideoUnplugging : public VideoTest, public testing::WithParamInterface<VideoTransfer> {};
+
+TEST_P(VideoUnplugging, EndsTheSessionAndTheNextPluggingWorks) {
+  ASSERT_NO_FATAL_FAILURE(plug({UsbSpeed::kHigh, GetParam()}));
   for (int round = 0; round < 2; ++round) {
     ASSERT_TRUE(waitFor([] { return findMirn() != nullptr; }));
     const auto camera = findMirn();
@@ -230,10 +331,29 @@ TEST_F(VideoTest, UnpluggingEndsTheSessionAndTheNextPluggingWorks) {
     ASSERT_TRUE(capture.start());
     ASSERT_TRUE(capture.reader().waitForFrames(2));
     device_->unplug();
-    EXPECT_TRUE(waitFor([&] { return !capture.session().isRunning(); })) << "while a frame is being waited for";
+    EXPECT_TRUE(waitFor([&] { return !capture.session().isRunning(); }));
     EXPECT_NE(capture.session().statistics().stopCode, 0);
     device_->plug();
   }
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, VideoUnplugging, testing::Values(VideoTransfer::kBulk, VideoTransfer::kIsochronous),
+                         [](const auto& transfer) {
+                           return transfer.param == VideoTransfer::kBulk ? "Bulk" : "Isochronous";
+                         });
+
+TEST_F(VideoTest, UnpluggingEndsTheWaitForAFrameThatDoesNotCome) {
+  ASSERT_NO_FATAL_FAILURE(plug());
+  const auto camera = findMirn();
+  Capture capture(camera);
+  ASSERT_TRUE(capture.choose(findFormat(*camera, kCaptureMjpg, 1280)));
+  device_->stopPictures();
+  ASSERT_TRUE(capture.start());
+  EXPECT_TRUE(capture.session().isRunning());
+  device_->unplug();
+  EXPECT_TRUE(waitFor([&] { return !capture.session().isRunning(); }));
+  EXPECT_NE(capture.session().statistics().stopCode, 0);
+  EXPECT_EQ(capture.reader().takeFrames().size(), 0U);
 }
 
 TEST_F(VideoTest, KeyPressShowsInThePicture) {

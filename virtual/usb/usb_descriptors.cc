@@ -73,7 +73,7 @@ void frame(LittleEndianWriter& out, uint8_t subtype, const VideoSetting& setting
   for (const uint32_t interval : kFrameIntervals) out.u32(interval);
 }
 
-// BT.709 primaries and transfer, BT.601 matrix: what a webcam says.
+// BT.709 primaries and transfer, and the BT.601 matrix that the frames are made with.
 void colourMatching(LittleEndianWriter& out) {
   out.u8(6).u8(kClassInterface).u8(0x0d).u8(1).u8(1).u8(4);
 }

@@ -78,6 +78,23 @@ TEST(UsbDescriptorsTest, ClassSpecificTotalsAreRight) {
   EXPECT_EQ(streaming, streaming_said);
 }
 
+TEST(UsbDescriptorsTest, EachFormatNamesTheMatrixOfItsPixels) {
+  for (const UsbShape& shape : kShapes) {
+    size_t formats = 0;
+    std::vector<std::vector<uint8_t>> colours;
+    for (const auto& part : split(configurationDescriptor(shape))) {
+      if (part[1] != 0x24) continue;
+      if (part.size() == 27 || part.size() == 11) ++formats;
+      if (part.size() == 6) {
+        EXPECT_EQ(colours.size() + 1, formats) << "it stands behind its format's frames";
+        colours.push_back(part);
+      }
+    }
+    // Primaries and transfer of BT.709, as displays have them; the matrix is number 4, that of BT.601.
+    EXPECT_EQ(colours, std::vector<std::vector<uint8_t>>(3, {6, 0x24, 0x0d, 1, 1, 4}));
+  }
+}
+
 TEST(UsbDescriptorsTest, EndpointsAreWhereTheDriversLook) {
   const auto endpoints = [](const UsbShape& shape) {
     std::vector<std::vector<uint8_t>> found;
