@@ -320,6 +320,10 @@ TEST_F(ProtocolParse, AForeignPopIsCalledForEveryByte) {
   EXPECT_TRUE(parse(frame));
   EXPECT_EQ(calls, static_cast<int>(frame.size()));
   EXPECT_FALSE(parse());
+  // The largest body, and one byte more.
+  EXPECT_EQ(parse(pack(7, Bytes(2048, 0x42)))->payload, Bytes(2048, 0x42));
+  EXPECT_FALSE(parse(pack(7, Bytes(2049, 0x42))));
+  EXPECT_TRUE(parse(pack(7, {1})));
 }
 
 // Hostile and sound bytes in any mixture, cut anywhere, in a small ring that wraps: the same frames as the plain

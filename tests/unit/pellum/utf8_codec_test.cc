@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace mirn {
@@ -169,6 +170,32 @@ TEST(Utf8Codec, SizesLongTextsOfEveryKind) {
   for (unsigned kinds = 1; kinds <= 7; ++kinds) {
     const std::wstring text = randomText(random, 200003, kinds);
     EXPECT_EQ(utf8Size(text.data(), text.size()), utf8Size(text.data(), text.size(), Utf8Way::kPlain));
+  }
+}
+
+// A size that is too small would be a write beyond the end.
+TEST(Utf8Codec, SizesTextsAtEachBoundary) {
+  const std::pair<uint32_t, size_t> sizes[] = {{0x7F, 1},       {0x80, 2},       {0x7FF, 2},     {0x800, 3},
+                                               {0xFFFF, 3},     {0x10000, 4},    {0x1FFFFF, 4},  {0x200000, 5},
+                                               {0x3FFFFF, 5},   {0x400000, 5},   {0x3FFFFFF, 5}, {0x4000000, 6},
+                                               {0x7FFFFFFF, 6}, {0x80000000, 1}, {0xFFFFFFFF, 1}};
+  for (const auto& [unit, size] : sizes) {
+    for (const size_t length : {1, 8, 100}) {
+      const std::wstring text(length, static_cast<wchar_t>(unit));
+      EXPECT_EQ(utf8Size(text.data(), length), length * size) << std::hex << unit;
+      EXPECT_EQ(utf8Size(text.data(), length, Utf8Way::kPlain), length * size) << std::hex << unit;
+      EXPECT_EQ(encoded(text, Utf8Way::kBest), modelEncoded(text)) << std::hex << unit;
+    }
+  }
+}
+
+TEST(Utf8Codec, CountsTheLeadsOfLongTexts) {
+  for (const size_t length : {8191, 8192, 8223, 100000}) {
+    const std::string text(length, 'a');
+    EXPECT_EQ(utf8CountLeads(text.data(), length), length);
+    EXPECT_EQ(utf8CountLeads(text.data(), length, Utf8Way::kPlain), length);
+    const std::string continuations(length, '\x80');
+    EXPECT_EQ(utf8CountLeads(continuations.data(), length), 0U);
   }
 }
 

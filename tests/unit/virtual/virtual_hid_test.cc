@@ -82,6 +82,7 @@ TEST_F(VirtualHidTest, AnExchange) {
   EXPECT_EQ(buffer_[0], 0xAA);
   EXPECT_GT(clock().now(), start) << "the answer took its time";
   EXPECT_LT(clock().now(), start + 10ms);
+  EXPECT_EQ(first_->counters().stray_bytes, 0U) << "the report number stays behind";
   hid_.close(device);
 }
 
