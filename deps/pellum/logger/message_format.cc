@@ -62,11 +62,11 @@ struct Arguments {
 
 enum class Step { kDone, kMessageEnds, kNotHere };
 
-// `spec` stands behind the '%' and is moved behind the conversion.
-Step putConversion(MessageWriter& out, const char*& spec, Arguments& arguments) {
-  const bool is_long = *spec == 'l' || *spec == 'z';  // size_t is as wide as unsigned long
-  spec += is_long ? 1 : 0;
-  switch (*spec++) {
+// `conversion` stands behind the '%' and is moved behind the conversion.
+Step putConversion(MessageWriter& out, const char*& conversion, Arguments& arguments) {
+  const bool is_long = *conversion == 'l' || *conversion == 'z';  // size_t is as wide as unsigned long
+  conversion += is_long ? 1 : 0;
+  switch (*conversion++) {
     case 'd':
       out.putNumber(is_long ? va_arg(arguments.list, long) : long{va_arg(arguments.list, int)});
       return Step::kDone;
