@@ -29,7 +29,7 @@ class TextureRegistry {
   virtual ~TextureRegistry() = default;
 
   // The registry keeps the texture until it is unregistered. The id is positive, and not given again while it is in
-  // use.
+  // use. 0: the engine takes no textures now (it hasn't started, or it is gone), and nothing was kept.
   virtual int64_t registerTexture(std::shared_ptr<ExternalTexture> texture) = 0;
   // An unknown id is ignored.
   virtual void textureFrameAvailable(int64_t id) = 0;

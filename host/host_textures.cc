@@ -18,11 +18,12 @@ Engine::Registry::~Registry() {
 }
 
 int64_t Engine::Registry::registerTexture(std::shared_ptr<ExternalTexture> texture) {
-  const int64_t id = g_next_texture_id.fetch_add(1);
   const MutexGuard guard(mutex_);
-  if (!stopping_) {
-    entries_[id].texture = std::move(texture);
+  if (stopping_) {
+    return 0;
   }
+  const int64_t id = g_next_texture_id.fetch_add(1);
+  entries_[id].texture = std::move(texture);
   return id;
 }
 

@@ -298,7 +298,7 @@ void FlutterMirnPluginCApi::releaseTexture() {}
 int64_t FlutterMirnPluginCApi::createTexture() {
   std::shared_ptr<MirnTexture> texture = MirnTexture::init();
   const int64_t id = textures_->registerTexture(texture);
-  insertTexture(id, std::move(texture), textures_);
+  if (id != 0) insertTexture(id, std::move(texture), textures_);  // 0: refused, and nobody would ever draw it
   return id;
 }
 

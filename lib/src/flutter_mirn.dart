@@ -26,8 +26,8 @@ class FlutterMirn {
 
   // ---- the picture ----
 
-  /// Makes a texture and answers its id, for `Texture(textureId: ...)`. Every
-  /// texture shows the same picture.
+  /// Makes a texture and answers its id, for `Texture(textureId: ...)`; 0 when
+  /// the engine takes no textures now. Every texture shows the same picture.
   ///
   /// It lives until [destroyTexture].
   Future<int> createTexture() async =>

@@ -1,7 +1,12 @@
 // Every command of both plug-ins, through the Flutter Linux adapter.
 #include <flutter_mirn/flutter_mirn_plugin.h>
 
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
 #include "plugin_fixture.h"
+#include "tests/unit/device_proxy/hex_text.h"
 
 namespace mirn {
 namespace {
@@ -36,6 +41,47 @@ TEST_F(FlutterChannel, EveryCommandAnswersWithADevice) {
   EXPECT_EQ(call("getUpgradeProgress").kind, CallOutcome::Kind::kSuccess);
   EXPECT_TRUE(runLoopUntil([&] { return setup_.target().text() == "a"; }, kPatience));
   expectNull(call("release"));
+}
+
+// An application's whole upgrade: HEX file in, progress, the new version by a new handshake.
+TEST_F(FlutterChannel, AnUpgradeGoesThrough) {
+  const std::string folder = testing::TempDir() + "flutter_upgrade" + std::to_string(getpid()) + "/";
+  std::filesystem::create_directory(folder);
+  setenv("TMPDIR", folder.c_str(), 1);
+  std::vector<uint8_t> image = testImage(3000);
+  constexpr std::string_view kMark = "MIRN-VERSION=2.1.0";
+  std::copy(kMark.begin(), kMark.end(), image.begin());
+  image[kMark.size()] = 0;
+  std::ofstream(folder + "image.hex") << hexFile(image, 16, "\r\n");
+
+  ASSERT_TRUE(call("initKmProxy").asBool());
+  EXPECT_EQ(call("getMirnDevInfo").at(3), Value("1.0.0"));
+  ASSERT_TRUE(call("open").asBool());
+  EXPECT_EQ(call("reqUpgradeFirmware", {{"path", Value(folder + "image.hex")}}).value, Value(int32_t{1}));
+  EXPECT_TRUE(runLoopUntil([&] { return setup_.mirn().firmware().completed == 1; }, kPatience));
+  // The number of the last chunk, and how many there were.
+  EXPECT_TRUE(runLoopUntil(
+      [&] {
+        const CallOutcome progress = call("getUpgradeProgress");
+        return progress.at(size_t{0}) == Value(int32_t{2}) && progress.at(size_t{1}) == Value(int32_t{3});
+      },
+      kPatience));
+  image.resize(3 * 1024);
+  EXPECT_EQ(setup_.mirn().firmware().image, image);
+  // The picture's configuration is free again.
+  EXPECT_TRUE(call("setVideoQuality", {{"quality", Value("1080P")}}).asBool());
+  EXPECT_EQ(setup_.camera().configurationLocks(), 0);
+  ASSERT_TRUE(call("initKmProxy").asBool());
+  EXPECT_EQ(call("getMirnDevInfo").at(3), Value("2.1.0"));
+  unsetenv("TMPDIR");
+  std::filesystem::remove_all(folder);
+}
+
+TEST_F(FlutterChannel, AnUpgradeThatFailsSaysSo) {
+  EXPECT_EQ(call("reqUpgradeFirmware", {{"path", Value("/nonexistent.hex")}}).value, Value(int32_t{-4}));
+  ASSERT_TRUE(call("initKmProxy").asBool());
+  EXPECT_EQ(call("reqUpgradeFirmware", {{"path", Value("/nonexistent.hex")}}).value, Value(int32_t{0}));
+  EXPECT_EQ(setup_.mirn().firmware().completed, 0U);
 }
 
 TEST_F(FlutterChannel, EveryCommandAnswersWithoutADevice) {

@@ -151,6 +151,27 @@ TEST_F(FlutterTexture, TexturesOutliveTheirEngineHarmlessly) {
   drainLoop();
 }
 
+// A registrant that an older template calls early: the engine refuses, and what it refused holds on to no picture.
+TEST_F(FlutterTexture, BeforeTheEngineHasStartedThereIsNoTexture) {
+  engine_ = std::make_unique<StandinEngine>(false);
+  fl_register_plugins(engine_->registry());
+  openCamera();
+  const CallOutcome refused = call("createTexture");
+  EXPECT_EQ(refused.value, Value(int64_t{0}));
+  EXPECT_EQ(call("createTexture").asInt(-1), 0);
+  playFrame();
+  playFrame();
+  flutter_mirn_destroy_texture(0);
+  engine().start();
+  const int64_t id = createTexture();
+  EXPECT_NE(id, 0);
+  EXPECT_EQ(engine().textures(), 1U);
+  playFrame();
+  EXPECT_TRUE(engine().paint(id).drawn);
+  mainQueue().post([id] { flutter_mirn_destroy_texture(id); });
+  EXPECT_TRUE(runLoopUntil([&] { return engine().textures() == 0; }, kPatience));
+}
+
 TEST_F(FlutterTexture, TexturesComeAndGoWhileFramesAreDrawn) {
 #ifdef MIRN_SANITIZED
   constexpr int kRounds = 10;

@@ -42,6 +42,7 @@ struct StandinCore : std::enable_shared_from_this<StandinCore> {
   std::map<int64_t, Texture> textures;
   std::deque<std::function<void()>> raster_tasks;
   bool stopping = false;
+  bool started = false;
   bool running = true;  // false from shutdown on
   std::function<void()> looked_up;
   std::function<void()> returned;
@@ -221,9 +222,10 @@ struct StandinTexturesClass {
   GObjectClass parent_class;
 };
 
+// Null before the engine has started, and after its end.
 static std::shared_ptr<StandinCore> runningCore(FlTextureRegistrar* registrar) {
   std::shared_ptr<StandinCore> core = reinterpret_cast<StandinTextures*>(registrar)->core->lock();
-  return core != nullptr && core->running ? core : nullptr;
+  return core != nullptr && core->started && core->running ? core : nullptr;
 }
 
 // The id is the object's address.
@@ -473,7 +475,8 @@ void StandinCore::shutdownTextures() {
   }
 }
 
-StandinEngine::StandinEngine() : core_(std::make_shared<StandinCore>()) {
+StandinEngine::StandinEngine(bool started) : core_(std::make_shared<StandinCore>()) {
+  core_->started = started;
   auto* messenger = static_cast<StandinMessenger*>(g_object_new(standin_messenger_get_type(), nullptr));
   auto* textures = static_cast<StandinTextures*>(g_object_new(standin_textures_get_type(), nullptr));
   auto* registry = static_cast<StandinRegistry*>(g_object_new(standin_registry_get_type(), nullptr));
@@ -490,6 +493,10 @@ StandinEngine::~StandinEngine() {
 
 FlPluginRegistry* StandinEngine::registry() {
   return core_->registry;
+}
+
+void StandinEngine::start() {
+  core_->started = true;
 }
 
 void StandinEngine::shutdown() {
@@ -561,13 +568,18 @@ void StandinEngine::setPaintHooks(std::function<void()> looked_up, std::function
 }
 
 void watchGlibLog() {
-  g_log_set_writer_func(
-      [](GLogLevelFlags level, const GLogField* fields, gsize count, gpointer) {
-        g_criticals += (level & G_LOG_LEVEL_CRITICAL) != 0 ? 1 : 0;
-        g_warnings += (level & G_LOG_LEVEL_WARNING) != 0 ? 1 : 0;
-        return g_log_writer_standard_streams(level, fields, count, nullptr);
-      },
-      nullptr, nullptr);
+  static std::once_flag installed;  // GLib takes a writer once in a process
+  std::call_once(installed, [] {
+    g_log_set_writer_func(
+        [](GLogLevelFlags level, const GLogField* fields, gsize count, gpointer) {
+          g_criticals += (level & G_LOG_LEVEL_CRITICAL) != 0 ? 1 : 0;
+          g_warnings += (level & G_LOG_LEVEL_WARNING) != 0 ? 1 : 0;
+          return g_log_writer_standard_streams(level, fields, count, nullptr);
+        },
+        nullptr, nullptr);
+  });
+  g_criticals = 0;
+  g_warnings = 0;
 }
 
 uint64_t glibCriticals() {

@@ -32,13 +32,15 @@ class StandinEngine {
   using Reply = std::function<void(const std::optional<MessageBytes>& reply)>;
   using DartHandler = std::function<MessageBytes(const MessageBytes& message)>;
 
-  StandinEngine();
+  // Messages are delivered either way; textures are refused until start() unless it has `started`.
+  explicit StandinEngine(bool started = true);
   ~StandinEngine();  // shuts down
   StandinEngine(const StandinEngine&) = delete;
   StandinEngine& operator=(const StandinEngine&) = delete;
 
   // Borrowed.
   FlPluginRegistry* registry();
+  void start();
   // Joins the raster thread, calls the handlers' destroy notifies, drops the textures: in this order.
   void shutdown();
 
@@ -67,7 +69,8 @@ class StandinEngine {
   std::shared_ptr<struct StandinCore> core_;
 };
 
-// Counts lines of GLib's log from now on, by level; the lines still appear. Process-wide, any thread.
+// Counts lines of GLib's log from now on, by level, beginning with none; the lines still appear. Process-wide, any
+// thread.
 void watchGlibLog();
 uint64_t glibCriticals();
 uint64_t glibWarnings();

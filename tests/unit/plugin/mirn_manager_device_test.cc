@@ -13,12 +13,14 @@
 
 #include "device/hard_km_proxy.h"
 #include "platform/mirn_identity.h"
+#include "plugin/flutter_mirn_plugin_c_api.h"
 #include "plugin/mirn_global.h"
 #include "plugin/mirn_manager.h"
 #include "tests/support/video/log_capture.h"
 #include "tests/unit/usb/process_counts.h"
 #include "tests/unit/usb/quick_clock.h"
 #include "tests/unit/usb/usb_registry_double.h"
+#include "video/mirn_texture.h"
 #include "virtual/virtual_setup.h"
 
 namespace mirn {
@@ -175,6 +177,31 @@ TEST_F(ManagerDeviceTest, AnExceptionWhileTheInformationIsReadIsLoggedAndTheList
             (std::vector<std::string>{"GetDevInfo exception: made to fail", "GetDevInfo unknown exception"}));
   g_write_throws = Throw::kNothing;
   EXPECT_EQ(manager().getMirnDevInfo().size(), 4U) << "the proxy is kept";
+}
+
+// ---- the plug-in's textures
+
+class RefusingRegistry final : public TextureRegistry {
+ public:
+  int64_t registerTexture(std::shared_ptr<ExternalTexture> texture) override {
+    refused = std::move(texture);
+    return 0;
+  }
+  void textureFrameAvailable(int64_t /*id*/) override { ADD_FAILURE() << "nothing was registered"; }
+  void unregisterTexture(int64_t /*id*/) override { ADD_FAILURE() << "nothing was registered"; }
+
+  std::weak_ptr<ExternalTexture> refused;
+};
+
+TEST_F(ManagerDeviceTest, ATextureThatTheEngineRefusesIsNotKept) {
+  const auto registry = std::make_shared<RefusingRegistry>();
+  EXPECT_EQ(FlutterMirnPluginCApi::initWithTextures(registry)->createTexture(), 0);
+  EXPECT_TRUE(registry->refused.expired());
+  std::vector<int64_t> ids;
+  liveTextureIds(ids);
+  EXPECT_TRUE(ids.empty());
+  updateTexture(0, PixelBuffer::create(4, 4, kPixelFormatBGRA));
+  destroyTexture(0);
 }
 
 // ---- firmware
