@@ -18,8 +18,8 @@ mkdir -p "$root/tmp/.X11-unix" "$root/tmp/console"
 mount --bind /tmp/.X11-unix "$root/tmp/.X11-unix"
 
 coproc CONSOLE {
-  exec chroot "$root" /usr/bin/env -i PATH=/usr/bin:/bin HOME=/tmp/console LC_ALL=C.UTF-8 DISPLAY=":$display" \
-    GSETTINGS_BACKEND=memory mirn-console --virtual --steer --settings /tmp/console/settings.ini 2>"$root/tmp/console/errors"
+  exec chroot "$root" /usr/bin/env -i PATH=/usr/bin:/bin HOME=/tmp/console XDG_CACHE_HOME=/tmp/console LC_ALL=C.UTF-8 \
+    DISPLAY=":$display" GSETTINGS_BACKEND=memory mirn-console --virtual --steer --settings /tmp/console/settings.ini 2>"$root/tmp/console/errors"
 }
 console=$CONSOLE_PID
 exec 8<&"${CONSOLE[0]}" 9>&"${CONSOLE[1]}"
