@@ -184,7 +184,7 @@ TEST_F(ManagerDeviceTest, AnExceptionWhileTheInformationIsReadIsLoggedAndTheList
 class RefusingRegistry final : public TextureRegistry {
  public:
   int64_t registerTexture(std::shared_ptr<ExternalTexture> texture) override {
-    refused = std::move(texture);
+    refused = texture;
     return 0;
   }
   void textureFrameAvailable(int64_t /*id*/) override { ADD_FAILURE() << "nothing was registered"; }
