@@ -69,7 +69,7 @@ bool nodesThere() {
 
 // A firmware image that names its version; where it stands.
 std::string writeFirmware(const std::string& version) {
-  const std::string file = "/tmp/firmware.bin";
+  const std::string file = "/dev/shm/firmware.bin";
   std::ofstream(file, std::ios::binary) << std::string(40000, 'x') << "MIRN-VERSION=" << version
                                         << std::string(1000, '\0');
   return file;
@@ -131,7 +131,7 @@ TEST_F(Mirnctl, TypedTextStandsInTheTargetAndInTheSnapshot) {
   plugIn();
   EXPECT_EQ(mirnctl("type 'Hello, Mirn 42'").status, 0);
   EXPECT_EQ(device_.target().text(), "Hello, Mirn 42");
-  const std::string file = "/tmp/snapshot.png";
+  const std::string file = "/dev/shm/snapshot.png";
   ASSERT_EQ(mirnctl("snapshot --timeout 30000 " + file).status, 0);
   const PngPicture picture = readPng(file);
   ASSERT_EQ(picture.width, 1920);
@@ -193,7 +193,7 @@ TEST_F(MirnctlOnProgram, TellsTypesAndTakesAPicture) {
   EXPECT_TRUE(contains(info, "from a program"));
   EXPECT_TRUE(contains(info, "4.5.6"));
   EXPECT_EQ(mirnctl("type mirn").status, 0);
-  const std::string file = "/tmp/program.png";
+  const std::string file = "/dev/shm/program.png";
   ASSERT_EQ(mirnctl("snapshot --quality 720P --timeout 30000 " + file).status, 0);
   VirtualTarget expected;
   for (const uint8_t usage : {0x10, 0x0c, 0x15, 0x11}) {  // m i r n

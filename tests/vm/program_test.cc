@@ -140,7 +140,7 @@ TEST_F(ProgramTest, WithoutRootIsOneLineAndStatus3) {
 }
 
 TEST_F(ProgramTest, TakesCommandsOnASocketToo) {
-  const std::string path = "/tmp/mirn-virtual.socket";
+  const std::string path = "/dev/shm/mirn-virtual.socket";
   Program program({"--no-stdin", "--control=" + path, "--unplugged"});
   ASSERT_TRUE(program.waitForLine("ready"));
   EXPECT_TRUE(nothingAttached());
@@ -181,7 +181,7 @@ TEST_P(ProgramPictures, ReachAnyCameraProgram) {
     }
     return !node.empty();
   }));
-  const std::string file = "/tmp/frames.yuyv";
+  const std::string file = "/dev/shm/frames.yuyv";
   const std::string command = "timeout 40 v4l2-ctl -d " + node +
                               " --set-fmt-video=width=1280,height=720,pixelformat=YUYV --stream-mmap"
                               " --stream-count=3 --stream-to=" +

@@ -279,7 +279,7 @@ INSTANTIATE_TEST_SUITE_P(Each, VideoColours, testing::Values(kCaptureYuyv, kCapt
 
 TEST_F(VideoTest, DriverNamesTheMatrixThatThePixelsAreMadeWith) {
   ASSERT_NO_FATAL_FAILURE(plug());
-  const std::string file = "/tmp/format.txt";
+  const std::string file = "/dev/shm/format.txt";
   ASSERT_EQ(std::system(("v4l2-ctl -d " + findMirn()->nodeName() + " --get-fmt-video > " + file).c_str()), 0);
   std::stringstream text;
   text << std::ifstream(file).rdbuf();
