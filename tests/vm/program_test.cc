@@ -139,6 +139,19 @@ TEST_F(ProgramTest, WithoutRootIsOneLineAndStatus3) {
   EXPECT_EQ(program.wait(), 3);
 }
 
+TEST_F(ProgramTest, LoadsTheModuleOrSaysThatItIsMissing) {
+  ASSERT_EQ(std::system("modprobe -r vhci_hcd"), 0);
+  const std::string path = std::getenv("PATH");
+  ::setenv("PATH", "/nowhere", 1);
+  Program helpless({});
+  ::setenv("PATH", path.c_str(), 1);
+  EXPECT_EQ(helpless.line(), "mirn-virtual: the kernel module vhci-hcd is missing and could not be loaded");
+  EXPECT_EQ(helpless.wait(), 4);
+  Program program({});
+  ASSERT_TRUE(program.waitForLine("ready"));
+  EXPECT_TRUE(waitFor(answers));
+}
+
 TEST_F(ProgramTest, TakesCommandsOnASocketToo) {
   const std::string path = "/dev/shm/mirn-virtual.socket";
   Program program({"--no-stdin", "--control=" + path, "--unplugged"});
