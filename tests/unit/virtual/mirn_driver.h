@@ -22,6 +22,15 @@ class MirnDriver {
 
   static Bytes frame(uint8_t command, const Bytes& payload) { return buildWireFrame(command, 256, payload); }
 
+  // The payload of a firmware chunk: `data`, and zeros behind.
+  static Bytes chunk(uint16_t id, uint16_t total, const Bytes& data = {}) {
+    Bytes payload{static_cast<uint8_t>(id & 0xFF), static_cast<uint8_t>(id >> 8), static_cast<uint8_t>(total & 0xFF),
+                  static_cast<uint8_t>(total >> 8)};
+    payload.insert(payload.end(), data.begin(), data.end());
+    payload.resize(1028);
+    return payload;
+  }
+
   // The payload of the answer; nothing when none came.
   std::optional<Bytes> ask(uint8_t command, const Bytes& payload = {}) {
     write(frame(command, payload));

@@ -26,14 +26,6 @@ class VirtualMirnTest : public ::testing::Test {
     host_ = std::make_unique<MirnDriver>(*mirn_);
   }
 
-  Bytes chunk(uint16_t id, uint16_t total, const Bytes& data = {}) {
-    Bytes payload{static_cast<uint8_t>(id & 0xFF), static_cast<uint8_t>(id >> 8), static_cast<uint8_t>(total & 0xFF),
-                  static_cast<uint8_t>(total >> 8)};
-    payload.insert(payload.end(), data.begin(), data.end());
-    payload.resize(1028);
-    return payload;
-  }
-
   std::unique_ptr<VirtualMirn> mirn_ = std::make_unique<VirtualMirn>();
   std::unique_ptr<MirnDriver> host_ = std::make_unique<MirnDriver>(*mirn_);
 };
@@ -157,92 +149,6 @@ TEST_F(VirtualMirnTest, WhatItDoesNotUnderstandIsAnsweredWithOne) {
   EXPECT_EQ(mirn_->input(), VirtualInputState{});
 }
 
-// ---- firmware ----
-
-TEST_F(VirtualMirnTest, FirmwareArrivesInOrderAndIsKept) {
-  EXPECT_THAT(host_->ask(7, {0xAA, 0xAA, 0xAA}), Optional(ElementsAre(0)));
-  EXPECT_THAT(host_->ask(7, chunk(0, 2, {1, 2, 3})), Optional(ElementsAre(0)));
-  EXPECT_TRUE(mirn_->firmware().receiving);
-  EXPECT_EQ(mirn_->firmware().expected, 1U);
-  EXPECT_THAT(host_->ask(7, chunk(1, 2, {4})), Optional(ElementsAre(0)));
-  const VirtualFirmwareState firmware = mirn_->firmware();
-  EXPECT_EQ(firmware.completed, 1U);
-  ASSERT_EQ(firmware.image.size(), 2048U);
-  EXPECT_EQ(firmware.image[2], 3);
-  EXPECT_EQ(firmware.image[1024], 4);
-  EXPECT_FALSE(firmware.receiving);
-  EXPECT_EQ(mirn_->version(), "1.0.1");
-}
-
-TEST_F(VirtualMirnTest, MissingRepeatedAndStrangeChunksAreRefused) {
-  EXPECT_THAT(host_->ask(7, chunk(1, 3)), Optional(ElementsAre(1))) << "without chunk 0";
-  EXPECT_THAT(host_->ask(7, chunk(0, 0)), Optional(ElementsAre(1))) << "of none";
-  EXPECT_THAT(host_->ask(7, chunk(0, 3)), Optional(ElementsAre(0)));
-  EXPECT_THAT(host_->ask(7, chunk(2, 3)), Optional(ElementsAre(1))) << "one is missing";
-  EXPECT_THAT(host_->ask(7, chunk(1, 4)), Optional(ElementsAre(1))) << "another total";
-  EXPECT_THAT(host_->ask(7, chunk(1, 3)), Optional(ElementsAre(0)));
-  EXPECT_THAT(host_->ask(7, chunk(1, 3)), Optional(ElementsAre(1))) << "again";
-  EXPECT_EQ(mirn_->firmware().rejected_chunks, 5U);
-  EXPECT_EQ(mirn_->firmware().completed, 0U);
-  EXPECT_THAT(host_->ask(7, chunk(2, 3)), Optional(ElementsAre(0)));
-  EXPECT_EQ(mirn_->firmware().completed, 1U);
-}
-
-TEST_F(VirtualMirnTest, ChunkZeroStartsAnewAndTheRestartIsCounted) {
-  host_->ask(7, chunk(0, 2, {1}));
-  host_->ask(7, chunk(0, 2, {2}));
-  host_->ask(7, chunk(1, 2, {3}));
-  EXPECT_EQ(mirn_->firmware().restarts, 1U);
-  EXPECT_EQ(mirn_->firmware().image.at(0), 2);
-}
-
-TEST_F(VirtualMirnTest, ADeviceMayInsistOnTheGreeting) {
-  restart({.greeting_required = true});
-  EXPECT_THAT(host_->ask(7, chunk(0, 1)), Optional(ElementsAre(1)));
-  host_->ask(7, {0xAA, 0xAA, 0xAA});
-  EXPECT_THAT(host_->ask(7, chunk(0, 1)), Optional(ElementsAre(0)));
-  EXPECT_THAT(host_->ask(7, chunk(0, 1)), Optional(ElementsAre(1))) << "one greeting, one image";
-}
-
-TEST_F(VirtualMirnTest, TheGreetingForgetsAnUnfinishedImage) {
-  host_->ask(7, chunk(0, 2));
-  host_->ask(7, {0xAA, 0xAA, 0xAA});
-  EXPECT_THAT(host_->ask(7, chunk(1, 2)), Optional(ElementsAre(1)));
-}
-
-TEST_F(VirtualMirnTest, AnImageCanNameItsVersion) {
-  const std::string text = "....MIRN-VERSION=2.7.18\nrest";
-  host_->ask(7, chunk(0, 1, {text.begin(), text.end()}));
-  EXPECT_EQ(mirn_->version(), "2.7.18");
-}
-
-TEST_F(VirtualMirnTest, AVersionWithoutANumberAtItsEndGetsOne) {
-  mirn_->setVersion("beta", "");
-  host_->ask(7, chunk(0, 1));
-  EXPECT_EQ(mirn_->version(), "beta1");
-  mirn_->setVersion("7", "");
-  host_->ask(7, chunk(0, 1));
-  EXPECT_EQ(mirn_->version(), "8");
-}
-
-TEST_F(VirtualMirnTest, TheNewVersionCanWaitForTheNextPlugging) {
-  restart({.version_after_replug = true});
-  host_->ask(7, chunk(0, 1));
-  EXPECT_EQ(mirn_->version(), "1.0.0");
-  mirn_->unplug();
-  EXPECT_EQ(mirn_->version(), "1.0.0");
-  mirn_->plug();
-  EXPECT_EQ(mirn_->version(), "1.0.1");
-}
-
-TEST_F(VirtualMirnTest, UnpluggingForgetsAnUnfinishedImage) {
-  host_->ask(7, chunk(0, 2));
-  mirn_->unplug();
-  mirn_->plug();
-  EXPECT_THAT(host_->ask(7, chunk(1, 2)), Optional(ElementsAre(1)));
-  EXPECT_TRUE(mirn_->firmware().unfinished.empty());
-}
-
 // ---- the record ----
 
 TEST_F(VirtualMirnTest, KeepsEverythingInOrder) {
@@ -291,7 +197,7 @@ TEST_F(VirtualMirnTest, KeepsNoMoreThanItsLimit) {
 // ---- pieces and noise ----
 
 TEST_F(VirtualMirnTest, AFrameMayComeInPiecesOfAnySize) {
-  const Bytes wire = MirnDriver::frame(7, chunk(0, 1, Bytes(1024, 0xCC)));
+  const Bytes wire = MirnDriver::frame(7, MirnDriver::chunk(0, 1, Bytes(1024, 0xCC)));
   for (const size_t size : {1U, 7U, 63U, 64U, 65U, 1024U}) {
     const uint64_t before = mirn_->counters().frames;
     for (size_t at = 0; at < wire.size(); at += size) {
@@ -442,7 +348,7 @@ TEST_F(VirtualMirnTest, TellsEveryChangeInOrderWithTheStateAfterIt) {
   host_->ask(4, {0xFD, 0xFF, 4, 0, 0, 0, 0, 0xFF});
   host_->ask(5, {3});
   host_->ask(10, Bytes(20, 'n'));
-  host_->ask(7, chunk(0, 1));
+  host_->ask(7, MirnDriver::chunk(0, 1));
   host_->ask(9);
   mirn_->unplug();
   mirn_->plug();
