@@ -1,6 +1,7 @@
 #include "apps/common/upgrade_flow.h"
 
 #include <algorithm>
+#include <cmath>
 #include <utility>
 
 namespace mirn {
@@ -134,7 +135,7 @@ UpgradeStatus UpgradeFlow::status(Time now) const {
     status.bytes_per_second = static_cast<double>(status.chunk * kChunkBytes) / time;
     if (state_ == UpgradeState::kSending) {
       double left = static_cast<double>((file_.chunks - status.chunk) * kChunkBytes) / status.bytes_per_second;
-      status.remaining = std::chrono::seconds(static_cast<int64_t>(left + 0.5));
+      status.remaining = std::chrono::seconds(std::llround(left));
     }
   }
   return status;

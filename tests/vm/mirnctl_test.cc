@@ -69,7 +69,7 @@ bool nodesThere() {
 
 // A firmware image that names its version; where it stands.
 std::string writeFirmware(const std::string& version) {
-  const std::string file = "/dev/shm/firmware.bin";
+  std::string file = "/dev/shm/firmware.bin";
   std::ofstream(file, std::ios::binary) << std::string(40000, 'x') << "MIRN-VERSION=" << version
                                         << std::string(1000, '\0');
   return file;

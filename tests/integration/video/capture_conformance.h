@@ -385,6 +385,7 @@ TEST_P(CaptureConformanceTest, PullingItOutInTheMiddleEndsTheSessionAndItOpensAg
 TEST_P(CaptureConformanceTest, SeveralThreadsMayListAtOnce) {
   std::vector<std::thread> threads;
   std::atomic<int> found{0};
+  threads.reserve(3);
   for (int t = 0; t < 3; ++t) {
     threads.emplace_back([&] {
       for (int i = 0; i < 10; ++i) {
