@@ -157,4 +157,5 @@ left=$(find "$stage/all" ! -type d)
 as_root=()
 [[ $(id -u) -ne 0 ]] || as_root=(--allow-root)
 lintian "${as_root[@]}" --fail-on error,warning --tag-display-limit 0 "$out"/*.deb
+echo "lintian: no errors, no warnings"
 ls -l "$out"
