@@ -197,10 +197,8 @@ void ConsoleWindow::keepSettings() {
   settings_.quality = link_.quality();
   settings_.best_color = link_.bestColor();
   settings_.maximized = is_maximized();
-  if (!is_maximized() && !is_fullscreen() && get_width() > 0) {
-    settings_.window_width = get_width();
-    settings_.window_height = get_height();
-  }
+  // The toolkit keeps it: the size that the window has, or had before it was maximized, with its border.
+  get_default_size(settings_.window_width, settings_.window_height);
   std::string error;
   if (!saveSettings(settings_path_, settings_, &error)) {
     say(error);

@@ -11,7 +11,7 @@ import subprocess
 import sys
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from desktop import Console, Desktop, Failure, missing_tools, private_folder  # noqa: E402
+from desktop import Console, Desktop, Failure, WaylandDesktop, missing_tools, private_folder  # noqa: E402
 
 PROGRAM, OUTPUT = os.path.abspath(sys.argv[1]), os.path.abspath(sys.argv[2])
 FULL_SCALE = 32767
@@ -330,6 +330,57 @@ def test_quality_screenshot_and_full_screen(desktop):
     console.wait("1080P", lambda s: s["picture"] == [1920, 1080])
     console.say("action device-panel")
     keep(desktop, "device_panel")
+
+
+def test_settings_are_remembered(desktop):
+    console = Console(desktop, PROGRAM)
+    console.ready()
+    console.say("action quality 720P")
+    console.say("action color best")
+    console.say("action device-panel")
+    console.say("action settings")
+    console.wait("the settings dialog", lambda s: not s["active"])
+    keep(desktop, "settings")
+    desktop.xdotool("key", "Escape")
+    desktop.xdotool("windowsize", console.window, 1100, 700)
+    size = console.wait("720P in YUYV", lambda s: s["picture"] == [1280, 720] and s["format"] == "YUYV" and
+                        1000 < s["window"][0] < 1200)["window"]
+    expect(console.close() == 0, "the console ends cleanly")
+    console = Console(desktop, PROGRAM)
+    console.ready()
+    console.wait("the same picture and window",
+                 lambda s: s["picture"] == [1280, 720] and s["format"] == "YUYV" and s["window"] == size)
+    keep(desktop, "settings_remembered")
+
+
+def test_picture_to_the_clipboard(desktop):
+    console = Console(desktop, PROGRAM)
+    console.ready()
+    console.say("action copy-picture")
+    # The console itself serves whoever pastes.
+    path = os.path.join(desktop.folder, "pasted.png")
+    with open(path, "wb") as file:
+        subprocess.run(["xclip", "-selection", "clipboard", "-t", "image/png", "-o"], env=desktop.environment,
+                       stdout=file, timeout=60, check=True)
+    expect(desktop.run("identify", "-format", "%m %w %h", path) == "PNG 1920 1080", "a whole picture is pasted")
+    colours = int(desktop.run("identify", "-format", "%k", path))
+    expect(colours > 20, "the pasted picture has %d colours" % colours)
+
+
+def test_on_wayland(desktop):
+    folder = private_folder()
+    wayland = WaylandDesktop(folder)
+    try:
+        console = Console(wayland, PROGRAM)
+        state = console.wait("the picture", lambda s: s["condition"] == "fine" and s["uploaded"] > 5 and s["strip"])
+        drawn = state["drawn"]
+        console.wait("drawing", lambda s: s["drawn"] > drawn + 5)
+        console.say("action fullscreen")
+        console.wait("full screen", lambda s: s["window"] == [1600, 1000] and s["placement"][2] == 1600)
+        expect(console.close() == 0, "the console ends cleanly")
+    finally:
+        wayland.close()
+        shutil.rmtree(folder, ignore_errors=True)
 
 
 def main():

@@ -6,7 +6,7 @@ import subprocess
 import tempfile
 import time
 
-TOOLS = ("Xvfb", "openbox", "xdotool", "import", "convert")
+TOOLS = ("Xvfb", "openbox", "xdotool", "import", "convert", "xclip", "weston")
 PATIENCE = float(os.environ.get("MIRN_DESKTOP_PATIENCE", "60"))  # seconds that a condition is waited for
 
 
@@ -52,6 +52,31 @@ class Desktop:
         for process in (self.manager, self.server):
             process.terminate()
             process.wait(20)
+
+
+class WaylandDesktop:
+    """weston without an output device: windows, pictures and focus, but no input."""
+
+    def __init__(self, folder, width=1600, height=1000):
+        self.folder = folder
+        self.environment = dict(os.environ, WAYLAND_DISPLAY="mirn-test", GDK_BACKEND="wayland", XDG_RUNTIME_DIR=folder,
+                                HOME=folder, XDG_CONFIG_HOME=folder, GTK_A11Y="none", NO_AT_BRIDGE="1",
+                                LIBGL_ALWAYS_SOFTWARE="1")
+        self.environment.pop("DISPLAY", None)
+        self.log = open(os.path.join(folder, "weston.log"), "w", encoding="utf-8")
+        self.server = subprocess.Popen(
+            ["weston", "--backend=headless-backend.so", "--socket=mirn-test", "--idle-time=0", "--width=%d" % width,
+             "--height=%d" % height], env=self.environment, stdout=self.log, stderr=self.log)
+        end = time.monotonic() + PATIENCE
+        while not os.path.exists(os.path.join(folder, "mirn-test")):
+            if self.server.poll() is not None or time.monotonic() > end:
+                raise Failure("weston did not start: " + open(self.log.name, encoding="utf-8").read()[-1000:])
+            time.sleep(0.05)
+
+    def close(self):
+        self.server.terminate()
+        self.server.wait(20)
+        self.log.close()
 
 
 class Console:
