@@ -120,7 +120,7 @@ void UdevNotificationPort::receiveOne() {
   errno = 0;
   const UdevDevicePtr device(udev_monitor_receive_device(monitor_.get()));
   if (device == nullptr) {
-    if (errno == ENOBUFS) events_lost_ = true;
+    if (errno == ENOBUFS) eventsWereLost();
     return;  // else: an event of something else, or a message that is no event
   }
   const char* action = udev_device_get_action(device.get());

@@ -64,6 +64,9 @@ class UdevNotificationPort : public UsbNotificationPort {
 
   void addNotification(UsbNotification type, UsbNotificationCallback callback, void* refcon, UsbIterator iterator);
 
+  // The kernel has dropped events: behind those that still wait, what has changed in sysfs is told in their place.
+  void eventsWereLost() { events_lost_ = true; }
+
  private:
   struct Notification {
     UsbNotification type;

@@ -413,6 +413,7 @@ TEST(SecondPlugin, GrabsFrames) {
   EXPECT_EQ(world.reply("getWidth"), success(640));
   EXPECT_EQ(world.reply("getHeight"), success(480));
   EXPECT_EQ(world.reply("release"), success());
+  EXPECT_EQ(world.reply("setResolution", ValueList{1920, 1080}), success(false)) << "no device is held";
   // The last frame stays.
   const Value frame = world.value("captureFrame");
   ASSERT_EQ(frame.asMap()->size(), 3U);
