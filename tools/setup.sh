@@ -7,10 +7,11 @@ declare -A group=(
   [build]="cmake ninja-build ccache g++ pkg-config python3 libhidapi-dev libsimpleini-dev libudev-dev libglib2.0-dev
            libyuv-dev libturbojpeg0-dev libcairo2-dev libgtkmm-4.0-dev libepoxy-dev libcli11-dev nlohmann-json3-dev libpng-dev"
   [test]="libgtest-dev libgmock-dev clang clang-14 libclang-rt-14-dev clang-format clang-tidy libumockdev-dev umockdev libgtk-3-dev
-          xvfb xdotool openbox xclip weston x11-utils shellcheck binutils dbus-x11 fonts-dejavu-core libgl1-mesa-dri git
+          xvfb xdotool openbox xclip weston imagemagick x11-utils shellcheck binutils dbus-x11 fonts-dejavu-core libgl1-mesa-dri git
           desktop-file-utils mandoc zsh fish"
   [bench]="libbenchmark-dev libspdlog-dev libfmt-dev libmsgpack-cxx-dev libswscale-dev libopencv-dev
-           libgstreamer-plugins-base1.0-dev gstreamer1.0-plugins-base gstreamer1.0-plugins-good srecord xvfb"
+           libgstreamer-plugins-base1.0-dev gstreamer1.0-plugins-base gstreamer1.0-plugins-good srecord xvfb xdotool
+           openbox libgl1-mesa-dri fonts-dejavu-core"
   [fuzz]="clang clang-14 libclang-rt-14-dev"
   [vm]="qemu-system-x86 busybox-static cpio kmod udev v4l-utils"
   [package]="dpkg-dev lintian debootstrap"

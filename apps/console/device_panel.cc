@@ -33,6 +33,7 @@ DevicePanel::DevicePanel(Session& session, DeviceLink& link) : session_(session)
   message_.set_max_width_chars(kLineLength);
   counter_.set_halign(Gtk::Align::END);
   counter_.add_css_class("dim-label");
+  set_hexpand(false);  // else its fields would take half the window from the picture
   name_.signal_changed().connect(sigc::mem_fun(*this, &DevicePanel::checkName));
   name_.signal_activate().connect(sigc::mem_fun(*this, &DevicePanel::saveName));
   save_.signal_clicked().connect(sigc::mem_fun(*this, &DevicePanel::saveName));

@@ -10,8 +10,8 @@ TOOLS = ("Xvfb", "openbox", "xdotool", "import", "convert", "xclip", "weston")
 PATIENCE = float(os.environ.get("MIRN_DESKTOP_PATIENCE", "60"))  # seconds that a condition is waited for
 
 
-def missing_tools():
-    return [tool for tool in TOOLS if shutil.which(tool) is None]
+def missing_tools(tools=TOOLS):
+    return [tool for tool in tools if shutil.which(tool) is None]
 
 
 class Failure(Exception):
