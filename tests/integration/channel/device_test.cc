@@ -41,7 +41,7 @@ class WithADevice : public testing::Test {
   }
 
   std::string temporaryFile(const std::string& name, const std::string& content) {
-    const std::string path = testing::TempDir() + name + std::to_string(getpid());
+    std::string path = testing::TempDir() + name + std::to_string(getpid());
     std::ofstream(path, std::ios::binary) << content;
     return path;
   }
@@ -325,8 +325,10 @@ TEST_F(WithADevice, TexturesComeAndGoFromManyThreadsWhileFramesArrive) {
   ASSERT_EQ(world_.reply("open"), success(true));
   for (int round = 0; round < 20; ++round) {
     std::vector<int64_t> ids;
+    ids.reserve(4);
     for (int i = 0; i < 4; ++i) ids.push_back(std::get<int64_t>(world_.value("createTexture")));
     std::vector<std::thread> threads;
+    threads.reserve(ids.size());
     for (const int64_t id : ids) threads.emplace_back([id] { destroyTexture(id); });
     world_.reply("getSize");
     for (std::thread& thread : threads) thread.join();
@@ -414,7 +416,15 @@ TEST(SecondPlugin, GrabsFrames) {
   EXPECT_EQ(world.reply("getHeight"), success(480));
   EXPECT_EQ(world.reply("release"), success());
   EXPECT_EQ(world.reply("setResolution", ValueList{1920, 1080}), success(false)) << "no device is held";
-  // The last frame stays.
+  // The last frame stays. Its bytes: a map of three, both sizes as 32-bit integers, then 921,600 bytes.
+  EXPECT_TRUE(world.reply("captureFrame")
+                  .starts_with("000d03"
+                               "07057769647468"
+                               "0380020000"
+                               "0706686569676874"
+                               "03e0010000"
+                               "070464617461"
+                               "08ff00100e00"));
   const Value frame = world.value("captureFrame");
   ASSERT_EQ(frame.asMap()->size(), 3U);
   EXPECT_EQ(*(*frame.asMap())[0].first.asText(), "width");
