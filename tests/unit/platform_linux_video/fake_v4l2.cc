@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
 namespace mirn::test {
@@ -38,6 +39,17 @@ const FakeSize* sizeOf(const FakeNode& node, uint32_t pixelFormat, uint32_t widt
     }
   }
   return nullptr;
+}
+
+// What a driver takes in place of a size that it doesn't have.
+const FakeSize* nearestSize(const FakeNode& node, uint32_t width, uint32_t height) {
+  const auto distance = [width, height](const FakeSize& size) {
+    return std::abs(static_cast<int64_t>(size.width) - width) + std::abs(static_cast<int64_t>(size.height) - height);
+  };
+  const auto nearest = std::min_element(
+      node.sizes.begin(), node.sizes.end(),
+      [distance](const FakeSize& left, const FakeSize& right) { return distance(left) < distance(right); });
+  return nearest == node.sizes.end() ? nullptr : &*nearest;
 }
 
 void fillFormat(v4l2_pix_format& format, const FakeSize& size) {
@@ -180,6 +192,7 @@ int FakeV4l2::answer(FakeNode& node, unsigned long request, void* argument) {
       return 0;
     }
     case VIDIOC_S_PRIORITY:
+      node.priority = *static_cast<const uint32_t*>(argument);
       return node.noPriorities ? ENOTTY : node.otherHoldsRecord ? EBUSY : 0;
     case VIDIOC_G_FMT:
       static_cast<v4l2_format*>(argument)->fmt.pix = node.format;
@@ -260,6 +273,9 @@ int FakeV4l2::setFormat(FakeNode& node, v4l2_format& format) {
   }
   const v4l2_pix_format& wanted = format.fmt.pix;
   const FakeSize* size = sizeOf(node, wanted.pixelformat, wanted.width, wanted.height);
+  if (size == nullptr) {
+    size = nearestSize(node, wanted.width, wanted.height);
+  }
   if (size != nullptr) {
     fillFormat(node.format, *size);
   }

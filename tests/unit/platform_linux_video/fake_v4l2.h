@@ -33,6 +33,7 @@ struct FakeNode {
   bool otherHoldsRecord = false;  // another program at V4L2_PRIORITY_RECORD
   bool otherOwns = false;         // another program made the driver's first S_FMT
   bool noPriorities = false;
+  uint32_t priority = V4L2_PRIORITY_UNSET;  // what was asked for last
   int openError = 0;
   std::map<unsigned long, int> errors;  // an ioctl that fails with this from now on
   v4l2_pix_format format{};

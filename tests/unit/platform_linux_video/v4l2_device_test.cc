@@ -101,6 +101,7 @@ TEST_F(V4l2DeviceTest, OpeningTakesPriorityBeforeAnythingElseAndStreams) {
   calls_->clearTrace();
   ASSERT_TRUE(open());
   EXPECT_EQ(calls_->trace(kPath), (std::vector<std::string>{"S_PRIORITY", "S_FMT", "REQBUFS", "STREAMON"}));
+  EXPECT_EQ(calls_->node(kPath).priority, static_cast<uint32_t>(V4L2_PRIORITY_RECORD));
 }
 
 TEST_F(V4l2DeviceTest, FramesAreConvertedOnceAndTheBufferGoesBack) {
@@ -158,6 +159,7 @@ TEST_F(V4l2DeviceTest, AFormatTheDriverAdjustsIsRefusedAndTheFormerComesBack) {
   const auto unknown =
       std::make_shared<const CaptureFormat>(CaptureFormat{kCaptureYuyv, 640, 480, kPixelFormatYuvs, {1, 30}});
   EXPECT_FALSE(device_->setActiveFormat(unknown));
+  EXPECT_EQ(calls_->node(kPath).format.width, 64U) << "not the size that the driver took instead";
   until([&] { return calls_->push(kPath, grey(kSmall)); });
   EXPECT_EQ(collector_.waitFor(1)[0].imageBuffer->width(), 64U);
   EXPECT_TRUE(session_->isRunning());
