@@ -15,6 +15,8 @@ class Pair {
   Pair(PixelBuffer& left, PixelBuffer& right) : left_(left), right_(right) {
     left_.lockBaseAddress(kPixelBufferLockReadOnly);
     right_.lockBaseAddress(kPixelBufferLockReadOnly);
+    left_pixels_ = left_.baseAddress();
+    right_pixels_ = right_.baseAddress();
   }
   ~Pair() {
     right_.unlockBaseAddress(kPixelBufferLockReadOnly);
@@ -23,7 +25,7 @@ class Pair {
   Pair(const Pair&) = delete;
   Pair& operator=(const Pair&) = delete;
 
-  bool readable() const { return left_.baseAddress() != nullptr && right_.baseAddress() != nullptr; }
+  bool readable() const { return left_pixels_ != nullptr && right_pixels_ != nullptr; }
   size_t rows() const { return left_.height(); }
 
   bool sameRow(size_t row) const { return sameBytes(row, 0, left_.width() * kBytesPerPixel); }
@@ -42,12 +44,14 @@ class Pair {
 
  private:
   bool sameBytes(size_t row, size_t at, size_t length) const {
-    return std::memcmp(left_.baseAddress() + row * left_.bytesPerRow() + at,
-                       right_.baseAddress() + row * right_.bytesPerRow() + at, length) == 0;
+    return std::memcmp(left_pixels_ + row * left_.bytesPerRow() + at, right_pixels_ + row * right_.bytesPerRow() + at,
+                       length) == 0;
   }
 
   PixelBuffer& left_;
   PixelBuffer& right_;
+  const uint8_t* left_pixels_ = nullptr;
+  const uint8_t* right_pixels_ = nullptr;
 };
 
 std::optional<ChangedRows> difference(const Pair& pair, size_t phase) {
