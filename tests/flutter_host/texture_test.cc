@@ -151,6 +151,27 @@ TEST_F(FlutterTexture, TexturesOutliveTheirEngineHarmlessly) {
   drainLoop();
 }
 
+// Also one that was destroyed before and is still kept for the raster thread. An id is the object's address here.
+TEST_F(FlutterTexture, TheEndOfAnEngineFreesItsTextureObjects) {
+  int freed = 0;
+  const auto watch = [&freed](int64_t id) {
+    g_object_weak_ref(
+        reinterpret_cast<GObject*>(static_cast<intptr_t>(id)),
+        [](gpointer count, GObject*) { ++*static_cast<int*>(count); }, &freed);
+  };
+  const int64_t living = createTexture();
+  const int64_t retired = createTexture();
+  watch(living);
+  watch(retired);
+  mainQueue().post([retired] { flutter_mirn_destroy_texture(retired); });
+  ASSERT_TRUE(runLoopUntil([&] { return engine().textures() == 1; }, kPatience));
+  EXPECT_EQ(freed, 0);
+  engine().shutdown();
+  EXPECT_EQ(freed, 2);
+  flutter_mirn_destroy_texture(living);
+  startEngine();
+}
+
 // A registrant that an older template calls early: the engine refuses, and what it refused holds on to no picture.
 TEST_F(FlutterTexture, BeforeTheEngineHasStartedThereIsNoTexture) {
   engine_ = std::make_unique<StandinEngine>(false);
