@@ -70,7 +70,7 @@ class MirnDeviceInfo {
           firmwareVersion: parts[3],
         );
 
-  /// The name that `setName` has given it.
+  /// The name that `setMirnDevInfo` has given it.
   final String name;
 
   /// The device's own identifier.

@@ -155,9 +155,10 @@ TEST_F(FlutterTexture, TexturesOutliveTheirEngineHarmlessly) {
 TEST_F(FlutterTexture, TheEndOfAnEngineFreesItsTextureObjects) {
   int freed = 0;
   const auto watch = [&freed](int64_t id) {
+    auto* object =
+        reinterpret_cast<GObject*>(static_cast<intptr_t>(id));  // NOLINT(performance-no-int-to-ptr): see above
     g_object_weak_ref(
-        reinterpret_cast<GObject*>(static_cast<intptr_t>(id)),
-        [](gpointer count, GObject*) { ++*static_cast<int*>(count); }, &freed);
+        object, [](gpointer count, GObject*) { ++*static_cast<int*>(count); }, &freed);
   };
   const int64_t living = createTexture();
   const int64_t retired = createTexture();
