@@ -18,7 +18,7 @@ clean() {
   local mounted
   for mounted in tmp/.X11-unix sys proc; do umount "$root/$mounted" 2>/dev/null || true; done
   [[ $status -eq 0 ]] || tail -n 20 "$log" >&2
-  rm -rf --one-file-system "$root" "$log"
+  rm -rf --one-file-system "$root" "$root".*
 }
 trap clean EXIT
 
