@@ -1,69 +1,13 @@
 #include "standin/standin_engine.h"
 
-#include <atomic>
-#include <condition_variable>
-#include <cstdio>
-#include <deque>
-#include <map>
 #include <mutex>
-#include <thread>
+#include <optional>
 #include <utility>
 
+#include "standin/standin_core.h"
+
 namespace mirn {
-
-// Everything that the GObject shells below reach; they hold it weakly, as the real ones hold the engine.
-struct StandinCore : std::enable_shared_from_this<StandinCore> {
-  struct Handler {
-    FlBinaryMessengerMessageHandler function = nullptr;
-    gpointer user_data = nullptr;
-    GDestroyNotify destroy = nullptr;
-  };
-  struct Texture {
-    FlTexture* object = nullptr;  // one reference from register to unregister
-    bool cached = false;
-  };
-
-  // A task of the platform thread, in order, on a later turn of the main loop.
-  void post(std::function<void()> task);
-  void dispatch(const std::string& channel, const MessageBytes& message, StandinEngine::Reply reply);
-  void rasterLoop();
-  Painted paintNow(int64_t id);
-  void stopRaster();
-  void shutdownMessenger();
-  void shutdownTextures();
-
-  std::map<std::string, Handler> handlers;
-  std::map<std::string, StandinEngine::DartHandler> dart;
-  std::atomic<uint64_t> responses{0};
-  std::atomic<uint64_t> unanswered{0};
-
-  mutable std::mutex mutex;
-  std::condition_variable wake;
-  std::map<int64_t, Texture> textures;
-  std::deque<std::function<void()>> raster_tasks;
-  bool stopping = false;
-  bool started = false;
-  bool running = true;  // false from shutdown on
-  std::function<void()> looked_up;
-  std::function<void()> returned;
-  std::thread raster;
-
-  FlPluginRegistry* registry = nullptr;
-  FlBinaryMessenger* messenger = nullptr;
-  FlTextureRegistrar* texture_registrar = nullptr;
-};
-
 namespace {
-
-std::atomic<uint64_t> g_criticals{0};
-std::atomic<uint64_t> g_warnings{0};
-
-using WeakCore = std::weak_ptr<StandinCore>;
-
-gboolean runPosted(gpointer data) {
-  (*static_cast<std::function<void()>*>(data))();
-  return G_SOURCE_REMOVE;
-}
 
 GBytes* toGBytes(const MessageBytes& bytes) {
   return g_bytes_new(bytes.data(), bytes.size());
@@ -359,12 +303,6 @@ namespace mirn {
 
 // ---- the engine ----
 
-void StandinCore::post(std::function<void()> task) {
-  // Tasks of one delay and priority run in the order of posting.
-  g_timeout_add_full(G_PRIORITY_DEFAULT, 1, runPosted, new std::function<void()>(std::move(task)),
-                     [](gpointer data) { delete static_cast<std::function<void()>*>(data); });
-}
-
 void StandinCore::dispatch(const std::string& channel, const MessageBytes& message, StandinEngine::Reply reply) {
   if (!running) {
     return;
@@ -383,96 +321,6 @@ void StandinCore::dispatch(const std::string& channel, const MessageBytes& messa
                    handler.user_data);
   g_bytes_unref(bytes);
   g_object_unref(handle);
-}
-
-void StandinCore::rasterLoop() {
-  std::unique_lock lock(mutex);
-  while (true) {
-    wake.wait(lock, [this] { return stopping || !raster_tasks.empty(); });
-    if (raster_tasks.empty()) {
-      return;
-    }
-    const std::function<void()> task = std::move(raster_tasks.front());
-    raster_tasks.pop_front();
-    lock.unlock();
-    task();
-    lock.lock();
-  }
-}
-
-Painted StandinCore::paintNow(int64_t id) {
-  Painted painted;
-  FlTexture* texture = nullptr;
-  {
-    const std::lock_guard guard(mutex);
-    const auto found = textures.find(id);
-    if (found == textures.end()) {
-      painted.error = "Unable to find texture";
-      return painted;
-    }
-    if (found->second.cached) {
-      return painted;
-    }
-    found->second.cached = true;
-    texture = found->second.object;  // without a reference
-  }
-  if (looked_up != nullptr) {
-    looked_up();
-  }
-  const uint8_t* buffer = nullptr;
-  uint32_t width = 100;  // the size of the layer, which the texture may ignore
-  uint32_t height = 100;
-  GError* error = nullptr;
-  auto* pixels = reinterpret_cast<FlPixelBufferTexture*>(texture);
-  if (FL_PIXEL_BUFFER_TEXTURE_GET_CLASS(pixels)->copy_pixels(pixels, &buffer, &width, &height, &error) == FALSE) {
-    painted.error = error->message;  // without looking whether there is one
-    g_error_free(error);
-    const std::lock_guard guard(mutex);
-    if (const auto found = textures.find(id); found != textures.end()) {
-      found->second.cached = false;
-    }
-    return painted;
-  }
-  if (returned != nullptr) {
-    returned();
-  }
-  painted.drawn = true;
-  painted.width = width;
-  painted.height = height;
-  painted.rgba.assign(buffer, buffer + static_cast<size_t>(width) * height * 4);
-  return painted;
-}
-
-void StandinCore::stopRaster() {
-  {
-    const std::lock_guard guard(mutex);
-    stopping = true;
-  }
-  wake.notify_all();
-  if (raster.joinable()) {
-    raster.join();
-  }
-}
-
-void StandinCore::shutdownMessenger() {
-  while (!handlers.empty()) {
-    const Handler handler = handlers.begin()->second;
-    handlers.erase(handlers.begin());
-    if (handler.destroy != nullptr) {
-      handler.destroy(handler.user_data);
-    }
-  }
-}
-
-void StandinCore::shutdownTextures() {
-  std::map<int64_t, Texture> leaving;
-  {
-    const std::lock_guard guard(mutex);
-    leaving.swap(textures);
-  }
-  for (const auto& [id, texture] : leaving) {
-    g_object_unref(texture.object);
-  }
 }
 
 StandinEngine::StandinEngine(bool started) : core_(std::make_shared<StandinCore>()) {
@@ -565,29 +413,6 @@ Painted StandinEngine::paint(int64_t id) {
 void StandinEngine::setPaintHooks(std::function<void()> looked_up, std::function<void()> returned) {
   core_->looked_up = std::move(looked_up);
   core_->returned = std::move(returned);
-}
-
-void watchGlibLog() {
-  static std::once_flag installed;  // GLib takes a writer once in a process
-  std::call_once(installed, [] {
-    g_log_set_writer_func(
-        [](GLogLevelFlags level, const GLogField* fields, gsize count, gpointer) {
-          g_criticals += (level & G_LOG_LEVEL_CRITICAL) != 0 ? 1 : 0;
-          g_warnings += (level & G_LOG_LEVEL_WARNING) != 0 ? 1 : 0;
-          return g_log_writer_standard_streams(level, fields, count, nullptr);
-        },
-        nullptr, nullptr);
-  });
-  g_criticals = 0;
-  g_warnings = 0;
-}
-
-uint64_t glibCriticals() {
-  return g_criticals;
-}
-
-uint64_t glibWarnings() {
-  return g_warnings;
 }
 
 }  // namespace mirn
