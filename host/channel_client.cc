@@ -35,7 +35,7 @@ double CallOutcome::asDouble(double fallback) const {
   return held != nullptr ? *held : fallback;
 }
 
-std::string CallOutcome::asText(std::string fallback) const {
+std::string CallOutcome::asText(const std::string& fallback) const {
   const auto* held = valueAs<std::string>(*this);
   return held != nullptr ? *held : fallback;
 }

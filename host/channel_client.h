@@ -32,7 +32,7 @@ struct CallOutcome {
   bool asBool(bool fallback = false) const;
   int64_t asInt(int64_t fallback = 0) const;  // of an int32 or an int64
   double asDouble(double fallback = 0) const;
-  std::string asText(std::string fallback = {}) const;
+  std::string asText(const std::string& fallback = {}) const;
   // Element of a list; null when there is none.
   const Value& at(size_t index) const;
   size_t listSize() const;  // 0 for everything that is no list

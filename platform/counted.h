@@ -52,7 +52,7 @@ class CountedRef {
   CountedRef(CountedRef&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
   ~CountedRef() {
     if (object_ != nullptr) {
-      object_->release();
+      object_->release();  // NOLINT(clang-analyzer-cplusplus.NewDelete): the analyzer doesn't know the count
     }
   }
   CountedRef& operator=(CountedRef other) noexcept {

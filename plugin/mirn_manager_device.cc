@@ -52,6 +52,7 @@ MirnManager::MirnManager() : pWrapper(std::make_unique<MyCppListenerWrapper>()) 
 
 MirnManager::~MirnManager() {
   close();
+  // NOLINTNEXTLINE(bugprone-unhandled-exception-at-new): out of memory may end the program here
   g_left_behind = new LeftBehind{kmproxy_.release(), pWrapper.release(), g_left_behind};
 }
 

@@ -72,14 +72,11 @@ class USBMonitor::RunLoopSlot {
     loop_.reset();
   }
 
+  // Under the lock, so that the loop is the monitor thread's alone again when run() returns.
   void stop() MIRN_EXCLUDES(mutex_) {
-    std::shared_ptr<UsbRunLoop> loop;
-    {
-      MutexGuard guard(mutex_);
-      stopped_ = true;
-      loop = loop_;
-    }
-    if (loop != nullptr) loop->stop();
+    MutexGuard guard(mutex_);
+    stopped_ = true;
+    if (loop_ != nullptr) loop_->stop();
   }
 
  private:

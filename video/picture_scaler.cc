@@ -1,6 +1,7 @@
 #include "video/picture_scaler.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 
 #include "video/scaler_kernels.h"
@@ -72,7 +73,7 @@ void PictureScaler::addEnlargingSpan(Axis& axis, size_t index) {
       (static_cast<double>(index) + 0.5) * static_cast<double>(axis.from) / static_cast<double>(axis.to) - 0.5;
   const double position = std::clamp(centre, 0.0, static_cast<double>(axis.from - 1));
   const auto first = static_cast<uint32_t>(position);
-  const auto right = static_cast<uint32_t>((position - first) * axis.unit + 0.5);
+  const auto right = static_cast<uint32_t>(std::lround((position - first) * axis.unit));
   const auto weight = static_cast<uint32_t>(axis.weights.size());
   axis.weights.push_back(static_cast<uint16_t>(axis.unit - right));
   if (right == 0 || first + 1 >= axis.from) {

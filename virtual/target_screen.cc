@@ -152,7 +152,8 @@ void TargetScreen::paintStrip(const StripContent& content) {
     uint8_t* first = data + static_cast<size_t>(kStripTop + row) * static_cast<size_t>(cell_) * stride();
     for (int column = 0; column < kStripColumns; ++column) {
       const bool white = bits[static_cast<size_t>(row * kStripColumns + column)];
-      std::fill_n(first + static_cast<size_t>(left + column * cell_) * 4, cell_ * 4, white ? 0xFF : 0x00);
+      const size_t x = static_cast<size_t>(left) + static_cast<size_t>(column) * static_cast<size_t>(cell_);
+      std::fill_n(first + x * 4, static_cast<size_t>(cell_) * 4, white ? 0xFF : 0x00);
     }
     const uint8_t* source = first + static_cast<size_t>(left) * 4;
     for (int y = 1; y < cell_; ++y) {

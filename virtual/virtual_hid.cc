@@ -31,7 +31,7 @@ struct Device {
 
 bool sameText(const wchar_t* wide, const std::string& narrow) {
   return std::equal(wide, wide + std::wcslen(wide), narrow.begin(), narrow.end(),
-                    [](wchar_t a, char b) { return static_cast<uint32_t>(a) == static_cast<uint8_t>(b); });
+                    [](wchar_t a, unsigned char b) { return a == static_cast<wchar_t>(b); });
 }
 
 }  // namespace

@@ -45,7 +45,7 @@ void show(const VirtualMirnEvent& event, VirtualTarget& target) {
 
 }  // namespace
 
-VirtualBinding::VirtualBinding(std::shared_ptr<VirtualMirn> mirn, std::shared_ptr<VirtualTarget> target)
+VirtualBinding::VirtualBinding(std::shared_ptr<VirtualMirn> mirn, const std::shared_ptr<VirtualTarget>& target)
     : mirn_(std::move(mirn)),
       listener_(mirn_->addListener([target](const VirtualMirnEvent& event) { show(event, *target); })) {
   target->firmware(mirn_->version());

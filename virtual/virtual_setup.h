@@ -18,7 +18,7 @@ namespace mirn {
 // shows.
 class VirtualBinding {
  public:
-  VirtualBinding(std::shared_ptr<VirtualMirn> mirn, std::shared_ptr<VirtualTarget> target);
+  VirtualBinding(std::shared_ptr<VirtualMirn> mirn, const std::shared_ptr<VirtualTarget>& target);
   ~VirtualBinding();
   VirtualBinding(const VirtualBinding&) = delete;
   VirtualBinding& operator=(const VirtualBinding&) = delete;

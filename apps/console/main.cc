@@ -152,7 +152,7 @@ int run(const std::vector<std::string>& arguments, int output) {
       return 2;
     }
   }
-  if (!options.scenario.empty()) {
+  if (world != nullptr && !options.scenario.empty()) {
     return runScenario(*world, options.scenario, output);
   }
   return runWindow(options, world, output);

@@ -51,7 +51,7 @@ VirtualExit exitStatusOf(VhciError error) {
   return VirtualExit::kFailed;
 }
 
-VirtualFleet::VirtualFleet(const VirtualOptions& options, std::function<void()> on_end) {
+VirtualFleet::VirtualFleet(const VirtualOptions& options, const std::function<void()>& on_end) {
   for (int i = 0; i < options.devices; ++i) {
     Device device;
     device.mirn = std::make_shared<VirtualMirn>(settingsOf(options, i));

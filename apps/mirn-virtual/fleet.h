@@ -19,7 +19,7 @@ VirtualExit exitStatusOf(VhciError error);
 class VirtualFleet {
  public:
   // `on_end` is called, on some other thread, when a device has left by itself: call cleanUp() then.
-  VirtualFleet(const VirtualOptions& options, std::function<void()> on_end);
+  VirtualFleet(const VirtualOptions& options, const std::function<void()>& on_end);
 
   // Plugs all in. On failure those that are in already stay in, and `*detail` holds a line for a person.
   VhciError plugAll(std::string* detail);

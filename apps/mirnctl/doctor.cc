@@ -158,7 +158,9 @@ DoctorReport judge(const DoctorFacts& facts) {
 
 std::vector<std::string> missingFormats(const std::vector<PictureFormat>& formats) {
   std::vector<std::string> missing;
-  for (auto [width, height] : {std::pair(1920, 1080), std::pair(1280, 720)}) {
+  for (const auto& size : {std::pair(1920, 1080), std::pair(1280, 720)}) {
+    const int width = size.first;
+    const int height = size.second;
     for (const char* subtype : {"420v", "yuvs"}) {
       bool offered = std::any_of(formats.begin(), formats.end(), [&](const PictureFormat& format) {
         return format.width == width && format.height == height && format.subtype == subtype;

@@ -1,4 +1,5 @@
 // snapshot, quality, color.
+#include <cmath>
 #include <memory>
 
 #include "apps/common/png_file.h"
@@ -65,7 +66,7 @@ int reportFormat(Context& context, const PictureOptions& options) {
   }
   HostSessionStatistics session = hostSessionStatistics();
   std::string format = fourCharText(session.pixelFormat);
-  auto rate = static_cast<int>(session.framesPerSecond + 0.5);
+  auto rate = std::lround(session.framesPerSecond);
   return context.report().success("quality  " + options.quality + "\ncolor    " + options.color + "\nsize     " +
                                       std::to_string(picture->width()) + "x" + std::to_string(picture->height()) +
                                       "\nformat   " + format + "\nrate     " + std::to_string(rate) + "\n",

@@ -165,7 +165,7 @@ DoctorFacts readSystem(const SystemRoots& roots) {
   for (const std::string& folder : roots.rules) {
     for (const std::string& name : namesIn(folder)) {
       if (name.ends_with(".rules") && namesMirn(fs::path(folder) / name)) {
-        facts.udev_rules.push_back(folder + "/" + name);
+        facts.udev_rules.push_back(fs::path(folder) / name);
       }
     }
   }

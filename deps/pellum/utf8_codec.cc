@@ -43,7 +43,7 @@ namespace utf8_plain {
 
 void encodeUnit(Utf8EncodeState& state) {
   constexpr uint8_t kLeadMarks[] = {0, 0, 0xC0, 0xE0, 0xF0, 0xF8, 0xFC};
-  auto unit = static_cast<uint32_t>(*state.text++);
+  auto unit = static_cast<uint32_t>(*state.text++);  // NOLINT(bugprone-signed-char-misuse): wchar_t has all 32 bits
   const size_t size = unitSize(static_cast<int32_t>(unit));
   for (size_t i = size - 1; i > 0; --i) {
     state.out[i] = static_cast<uint8_t>(0x80 | (unit & 0x3F));

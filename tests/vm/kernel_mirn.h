@@ -21,13 +21,14 @@
 
 namespace mirn {
 
-// Waits for what the kernel is about to do. False when it did not come in time.
+// Waits for what the kernel is about to do. False when it did not come in time. Most conditions walk over the bus, and
+// an emulated machine that does nothing else takes longer for what is waited for.
 template <typename Condition>
 bool waitFor(Condition condition, std::chrono::milliseconds patience = std::chrono::seconds(20)) {
   const auto deadline = std::chrono::steady_clock::now() + patience;
   while (!condition()) {
     if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   return true;
 }

@@ -117,7 +117,7 @@ TEST_F(Presence, StoppedMonitorLeavesNothing) {
   }
   const int threads = runningThreads();
   const int descriptors = openDescriptors();
-  for (int round = 0; round < 10; ++round) {
+  for (int round = 0; round < 4; ++round) {
     USBMonitor monitor;
     monitor.StartMonitoring();
     monitor.StopMonitoring();

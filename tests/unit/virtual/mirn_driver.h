@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <optional>
 #include <vector>
@@ -24,10 +25,13 @@ class MirnDriver {
 
   // The payload of a firmware chunk: `data`, and zeros behind.
   static Bytes chunk(uint16_t id, uint16_t total, const Bytes& data = {}) {
-    Bytes payload{static_cast<uint8_t>(id & 0xFF), static_cast<uint8_t>(id >> 8), static_cast<uint8_t>(total & 0xFF),
-                  static_cast<uint8_t>(total >> 8)};
-    payload.insert(payload.end(), data.begin(), data.end());
-    payload.resize(1028);
+    constexpr size_t kHeader = 4;
+    Bytes payload(1028);
+    payload[0] = static_cast<uint8_t>(id & 0xFF);
+    payload[1] = static_cast<uint8_t>(id >> 8);
+    payload[2] = static_cast<uint8_t>(total & 0xFF);
+    payload[3] = static_cast<uint8_t>(total >> 8);
+    std::copy_n(data.begin(), std::min(data.size(), payload.size() - kHeader), payload.begin() + kHeader);
     return payload;
   }
 
