@@ -25,12 +25,15 @@ function(mirn_interface_room name)
   target_link_libraries(mirn_${name} INTERFACE ${ARG_LINKS})
 endfunction()
 
-# mirn_test(NAME SOURCES ... LINKS ... [LABELS ...] [TIMEOUT s] [SERIAL]): one GoogleTest program; every case is a
+# mirn_test(NAME SOURCES ... LINKS ... [LABELS ...: unit] [TIMEOUT s: 120] [SERIAL]): one GoogleTest program; every case is a
 # ctest test of its own, so a process-wide state that one case leaves behind never reaches another.
 function(mirn_test name)
   cmake_parse_arguments(ARG "SERIAL;OWN_MAIN" "TIMEOUT" "SOURCES;LINKS;LABELS;ENVIRONMENT" ${ARGN})
   if(NOT ARG_TIMEOUT)
     set(ARG_TIMEOUT 120)
+  endif()
+  if(NOT ARG_LABELS)
+    set(ARG_LABELS unit)
   endif()
   add_executable(${name} ${ARG_SOURCES})
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)

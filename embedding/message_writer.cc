@@ -122,7 +122,7 @@ void MessageWriter::value(const Value& value) {
 void MessageWriter::valueAtDepth(const Value& value, int depth) {
   const auto write = [this, depth](const auto& held) {
     using T = std::decay_t<decltype(held)>;
-    if constexpr (std::is_same_v<T, std::monostate>) {
+    if constexpr (std::is_same_v<T, std::monostate>) {  // NOLINT(bugprone-branch-clone): not the same T
       null();
     } else if constexpr (std::is_same_v<T, bool>) {
       boolean(held);
@@ -144,7 +144,7 @@ void MessageWriter::valueAtDepth(const Value& value, int depth) {
       float64List(held);
     } else if constexpr (std::is_same_v<T, std::vector<float>>) {
       float32List(held);
-    } else if (depth >= kMaxDepth) {  // NOLINT(bugprone-branch-clone): compile-time branches around it
+    } else if (depth >= kMaxDepth) {
       null();
     } else if constexpr (std::is_same_v<T, ValueList>) {
       const size_t count = std::min(held.size(), kMostElements);

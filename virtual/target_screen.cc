@@ -151,7 +151,7 @@ void TargetScreen::paintStrip(const StripContent& content) {
   for (int row = 0; row < kStripRows; ++row) {
     uint8_t* first = data + static_cast<size_t>(kStripTop + row) * static_cast<size_t>(cell_) * stride();
     for (int column = 0; column < kStripColumns; ++column) {
-      const bool white = bits[static_cast<size_t>(row * kStripColumns + column)];
+      const bool white = bits[static_cast<size_t>(row) * kStripColumns + static_cast<size_t>(column)];
       const size_t x = static_cast<size_t>(left) + static_cast<size_t>(column) * static_cast<size_t>(cell_);
       std::fill_n(first + x * 4, static_cast<size_t>(cell_) * 4, white ? 0xFF : 0x00);
     }
