@@ -53,9 +53,7 @@ hard_key_mouse::hard_key_mouse(uint16_t vendor, uint16_t product)
   }
 }
 
-hard_key_mouse::~hard_key_mouse() {
-  circle_data_destroy(ring_);
-}
+hard_key_mouse::~hard_key_mouse() = default;
 
 int hard_key_mouse::shake_hand() {
   Answer answer;
@@ -250,12 +248,12 @@ int hard_key_mouse::read_answer_locked(int timeout_ms, Answer* answer) {
   // Always 64 bytes, however many came: a time-out pushes zeros, which the decoder skips or, in the middle of a frame,
   // takes. That is meant.
   for (size_t i = 0; i < kReportBytes; ++i) {
-    ring_->push(ring_, report[i]);
+    ring_->push(ring_.get(), report[i]);
   }
   uint8_t command = 0;
   uint16_t packet_index = 0;
   const uint8_t* payload = nullptr;
-  const int size = protocol_parser.parse(ring_, &command, &packet_index, &payload);
+  const int size = protocol_parser.parse(ring_.get(), &command, &packet_index, &payload);
   if (size < 0) {
     return -1;
   }

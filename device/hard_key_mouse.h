@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <string>
 
@@ -110,7 +111,10 @@ class hard_key_mouse : public CReference {
   nuvra_hid_device hid_;
   const std::string topology_;
   CMutexLock device_mutex_;
-  circle_data* ring_;  // owned; null when memory was short, then every exchange fails
+  struct RingEnd {
+    void operator()(circle_data* ring) const { circle_data_destroy(ring); }
+  };
+  const std::unique_ptr<circle_data, RingEnd> ring_;  // null when memory was short, then every exchange fails
 
   mutable Mutex text_mutex_;  // never held across an exchange
   std::string fw_detail MIRN_GUARDED_BY(text_mutex_);

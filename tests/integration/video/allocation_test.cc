@@ -2,43 +2,14 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <cstdlib>
-#include <new>
-
 #include "plugin/mirn_manager.h"
 #include "tests/support/video/fake_capture.h"
 #include "tests/support/video/fake_registry.h"
 #include "tests/support/video/log_capture.h"
 #include "tests/support/video/manual_queue.h"
+#include "tests/unit/embedding/allocation_count.h"
 #include "video/camera_manager.h"
 #include "video/mirn_texture.h"
-
-namespace {
-
-std::atomic<uint64_t> g_allocations{0};
-
-}  // namespace
-
-#if defined(__GNUC__) && !defined(__clang__)
-// GCC 12 sees malloc through the operator below under a sanitizer, and then takes the pair for a mismatch.
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-#endif
-
-// Every allocation of the program is counted. malloc itself too would be better, but the sanitizers own it.
-void* operator new(size_t bytes) {
-  g_allocations.fetch_add(1, std::memory_order_relaxed);
-  if (void* memory = std::malloc(bytes == 0 ? 1 : bytes)) {
-    return memory;
-  }
-  throw std::bad_alloc();
-}
-void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
-void operator delete(void* memory, size_t /*bytes*/) noexcept {
-  std::free(memory);
-}
 
 namespace mirn {
 namespace {
@@ -70,11 +41,11 @@ TEST(FrameAllocationTest, TexturesTakeFramesWithoutAllocating) {
   for (int i = 0; i < 50; ++i) {
     frame();
   }
-  const uint64_t before = g_allocations.load();
+  const uint64_t before = test::allocationsOfAllThreads();
   for (int i = 0; i < 500; ++i) {
     frame();
   }
-  EXPECT_EQ(g_allocations.load(), before);
+  EXPECT_EQ(test::allocationsOfAllThreads(), before);
   EXPECT_EQ(registry->told, 8 * 550);
   EXPECT_LE(pool.allocations(), 3U);
   manager.reset();
@@ -94,12 +65,12 @@ TEST(FrameAllocationTest, TheGrabberTakesFramesWithoutAllocating) {
   for (int i = 0; i < 10; ++i) {
     ASSERT_TRUE(frame());
   }
-  const uint64_t before = g_allocations.load();
+  const uint64_t before = test::allocationsOfAllThreads();
   int stored = 0;
   for (int i = 0; i < 20; ++i) {
     stored += frame() ? 1 : 0;
   }
-  EXPECT_EQ(g_allocations.load(), before);
+  EXPECT_EQ(test::allocationsOfAllThreads(), before);
   EXPECT_EQ(stored, 20);
 }
 

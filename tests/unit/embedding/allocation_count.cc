@@ -1,5 +1,6 @@
 #include "tests/unit/embedding/allocation_count.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <new>
 
@@ -7,10 +8,17 @@ namespace {
 
 thread_local mirn::test::Allocations t_allocations;
 
-void* take(std::size_t size) {
+std::atomic<uint64_t> g_count{0};
+
+void* takeOrNull(std::size_t size) {
   ++t_allocations.count;
   t_allocations.bytes += size;
-  if (void* memory = std::malloc(size == 0 ? 1 : size)) return memory;
+  g_count.fetch_add(1, std::memory_order_relaxed);
+  return std::malloc(size == 0 ? 1 : size);
+}
+
+void* take(std::size_t size) {
+  if (void* memory = takeOrNull(size)) return memory;
   throw std::bad_alloc();
 }
 
@@ -21,6 +29,12 @@ void* operator new(std::size_t size) {
 }
 void* operator new[](std::size_t size) {
   return take(size);
+}
+void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
+  return takeOrNull(size);
+}
+void* operator new[](std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
+  return takeOrNull(size);
 }
 void operator delete(void* memory) noexcept {
   std::free(memory);
@@ -39,6 +53,10 @@ namespace mirn::test {
 
 Allocations allocations() {
   return t_allocations;
+}
+
+uint64_t allocationsOfAllThreads() {
+  return g_count.load(std::memory_order_relaxed);
 }
 
 }  // namespace mirn::test

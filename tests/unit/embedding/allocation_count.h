@@ -13,4 +13,7 @@ struct Allocations {
 // Of this thread, since it began.
 Allocations allocations();
 
+// Of the whole process.
+uint64_t allocationsOfAllThreads();
+
 }  // namespace mirn::test
