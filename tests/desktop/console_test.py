@@ -357,11 +357,13 @@ def test_picture_to_the_clipboard(desktop):
     console = Console(desktop, PROGRAM)
     console.ready()
     console.say("action copy-picture")
+    paste = ["xclip", "-selection", "clipboard", "-o", "-t"]
+    console.wait("the picture on offer", lambda s: b"image/png" in subprocess.run(
+        paste + ["TARGETS"], env=desktop.environment, stdout=subprocess.PIPE, check=False).stdout)
     # The console itself serves whoever pastes.
     path = os.path.join(desktop.folder, "pasted.png")
     with open(path, "wb") as file:
-        subprocess.run(["xclip", "-selection", "clipboard", "-t", "image/png", "-o"], env=desktop.environment,
-                       stdout=file, timeout=60, check=True)
+        subprocess.run(paste + ["image/png"], env=desktop.environment, stdout=file, timeout=60, check=True)
     expect(desktop.run("identify", "-format", "%m %w %h", path) == "PNG 1920 1080", "a whole picture is pasted")
     colours = int(desktop.run("identify", "-format", "%k", path))
     expect(colours > 20, "the pasted picture has %d colours" % colours)
