@@ -8,7 +8,7 @@ declare -A group=(
            libyuv-dev libturbojpeg0-dev libcairo2-dev libgtkmm-4.0-dev libepoxy-dev libcli11-dev nlohmann-json3-dev libpng-dev"
   [test]="libgtest-dev libgmock-dev clang clang-14 libclang-rt-14-dev clang-format clang-tidy libumockdev-dev umockdev libgtk-3-dev
           xvfb xdotool openbox xclip weston imagemagick x11-utils shellcheck binutils dbus-x11 fonts-dejavu-core libgl1-mesa-dri git
-          desktop-file-utils mandoc zsh fish"
+          desktop-file-utils mandoc zsh fish locales"
   [bench]="libbenchmark-dev libspdlog-dev libfmt-dev libmsgpack-cxx-dev libswscale-dev libopencv-dev
            libgstreamer-plugins-base1.0-dev gstreamer1.0-plugins-base gstreamer1.0-plugins-good srecord xvfb xdotool
            openbox libgl1-mesa-dri fonts-dejavu-core"
