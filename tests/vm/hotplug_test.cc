@@ -1,10 +1,13 @@
 // The plug is pulled at the worst moments: what is under way fails at once, nothing hangs or leaks, and after the next
 // plugging everything works again.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <iostream>
 #include <string>
 #include <thread>
@@ -16,6 +19,7 @@
 #include "plugin/mirn_manager.h"
 #include "tests/unit/usb/process_counts.h"
 #include "tests/vm/kernel_mirn.h"
+#include "tests/vm/strip_capture.h"
 #include "usb/usb_monitor.h"
 
 namespace mirn {
@@ -34,13 +38,6 @@ FaultPlan plan(const char* text) {
 
 hid_device* openHid() {
   return hidFunctions().open(g_vid, g_pid, nullptr);
-}
-
-bool hidThere() {
-  hid_device* device = openHid();
-  if (device == nullptr) return false;
-  hidFunctions().close(device);
-  return true;
 }
 
 upgrade_args_ex_type chunk(uint16_t id, uint16_t total) {
@@ -128,17 +125,45 @@ TEST_F(Hotplug, DuringInitKmProxyFailsAndLaterSucceeds) {
   manager->releaseProxy();
 }
 
+// The Mirn's node as the kernel numbers it now, e.g. "hidraw0"; "" when it has none. Nothing else here makes such
+// nodes.
+std::string hidNode() {
+  for (const auto& node : std::filesystem::directory_iterator("/sys/class/hidraw")) return node.path().filename();
+  return "";
+}
+
+std::string cameraNode() {
+  const auto camera = findMirn();
+  return camera != nullptr ? camera->nodeName() : "";
+}
+
 TEST_F(Hotplug, NodesAreFoundAgainThoughTheirNumbersChange) {
-  hid_device* dead = openHid();  // keeps its node number taken
+  ASSERT_TRUE(waitFor([] { return !cameraNode().empty(); }));
+  const std::string old_hid = hidNode();
+  const std::string old_camera = cameraNode();
+  // A number stays taken as long as somebody holds its node open.
+  hid_device* dead = openHid();
   ASSERT_NE(dead, nullptr);
+  const int dead_camera = ::open(old_camera.c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_GE(dead_camera, 0);
   pullOut();
+  ASSERT_TRUE(waitFor([] { return hidNode().empty() && cameraNode().empty(); }));
   plugIn();
+  ASSERT_TRUE(waitFor([] { return !cameraNode().empty(); }));
+  EXPECT_NE(hidNode(), old_hid);
+  EXPECT_NE(cameraNode(), old_camera);
   hard_key_mouse layer(g_vid, g_pid);
   EXPECT_TRUE(layer.device_opened());
   EXPECT_EQ(layer.send_keyboard({}), 0);
+  {
+    Capture capture(findMirn());
+    ASSERT_TRUE(capture.start());
+    EXPECT_TRUE(capture.reader().waitForFrames(1));
+  }
   const unsigned char report[2] = {0, 0};
   EXPECT_EQ(hidFunctions().write(dead, report, sizeof(report)), -1);
   hidFunctions().close(dead);
+  ::close(dead_camera);
 }
 
 TEST_F(Hotplug, ADeviceThatTakesNoDataLetsTheWriteFailAfterFiveSeconds) {

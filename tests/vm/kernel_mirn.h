@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/hid_functions.h"
 #include "platform/mirn_identity.h"
 #include "virtual/usb/frame_source.h"
 #include "virtual/usb/usb_plug.h"
@@ -53,6 +54,14 @@ inline bool deviceIsBound() {
     if (product == kMirnProductName && !std::filesystem::exists(hid)) return false;
   }
   return !busIsEmpty();
+}
+
+// The HID interface can be opened.
+inline bool hidThere() {
+  hid_device* device = hidFunctions().open(g_vid, g_pid, nullptr);
+  if (device == nullptr) return false;
+  hidFunctions().close(device);
+  return true;
 }
 
 // A case that begins with an empty bus: the kernel takes its time to let the device of the case before go.
