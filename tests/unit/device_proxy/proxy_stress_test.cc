@@ -4,13 +4,16 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
+#include <memory>
 #include <random>
+#include <span>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "deps/pellum/logger/flogger.h"
 #include "tests/unit/device_proxy/proxy_fixture.h"
+#include "tests/unit/device_proxy/proxy_mixture.h"
 
 namespace mirn {
 namespace {
@@ -29,108 +32,18 @@ constexpr int kProxies = 10000;
 #endif
 constexpr int kOperationsInABatch = 10000;
 
-// A record as the device got it, in 64 bits, so that a million of them compare quickly.
-uint64_t code(const VirtualMouse& mouse) {
-  return uint64_t{1} << 56 | uint64_t{mouse.relative} << 48 | uint64_t{static_cast<uint16_t>(mouse.x)} << 32 |
-         uint64_t{static_cast<uint16_t>(mouse.y)} << 16 | uint64_t{mouse.left} << 8 | uint64_t{mouse.right} << 4 |
-         uint64_t{mouse.middle} << 2 | static_cast<uint64_t>(mouse.wheel + 1);
-}
-uint64_t code(const VirtualKeyboard& keyboard) {
-  uint64_t result = 2;
-  for (const uint8_t key : keyboard.keys) result = result << 8 | key;
-  return result << 8 | keyboard.modifiers;
-}
-
-// Submits random operations and keeps what must arrive, by the thinning rule of absolute moves.
-class Mixture {
- public:
-  Mixture(HardKMProxy& proxy, uint32_t seed) : proxy_(proxy), random_(seed) {}
-
-  void submitOne() {
-    const auto x = static_cast<int16_t>(random_() % 32768);
-    const auto y = static_cast<int16_t>(random_() % 32768);
-    switch (random_() % 10) {
-      case 0:
-        left_ = true;
-        proxy_.MouseLButtonDown(x, y);
-        return event(record(x, y));
-      case 1:
-        left_ = false;
-        proxy_.MouseLButtonUp(x, y);
-        return event(record(x, y));
-      case 2:
-        proxy_.MouseWheelUp(x, y, 1);
-        return event(record(x, y, -1));
-      case 3: {
-        const int key = 'A' + static_cast<int>(random_() % 26);
-        proxy_.KeyBoardDown(0, key);
-        press(static_cast<uint8_t>(key - 'A' + 4));
-        proxy_.KeyBoardUp(0, key);
-        return press(0);
-      }
-      default:
-        proxy_.MouseMove(x, y, false);
-        return move(record(x, y));
-    }
-  }
-
-  // What must have arrived, and the kinds that the listener must have heard of, since the last call.
-  std::vector<uint64_t> takeExpected() { return std::move(expected_); }
-  std::vector<uint8_t> takeKinds() { return std::move(kinds_); }
-
- private:
-  uint64_t record(int16_t x, int16_t y, int8_t wheel = 0) const {
-    VirtualMouse mouse;
-    mouse.x = x;
-    mouse.y = y;
-    mouse.left = left_ ? 1 : 0;
-    mouse.wheel = wheel;
-    return code(mouse);
-  }
-  void press(uint8_t usage) {
-    VirtualKeyboard keyboard;
-    keyboard.keys[0] = usage;
-    flush();
-    add(code(keyboard), kKeyboardTask);
-  }
-  void move(uint64_t record) {
-    if (++held_ > 6) {
-      held_ = 0;
-      add(record, kMouseTask);
-    } else {
-      held_move_ = record;
-    }
-  }
-  void event(uint64_t record) {
-    flush();
-    add(record, kMouseTask);
-  }
-  void flush() {
-    if (held_ > 0) add(held_move_, kMouseTask);
-    held_ = 0;
-  }
-  void add(uint64_t record, uint32_t kind) {
-    expected_.push_back(record);
-    kinds_.push_back(static_cast<uint8_t>(kind));
-  }
-
-  HardKMProxy& proxy_;
-  std::mt19937 random_;
-  bool left_ = false;
-  int held_ = 0;
-  uint64_t held_move_ = 0;
-  std::vector<uint64_t> expected_;
-  std::vector<uint8_t> kinds_;
-};
-
 // The kinds in order, with results that can only be these.
 class KindListener : public IKeyMouseListener {
  public:
   void OnUpgradeStep(uint16_t, uint16_t) override { ADD_FAILURE(); }
   void OnSendMouseResult(int result) override { add(kMouseTask, result); }
   void OnSendKeyboardResult(int result) override { add(kKeyboardTask, result); }
-  void OnSendUpgradeResult(int, uint16_t, uint16_t) override { ADD_FAILURE(); }
-  void OnSendFirmwareHandSharkeResult(int) override { ADD_FAILURE(); }
+  void OnSendUpgradeResult(int result, uint16_t id, uint16_t total) override {
+    EXPECT_LT(id, 2);
+    EXPECT_EQ(total, kMixtureChunks);
+    add(kUpgradeTask, result);
+  }
+  void OnSendFirmwareHandSharkeResult(int result) override { add(kNewFirmwareHandshakeTask, result); }
 
   // Only while the queue is empty.
   std::vector<uint8_t> take() { return std::move(kinds_); }
@@ -159,22 +72,23 @@ class ProxyStressTest : public ProxyTest {
   }
 
   void begin(const std::string& faults) {
-    plugIn({});
+    VirtualMirnSettings settings;
+    settings.version = "2.0.0";  // has the raw mouse report and the firmware greeting
+    plugIn(settings);
     FaultPlan plan;
     std::string error;
     ASSERT_TRUE(FaultPlan::parse(faults, &plan, &error)) << error;
     proxy_ = std::make_unique<TestProxy>(&kinds_);
-    proxy_->initKeyMap();
+    proxy_->Init({{0, 0, 32767, 32767}});
     mirn_->clearReceived();
     mirn_->setFaultPlan(plan);
   }
 
-  // The input records that have arrived since the last call.
+  // The queued records that have arrived since the last call.
   std::vector<uint64_t> takeArrived() {
     std::vector<uint64_t> result;
     for (const VirtualReceived& received : mirn_->received()) {
-      if (const auto* mouse = std::get_if<VirtualMouse>(&received.record)) result.push_back(code(*mouse));
-      if (const auto* keyboard = std::get_if<VirtualKeyboard>(&received.record)) result.push_back(code(*keyboard));
+      if (comesFromTheQueue(received.record)) result.push_back(codeOf(received.record));
     }
     mirn_->clearReceived();
     return result;
@@ -281,31 +195,42 @@ TEST_F(ProxyStressTest, UnpluggingInTheMiddleFailsTheRestInOrder) {
   EXPECT_EQ(kinds_.failures(), expected.size() - arrived.size());
 }
 
-// Callers have stopped; tasks are queued and one is in flight, really in flight: its exchange goes on only after the
-// destructor has closed the queue.
+// Callers have stopped; tasks are queued and one is in flight: its write goes on only after the destructor has closed
+// the queue.
 TEST_F(ProxyStressTest, ThousandsOfProxiesDestroyedWithTasksQueuedAndOneInFlight) {
+  struct Flight {
+    Signal reached;
+    Signal go_on;
+    std::atomic<int> writes{0};
+  };
+  std::shared_ptr<Flight> flight;  // of the one proxy that lives; set while it has no thread
+  std::unique_ptr<WatchedHid> watched;
   std::mt19937 random(5);
   const int proxies = kProxies * soak();
   for (int i = 0; i < proxies; ++i) {
-    if (i % 500 == 0) plugIn({});
+    if (i % 500 == 0) {
+      watched.reset();
+      plugIn({});
+      watched = std::make_unique<WatchedHid>([&flight](std::span<const uint8_t>) {
+        if (++flight->writes != 2) return;  // the greeting, then the exchange in flight
+        flight->reached.set();
+        EXPECT_TRUE(flight->go_on.wait());
+      });
+    }
+    flight = std::make_shared<Flight>();
     KindListener listener;
-    auto reached = std::make_shared<Signal>();
-    auto go_on = std::make_shared<Signal>();
     auto proxy = std::make_unique<TestProxy>(&listener);
     proxy->initKeyMap();
-    proxy->addTask(new MarkerTask([reached, go_on] {
-      reached->set();
-      EXPECT_TRUE(go_on->wait());
-    }));
-    // The one that is in flight when the destructor closes the queue.
-    const size_t queued = random() % 20;
-    for (size_t task = 0; task < queued; ++task) proxy->KeyBoardUp(0, 0);
-    proxy->addTask(new MarkerTask([] { ADD_FAILURE() << "ran after the closing"; }, [go_on] { go_on->set(); }));
-    ASSERT_TRUE(reached->wait());
-    const uint64_t before = mirn_->receivedCount();
+    takeArrived();
+    proxy->KeyBoardDown(0, 'A');
+    for (size_t queued = random() % 20; queued > 0; --queued) proxy->KeyBoardUp(0, 0);
+    proxy->addTask(new MarkerTask([] { ADD_FAILURE() << "ran after the closing"; }, [flight] { flight->go_on.set(); }));
+    ASSERT_TRUE(flight->reached.wait());
     proxy.reset();
-    ASSERT_EQ(mirn_->receivedCount(), before) << "nothing after the exchange in flight";
-    ASSERT_TRUE(listener.take().empty());
+    ASSERT_EQ(takeArrived(), std::vector{codeOf(VirtualKeyboard{0, {4}})}) << "the record in flight and no other";
+    ASSERT_EQ(flight->writes, 2);
+    ASSERT_EQ(listener.take(), std::vector<uint8_t>{kKeyboardTask}) << "the one outcome";
+    ASSERT_EQ(listener.failures(), 0u);
     ASSERT_EQ(VirtualHid::instance().openHandles(), 0u);
   }
 }
