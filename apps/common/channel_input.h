@@ -2,6 +2,7 @@
 #pragma once
 
 #include "apps/common/input_sink.h"
+#include "apps/common/pointer_map.h"
 #include "host/channel_client.h"
 
 namespace mirn {
@@ -17,8 +18,16 @@ class ChannelInput final : public InputSink {
   void mouseButton(const char* type, int x, int y) override;
   void mouseWheel(int x, int y, int delta) override;
 
+  // Where the pointer was put last, 0..32767; the middle before that.
+  int x() const { return x_; }
+  int y() const { return y_; }
+
  private:
+  void pointerAt(int x, int y);
+
   ChannelClient& channel_;
+  int x_ = kFullScale / 2;
+  int y_ = kFullScale / 2;
 };
 
 }  // namespace mirn

@@ -52,11 +52,6 @@ void HeldKeys::release(unsigned hardware_code) {
   sink_.keyUp(virtual_key);
 }
 
-void HeldKeys::releaseEverything(int x, int y) {
-  forget();
-  releaseEverythingOn(sink_, x, y);
-}
-
 void HeldKeys::forget() {
   held_.clear();
   modifiers_.clear();

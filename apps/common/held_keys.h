@@ -18,9 +18,7 @@ class HeldKeys {
   void press(unsigned hardware_code, int virtual_key);
   void release(unsigned hardware_code);
 
-  // keyUp 0 and the three button-ups at the last position, whatever is known to be held: safe at any time.
-  void releaseEverything(int x, int y);
-  // Forgets what is held without sending anything: the device or its proxy is gone.
+  // Forgets what is held without sending anything: all was released, or the device or its proxy is gone.
   void forget();
 
   bool holdsAny() const { return !held_.empty(); }

@@ -9,6 +9,7 @@ void PointerRest::move(int x, int y, Time now) {
   x_ = x;
   y_ = y;
   moved_ = now;
+  placed_ = true;
   sink_.mouseMove(x, y);
 }
 
@@ -16,6 +17,7 @@ void PointerRest::settledAt(int x, int y) {
   x_ = x;
   y_ = y;
   moved_.reset();
+  placed_ = true;
 }
 
 std::optional<PointerRest::Time> PointerRest::due() const {
@@ -36,8 +38,10 @@ bool PointerRest::settle(Time now, bool force) {
   return true;
 }
 
-void PointerRest::forget() {
-  moved_.reset();
+void PointerRest::again(Time now) {
+  if (placed_) {
+    moved_ = now;
+  }
 }
 
 }  // namespace mirn

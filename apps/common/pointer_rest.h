@@ -31,8 +31,9 @@ class PointerRest {
   std::optional<Time> due() const;
   // Brings the resting position out when it is due (or at once with `force`); true when moves were sent.
   bool settle(Time now, bool force = false);
-  // Forgets what waits: the proxy is new or input is blocked.
-  void forget();
+  // The proxy is new or the gate moved, so what was sent may not have arrived: a pointer that was put somewhere wants
+  // to be settled there again.
+  void again(Time now);
 
   int x() const { return x_; }
   int y() const { return y_; }
@@ -42,6 +43,7 @@ class PointerRest {
   int x_ = kFullScale / 2;
   int y_ = kFullScale / 2;
   std::optional<Time> moved_;
+  bool placed_ = false;
 };
 
 }  // namespace mirn

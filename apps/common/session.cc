@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "apps/common/held_keys.h"
+#include "apps/common/topology_check.h"
 #include "host/main_loop.h"
 #include "platform/capture.h"
 #include "plugin/registration.h"
@@ -26,7 +27,7 @@ HostOpenError openError() {
 
 }  // namespace
 
-Session::Session() : channel_(engine_), input_(channel_) {
+Session::Session(Release release) : release_(release), channel_(engine_), input_(channel_) {
   registerFlutterMirnPluginCApi(engine_.makeRegistrar());
 }
 
@@ -52,9 +53,29 @@ bool Session::connectKeyboard() {
   if (!channel_.call("initKmProxy").asBool()) {
     return false;
   }
-  constexpr int kMiddle = 16383;
-  releaseEverythingOn(input_, kMiddle, kMiddle);
+  // The old proxy and its records are gone: from here on only this one's are answered.
+  HostLinkStatistics link = hostLinkStatistics();
+  Releases sent = letGo();
+  answered_ = {link.keyboardSent + link.keyboardFailed + sent.keys, link.mouseSent + link.mouseFailed + sent.buttons};
   return true;
+}
+
+Session::Releases Session::letGo() {
+  if (keyboardIsElsewhere()) {
+    return {};
+  }
+  if (release_ == Release::kKeys) {
+    input_.keyUp(0);
+    return {1, 0};
+  }
+  releaseEverythingOn(input_, input_.x(), input_.y());
+  return {1, 3};
+}
+
+bool Session::releasesAnswered() const {
+  HostLinkStatistics link = hostLinkStatistics();
+  return link.keyboardSent + link.keyboardFailed >= answered_.keys &&
+         link.mouseSent + link.mouseFailed >= answered_.buttons;
 }
 
 std::optional<DeviceInfo> Session::info() {
@@ -131,8 +152,7 @@ PixelBufferRef Session::waitForPicture(const PixelBufferRef& after, std::chrono:
 }
 
 int64_t Session::startUpgrade(const std::string& path) {
-  constexpr int kMiddle = 16383;
-  releaseEverythingOn(input_, kMiddle, kMiddle);
+  letGo();
   return channel_.call("reqUpgradeFirmware", {{"path", Value(path)}}).asInt(0);
 }
 
@@ -156,6 +176,10 @@ DeviceFacts Session::facts() {
 UpgradeFacts Session::upgradeFacts() {
   HostLinkStatistics link = hostLinkStatistics();
   return {isPlugged(), link.firmwareSent + link.firmwareFailed, link.firmwareFailed};
+}
+
+bool keyboardIsElsewhere() {
+  return compareTopology(hostHidTopologyPath(), hostCaptureTopologyPath()).elsewhere;
 }
 
 UpgradeFile checkUpgradeFile(const std::string& path) {

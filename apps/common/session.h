@@ -26,10 +26,17 @@ struct DeviceInfo {
   bool operator==(const DeviceInfo&) const = default;
 };
 
+// What a new proxy and an upgrade let go of first, because a crash may have left it held. A button's release carries a
+// position, so it moves the pointer of a target whose pointer this program has not put anywhere yet.
+enum class Release {
+  kKeys,        // keyUp 0 alone: moves nothing
+  kEverything,  // and the three button-ups, where the pointer was put last (the middle before that)
+};
+
 // Bound to the main thread (the default GLib main context).
 class Session {
  public:
-  Session();
+  explicit Session(Release release = Release::kEverything);
   ~Session();
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
@@ -41,8 +48,10 @@ class Session {
   bool isPlugged();                         // "isVidPidExist"
   std::vector<std::string> captureNames();  // "getDeviceList"
 
-  // "initKmProxy", and right after it keyUp 0 and the three button-ups: what a crash left held is let go.
+  // "initKmProxy", and right after it the releases; none into another computer than the one on the screen.
   bool connectKeyboard();
+  // The device has answered the releases of the last connectKeyboard().
+  bool releasesAnswered() const;
   std::optional<DeviceInfo> info();  // "getMirnDevInfo"
   int setName(const std::string& name);
   void setLed(int status);
@@ -58,7 +67,7 @@ class Session {
   // Serves the main loop until a picture came that is newer than `after` (null = any), or the time is over.
   PixelBufferRef waitForPicture(const PixelBufferRef& after, std::chrono::milliseconds limit);
 
-  // "reqUpgradeFirmware"; releases everything before.
+  // "reqUpgradeFirmware", after the releases.
   int64_t startUpgrade(const std::string& path);
 
   // Facts for a diagnosis and an upgrade as of now.
@@ -66,12 +75,23 @@ class Session {
   UpgradeFacts upgradeFacts();
 
  private:
+  struct Releases {
+    uint64_t keys = 0;
+    uint64_t buttons = 0;
+  };
+  Releases letGo();
+
+  const Release release_;
   Engine engine_;
   ChannelClient channel_;
   ChannelInput input_;
   int64_t texture_ = -1;
   bool open_ = false;
+  Releases answered_;  // keyboard and pointer records answered once the last releases are
 };
+
+// The open keyboard interface and the open camera belong to two devices.
+bool keyboardIsElsewhere();
 
 // Reads the file's size and checks it strictly.
 UpgradeFile checkUpgradeFile(const std::string& path);

@@ -8,7 +8,8 @@ namespace mirn {
 
 struct TopologyVerdict {
   bool same = false;
-  std::string reason;  // why input is held back; empty when same
+  bool elsewhere = false;  // both are known, and the keyboard plays into another computer than the one on the screen
+  std::string reason;      // why input is held back; empty when same
 };
 
 // Bus paths of the open HID interface and of the capture node in use, e.g. "1-4.2"; empty when there is none.

@@ -34,7 +34,8 @@ ConsoleWindow::ConsoleWindow(std::string settings_path, bool is_virtual)
       settings_(loadSettings(settings_path_)),
       link_(session_, settings_.quality, settings_.best_color),
       gate_(
-          session_.input(), [this] { return link_.blockedReason().empty(); }, [this] { feed_.echo().sent(); }),
+          session_.input(), [this] { return link_.blockedReason().empty(); }, [this] { feed_.echo().sent(); },
+          &keyboardIsElsewhere),
       input_(*this, view_, gate_),
       feed_(session_,
             [this](const PixelBufferRef& picture, const ChangedRows& rows) { view_.setPicture(picture, rows); }),
@@ -129,7 +130,7 @@ void ConsoleWindow::onLinkChanged() {
   Advice advice = adviceFor(condition, link_.facts());
   if (!view_.failure().empty()) {
     card_.show("No OpenGL", view_.failure() + " Start with GDK_DEBUG=gl-legacy or another graphics driver.", false);
-  } else if (condition == Condition::kFine && !link_.blockedReason().empty() && !link_.upgrading()) {
+  } else if (heldBack()) {
     card_.show("Input is held back", link_.blockedReason(), true);
   } else {
     card_.show(advice.title, advice.text, condition != Condition::kStarting && condition != Condition::kNotPluggedIn);
@@ -137,14 +138,32 @@ void ConsoleWindow::onLinkChanged() {
   if (!link_.facts().open) {
     view_.clearPicture();
   }
+  if (std::exchange(said_held_back_, heldBack()) != heldBack()) {
+    onCaptured();
+  }
+}
+
+bool ConsoleWindow::heldBack() const {
+  return link_.condition() == Condition::kFine && !link_.blockedReason().empty() && !link_.upgrading();
 }
 
 void ConsoleWindow::onCaptured() {
   std::string key = input_.releaseKeyLabel();
-  std::string hint = input_.captured() ? "Keyboard goes to the target. Tap " + key + " alone to get it back."
-                                       : "Click into the picture to type on the target.";
+  std::string hint = "Click into the picture to type on the target.";
+  std::string keyboard = "Keyboard: here";
+  if (input_.captured()) {
+    hint = "Keyboard goes to the target. Tap " + key + " alone to get it back.";
+    keyboard = "Keyboard: target";
+  }
+  if (heldBack()) {
+    hint = link_.blockedReason();
+    keyboard = "Keyboard: held back";
+    if (input_.captured()) {
+      hint += " Tap " + key + " alone to get the keyboard back.";
+    }
+  }
   capture_hint_.set_text(hint);
-  keyboard_button_.set_label(input_.captured() ? "Keyboard: target" : "Keyboard: here");
+  keyboard_button_.set_label(keyboard);
   keyboard_button_.set_tooltip_text(hint);
   say(hint);
   // In full screen neither header nor status line is there to tell the way out.

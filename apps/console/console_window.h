@@ -57,6 +57,8 @@ class ConsoleWindow : public Gtk::ApplicationWindow {
   void connect();
   bool onClose();
   void onLinkChanged();
+  // Picture and keyboard are there, but input may not be sent.
+  bool heldBack() const;
   void onCaptured();
   void onOverlayTick();
   void say(const std::string& line);
@@ -97,6 +99,7 @@ class ConsoleWindow : public Gtk::ApplicationWindow {
   sigc::connection overlay_timer_;
   std::string said_text_;
   bool closing_ = false;
+  bool said_held_back_ = false;
 };
 
 }  // namespace mirn

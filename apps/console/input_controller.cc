@@ -43,47 +43,6 @@ const char* buttonType(guint button, bool down) {
 
 }  // namespace
 
-GatedInput::GatedInput(InputSink& target, std::function<bool()> allowed, std::function<void()> sent)
-    : target_(target), allowed_(std::move(allowed)), sent_(std::move(sent)) {}
-
-bool GatedInput::pass() {
-  bool allowed = allowed_();
-  if (allowed) {
-    sent_();
-  }
-  return allowed;
-}
-
-void GatedInput::keyDown(int virtual_key) {
-  if (pass()) {
-    target_.keyDown(virtual_key);
-  }
-}
-
-void GatedInput::keyUp(int virtual_key) {
-  if (pass()) {
-    target_.keyUp(virtual_key);
-  }
-}
-
-void GatedInput::mouseMove(int x, int y) {
-  if (pass()) {
-    target_.mouseMove(x, y);
-  }
-}
-
-void GatedInput::mouseButton(const char* type, int x, int y) {
-  if (pass()) {
-    target_.mouseButton(type, x, y);
-  }
-}
-
-void GatedInput::mouseWheel(int x, int y, int delta) {
-  if (pass()) {
-    target_.mouseWheel(x, y, delta);
-  }
-}
-
 InputController::InputController(Gtk::Window& window, PictureView& view, GatedInput& input)
     : window_(window), view_(view), input_(input), keys_(input), pointer_(input) {
   setReleaseKey("rightctrl");
@@ -207,14 +166,16 @@ void InputController::releaseEverything() {
   keys_.forget();
   buttons_ = 0;
   pointer_.settle(Steady::now(), true);
-  releaseEverythingOn(input_.target(), pointer_.x(), pointer_.y());
+  input_.releaseEverything(pointer_.x(), pointer_.y());
 }
 
 void InputController::forgetHeld() {
   keys_.forget();
-  pointer_.forget();
   wheel_.reset();
   buttons_ = 0;
+  input_.gateChanged(pointer_.x(), pointer_.y());
+  pointer_.again(Steady::now());
+  scheduleRest();
 }
 
 bool InputController::onKeyPressed(guint /*keyval*/, guint keycode, Gdk::ModifierType /*state*/) {

@@ -9,34 +9,13 @@
 #include <optional>
 #include <string>
 
+#include "apps/common/gated_input.h"
 #include "apps/common/held_keys.h"
 #include "apps/common/pointer_rest.h"
 #include "apps/common/wheel_notches.h"
 #include "apps/console/picture_view.h"
 
 namespace mirn {
-
-// Lets input through only while it may be sent. Bound to the main thread.
-class GatedInput final : public InputSink {
- public:
-  // Both are borrowed. `allowed` is asked for each event; `sent` is told after each.
-  GatedInput(InputSink& target, std::function<bool()> allowed, std::function<void()> sent);
-
-  void keyDown(int virtual_key) override;
-  void keyUp(int virtual_key) override;
-  void mouseMove(int x, int y) override;
-  void mouseButton(const char* type, int x, int y) override;
-  void mouseWheel(int x, int y, int delta) override;
-
-  InputSink& target() { return target_; }
-
- private:
-  bool pass();
-
-  InputSink& target_;
-  std::function<bool()> allowed_;
-  std::function<void()> sent_;
-};
 
 // The keyboard is captured from a click into the picture until the release key is tapped alone or the window loses the
 // focus: then every key goes to the target and the desktop's shortcuts are inhibited. The pointer acts whenever it is
@@ -52,9 +31,9 @@ class InputController {
   // The key that gives the keyboard back: "rightctrl", "pause" or "scrolllock".
   void setReleaseKey(const std::string& name);
   const char* releaseKeyLabel() const;
-  // keyUp 0 and the three button-ups, whatever the gate says.
+  // keyUp 0 and the three button-ups where the pointer is, also while input is held back.
   void releaseEverything();
-  // A new proxy, or input was blocked: nothing is held any more.
+  // A new proxy, or the gate moved: nothing is held any more, and the pointer goes to where it rests.
   void forgetHeld();
   // Keys don't go out while a text is pasted.
   void setPasting(bool pasting) { pasting_ = pasting; }

@@ -6,17 +6,9 @@
 namespace mirn {
 
 AnsweredInput::AnsweredInput(Session& session) : session_(session) {
-  // What connecting has sent (the release of everything) is answered first, so that counting starts from rest.
+  // What connecting has sent (the releases) is answered first, so that counting starts from rest.
   constexpr std::chrono::milliseconds kRelease{2000};
-  constexpr uint64_t kKeyboardReleases = 1;
-  constexpr uint64_t kPointerReleases = 3;
-  runLoopUntil(
-      [] {
-        HostLinkStatistics link = hostLinkStatistics();
-        return link.keyboardSent + link.keyboardFailed >= kKeyboardReleases &&
-               link.mouseSent + link.mouseFailed >= kPointerReleases;
-      },
-      kRelease);
+  runLoopUntil([&] { return session_.releasesAnswered(); }, kRelease);
   first_answered_ = answered();
   first_refused_ = refused();
 }
@@ -56,6 +48,12 @@ void AnsweredInput::mouseButton(const char* type, int x, int y) {
 void AnsweredInput::mouseWheel(int x, int y, int delta) {
   ++expected_;
   session_.input().mouseWheel(x, y, delta);
+}
+
+void AnsweredInput::letGo() {
+  constexpr std::chrono::milliseconds kRelease{1000};
+  keyUp(0);
+  wait(kRelease);
 }
 
 bool AnsweredInput::wait(std::chrono::milliseconds limit) {

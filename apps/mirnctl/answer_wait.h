@@ -20,6 +20,9 @@ class AnsweredInput final : public InputSink {
   void mouseButton(const char* type, int x, int y) override;
   void mouseWheel(int x, int y, int delta) override;
 
+  // After a failure: releases every key and gives the device a moment for what is on its way.
+  void letGo();
+
   // Serves the main loop until every answer came; false when the device refused one or stayed silent for `limit`.
   bool wait(std::chrono::milliseconds limit);
 

@@ -17,8 +17,6 @@ void addChannelCommand(CLI::App& app, ChosenCommand& chosen) {
       ->check(CLI::IsMember({"main", "second"}));
   command->callback([&chosen, plugin] {
     chosen = [plugin](Context& context) {
-      // As an application that just ends: nothing is sent to the device on the way out.
-      context.leaveDeviceAlone();
       Engine engine;
       if (*plugin == "second") {
         registerFlutterMirnPlugin(engine.makeRegistrar());

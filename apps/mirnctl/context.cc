@@ -23,14 +23,6 @@ gboolean plugNow(gpointer world) {
 Context::Context(const GlobalOptions& options, int descriptor, int error_descriptor)
     : options_(options), report_(descriptor, error_descriptor, options.json) {}
 
-Context::~Context() {
-  session_.reset();
-  // The last key and pointer events are on their way until here; commands wait for their answers.
-  if (!leave_device_alone_) {
-    hostReleaseProxy();
-  }
-}
-
 std::optional<int> Context::prepare() {
   if (!options_.use_virtual) {
     return std::nullopt;
@@ -55,7 +47,7 @@ void Context::scheduleVirtualPlugging() {
 
 Session& Context::session() {
   if (!session_) {
-    session_ = std::make_unique<Session>();
+    session_ = std::make_unique<Session>(Release::kKeys);
   }
   return *session_;
 }

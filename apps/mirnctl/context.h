@@ -26,7 +26,8 @@ struct GlobalOptions {
 class Context {
  public:
   Context(const GlobalOptions& options, int descriptor, int error_descriptor);
-  ~Context();
+  // The connection to the device ends with the process: closing it here could throw the target's pointer into a corner.
+  ~Context() = default;
   Context(const Context&) = delete;
   Context& operator=(const Context&) = delete;
 
@@ -36,8 +37,6 @@ class Context {
   // Installs the virtual device when it is asked for; an exit status otherwise.
   std::optional<int> prepare();
   Session& session();
-  // The connection to the device stays as it is when this object goes; else it is closed, which lets go of held keys.
-  void leaveDeviceAlone() { leave_device_alone_ = true; }
 
   // The device is there and its keyboard interface answers; else the exit status, with everything said.
   std::optional<int> needKeyboard();
@@ -54,7 +53,6 @@ class Context {
   Report report_;
   VirtualWorld* world_ = nullptr;
   std::unique_ptr<Session> session_;
-  bool leave_device_alone_ = false;
 };
 
 }  // namespace mirn

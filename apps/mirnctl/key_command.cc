@@ -40,7 +40,7 @@ int runKey(Context& context, const std::vector<std::string>& chords) {
     playChord(input, chord);
   }
   if (!input.wait(kPatience)) {
-    context.session().input().keyUp(0);
+    input.letGo();
     return context.report().failure(kExitDevice, "The Mirn refused a key or didn't answer.");
   }
   std::string text = "pressed";

@@ -63,6 +63,10 @@ int runMouse(Context& context, const MouseOptions& options, int x, int y, const 
     return *trouble;
   }
   AnsweredInput input(context.session());
+  // What a crash left held is let go where the pointer is wanted anyway: a release carries a position.
+  for (const char* release : {"lbup", "rbup", "mbup"}) {
+    input.mouseButton(release, x, y);
+  }
   act(input, x, y);
   if (!input.wait(kPatience)) {
     return context.report().failure(kExitDevice, "The Mirn refused a pointer command or didn't answer.");

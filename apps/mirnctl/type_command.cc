@@ -50,8 +50,8 @@ int runType(Context& context, TypeOptions options) {
   if (auto trouble = context.needKeyboard()) {
     return *trouble;
   }
-  AnsweredInput rest(context.session());
-  TypingRun run(plan, context.session().input(), keysAnswered(), hostLinkStatistics().keyboardFailed);
+  AnsweredInput input(context.session());
+  TypingRun run(plan, input, keysAnswered(), hostLinkStatistics().keyboardFailed);
   auto advance = [&] {
     return run.advance(keysAnswered(), hostLinkStatistics().keyboardFailed, std::chrono::steady_clock::now()) !=
            TypingRun::State::kTyping;
@@ -60,6 +60,7 @@ int runType(Context& context, TypeOptions options) {
   while (!runLoopUntil(advance, std::chrono::hours(1))) {
   }
   if (run.state() != TypingRun::State::kDone) {
+    input.letGo();
     return context.report().failure(kExitDevice, run.failure(), {{"typed", run.charactersDone()}});
   }
   Json fields = {{"typed", run.charactersDone()}};

@@ -57,14 +57,22 @@ TEST_F(HeldKeysTest, KeypadDecimalDoesToo) {
   EXPECT_THAT(sink_.take(), ElementsAre("down 162", "down 164", "down 110", "down 162", "down 164"));
 }
 
-TEST_F(HeldKeysTest, ReleasingEverythingIsKeyZeroAndThreeButtons) {
+TEST_F(HeldKeysTest, WhatIsForgottenIsNeitherHeldNorReleased) {
+  keys_.press(50, 160);
   keys_.press(38, 65);
   sink_.take();
-  keys_.releaseEverything(7, 8);
-  EXPECT_THAT(sink_.take(), ElementsAre("up 0", "lbup 7,8", "rbup 7,8", "mbup 7,8"));
+  keys_.forget();
   EXPECT_FALSE(keys_.holdsAny());
   keys_.release(38);
   EXPECT_THAT(sink_.take(), IsEmpty());
+  keys_.press(119, 46);
+  EXPECT_THAT(sink_.take(), ElementsAre("down 46")) << "no modifier is held again";
+}
+
+TEST(Release, EverythingIsKeyZeroAndThreeButtons) {
+  RecordingSink sink;
+  releaseEverythingOn(sink, 7, 8);
+  EXPECT_THAT(sink.take(), ElementsAre("up 0", "lbup 7,8", "rbup 7,8", "mbup 7,8"));
 }
 
 TEST(Chords, EveryEntryOfThePalettePlaysAndReleasesInReverse) {

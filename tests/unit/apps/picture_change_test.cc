@@ -36,7 +36,7 @@ TEST(PictureChange, EqualPicturesAreNoChange) {
   }
 }
 
-TEST(PictureChange, ASingleByteAnywhereIsSeenAfterFourLooks) {
+TEST(PictureChange, ASingleByteAnywhereIsSeenWithinOneRoundOfLooks) {
   for (size_t row : {size_t{0}, size_t{7}, size_t{63}}) {
     for (size_t byte : {size_t{0}, size_t{255}, size_t{256}, size_t{7679}}) {
       PictureChange change;

@@ -88,15 +88,25 @@ TEST(PointerRest, SettlesOnce) {
   EXPECT_EQ(std::count(sink.events.begin(), sink.events.end(), "move 5,6"), 8);
 }
 
-TEST(PointerRest, AClickSettlesAndANewProxyForgets) {
+TEST(PointerRest, AClickSettles) {
   RecordingSink sink;
   PointerRest rest(sink);
   rest.move(5, 6, {});
   rest.settledAt(5, 6);
   EXPECT_FALSE(rest.due());
-  rest.move(7, 8, {});
-  rest.forget();
-  EXPECT_FALSE(rest.settle({}, true));
+}
+
+TEST(PointerRest, AfterANewProxyTheRestingPositionIsSentAgain) {
+  RecordingSink sink;
+  PointerRest rest(sink);
+  rest.again({});
+  EXPECT_FALSE(rest.due()) << "a pointer that was never put anywhere stays";
+  rest.settledAt(7, 8);
+  PointerRest::Time now = PointerRest::Time{} + milliseconds(1000);
+  rest.again(now);
+  ASSERT_EQ(rest.due(), now + PointerRest::kRestAfter);
+  EXPECT_TRUE(rest.settle(now + PointerRest::kRestAfter));
+  EXPECT_EQ(sink.events, std::vector<std::string>(PointerRest::kMovesToBeSure, "move 7,8"));
 }
 
 TEST(PointerRest, StandingStillWhileAMoveWaitsDoesNotPostponeIt) {
