@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <ctime>
+#include <optional>
 #include <utility>
 
 #include "platform/linux/v4l2_formats.h"
@@ -171,10 +172,10 @@ void V4l2Stream::work() {
   }
 }
 
-// Of several waiting buffers only the newest is worth converting: the others go back at once.
+// Of several waiting buffers only the newest is worth converting: the others go back at once. One that can be seen to
+// be damaged never takes the place of a good one.
 V4l2Stream::Next V4l2Stream::takeNewest() {
-  v4l2_buffer newest{};
-  bool have = false;
+  std::optional<v4l2_buffer> newest;
   for (size_t taken = 0; taken < mapped_.size(); ++taken) {
     v4l2_buffer buffer{};
     const int code = dequeue(buffer);
@@ -187,16 +188,24 @@ V4l2Stream::Next V4l2Stream::takeNewest() {
     if (buffer.index >= mapped_.size()) {
       return end(EPROTO, "taking a frame");
     }
-    if (have) {
-      user_.onStreamLate();
-      if (const int back = enqueue(newest.index); back != 0) {
-        return end(back, "giving a buffer back");
+    if (!isWhole(buffer)) {
+      if (giveBack(buffer.index, &V4l2StreamUser::onStreamDamage) == Next::kEnd) {
+        return Next::kEnd;
       }
+      continue;
+    }
+    if (newest && giveBack(newest->index, &V4l2StreamUser::onStreamLate) == Next::kEnd) {
+      return Next::kEnd;
     }
     newest = buffer;
-    have = true;
   }
-  return have ? useBuffer(newest) : Next::kContinue;
+  return newest ? useBuffer(*newest) : Next::kContinue;
+}
+
+// As far as it shows without looking at the picture. A compressed frame may be of any length but none.
+bool V4l2Stream::isWhole(const v4l2_buffer& buffer) const {
+  return (buffer.flags & V4L2_BUF_FLAG_ERROR) == 0 && buffer.bytesused != 0 &&
+         buffer.bytesused <= mapped_[buffer.index].bytes && buffer.bytesused >= frameBytes(layout_);
 }
 
 int V4l2Stream::dequeue(v4l2_buffer& buffer) {
@@ -210,26 +219,25 @@ int V4l2Stream::enqueue(uint32_t index) {
   return calls_.control(fd_, VIDIOC_QBUF, &buffer);
 }
 
+// The kernel has its buffer back before anybody hears of the frame.
+V4l2Stream::Next V4l2Stream::giveBack(uint32_t index, void (V4l2StreamUser::*why)()) {
+  const int code = enqueue(index);
+  (user_.*why)();
+  return code == 0 ? Next::kContinue : end(code, "giving a buffer back");
+}
+
 V4l2Stream::Next V4l2Stream::useBuffer(const v4l2_buffer& buffer) {
-  const Mapped& mapped = mapped_[buffer.index];
-  const bool flagged = (buffer.flags & V4L2_BUF_FLAG_ERROR) != 0;
-  bool damaged = flagged || buffer.bytesused == 0 || buffer.bytesused > mapped.bytes;
-  PixelBufferRef picture;
-  if (!damaged) {
-    picture = pool_.acquire();
-    damaged = picture && converter_.convert(static_cast<const uint8_t*>(mapped.start), buffer.bytesused, layout_,
-                                            *picture) != ConvertResult::kConverted;
+  PixelBufferRef picture = pool_.acquire();
+  if (!picture) {
+    return giveBack(buffer.index, &V4l2StreamUser::onStreamLate);
   }
-  // The kernel has its buffer back before anybody hears of the frame.
-  const int back = enqueue(buffer.index);
-  if (damaged) {
-    user_.onStreamDamage();
-  } else if (!picture) {
-    user_.onStreamLate();
-  } else {
-    user_.onStreamFrame(std::move(picture), {timestampOf(buffer), buffer.sequence});
+  const auto* bytes = static_cast<const uint8_t*>(mapped_[buffer.index].start);
+  if (converter_.convert(bytes, buffer.bytesused, layout_, *picture) != ConvertResult::kConverted) {
+    return giveBack(buffer.index, &V4l2StreamUser::onStreamDamage);
   }
-  return back == 0 ? Next::kContinue : end(back, "giving a buffer back");
+  const int code = enqueue(buffer.index);
+  user_.onStreamFrame(std::move(picture), {timestampOf(buffer), buffer.sequence});
+  return code == 0 ? Next::kContinue : end(code, "giving a buffer back");
 }
 
 // A pulled-out device shows as ENODEV, ESHUTDOWN, EIO, EINVAL or POLLERR, depending on the moment. Asking it for its

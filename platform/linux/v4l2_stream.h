@@ -55,8 +55,10 @@ class V4l2Stream {
   // Capture thread.
   void work();
   Next takeNewest();
+  bool isWhole(const v4l2_buffer& buffer) const;
   int dequeue(v4l2_buffer& buffer);
   int enqueue(uint32_t index);
+  Next giveBack(uint32_t index, void (V4l2StreamUser::*why)());
   Next useBuffer(const v4l2_buffer& buffer);
   Next end(int code, const char* doing);
 

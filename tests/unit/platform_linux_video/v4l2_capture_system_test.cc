@@ -5,7 +5,7 @@
 #include <cerrno>
 
 #include "tests/support/video/log_capture.h"
-#include "tests/unit/platform_linux_video/fake_v4l2.h"
+#include "tests/support/video/fake_v4l2.h"
 
 namespace mirn {
 namespace {

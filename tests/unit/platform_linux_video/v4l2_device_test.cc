@@ -7,8 +7,8 @@
 #include <thread>
 
 #include "platform/work_queue.h"
+#include "tests/support/video/fake_v4l2.h"
 #include "tests/support/video/log_capture.h"
-#include "tests/unit/platform_linux_video/fake_v4l2.h"
 
 namespace mirn {
 namespace {
@@ -188,6 +188,39 @@ TEST_F(V4l2DeviceTest, DamagedFramesAreDroppedCountedAndTheStreamGoesOn) {
   until([&] { return calls_->push(kPath, grey(kSmall)); });
   collector_.waitFor(1);
   EXPECT_TRUE(session_->isRunning());
+}
+
+TEST_F(V4l2DeviceTest, ADamagedBufferNeverTakesThePlaceOfAGoodOne) {
+  ASSERT_TRUE(open());
+  const std::vector<uint8_t> bright(kSmall, 200);
+  const test::FakeV4l2::Frame bad[] = {{grey(kSmall), V4L2_BUF_FLAG_ERROR},
+                                       {grey(0)},            // zero length
+                                       {grey(kSmall - 1)},   // cut short
+                                       {grey(kSmall + 1)}};  // longer than its buffer
+  uint64_t round = 0;
+  for (const test::FakeV4l2::Frame& frame : bad) {
+    SCOPED_TRACE(round);
+    until([&] { return calls_->pushTogether(kPath, {{grey(kSmall)}, {bright}, frame, frame}); });
+    ++round;
+    until([&] { return numbers().framesDelivered + numbers().droppedDamaged + numbers().droppedLate == 4 * round; });
+    ASSERT_EQ(numbers().droppedDamaged, 2 * round);
+    ASSERT_EQ(numbers().framesDelivered, round);
+    const SampleBuffer shown = collector_.waitFor(round).back();
+    EXPECT_EQ(numbers().droppedLate, round) << "the older of the two good ones";
+    const PixelBufferRef& picture = shown.imageBuffer;
+    picture->lockBaseAddress(kPixelBufferLockReadOnly);
+    EXPECT_EQ(picture->baseAddress()[0], 255) << "the newer of the two good ones";
+    picture->unlockBaseAddress(kPixelBufferLockReadOnly);
+  }
+}
+
+TEST_F(V4l2DeviceTest, ADamagedBufferThatCantBeGivenBackStopsTheStream) {
+  ASSERT_TRUE(open());
+  calls_->fail(kPath, VIDIOC_QBUF, EINVAL);
+  until([&] { return calls_->push(kPath, {}); });
+  until([&] { return !session_->isRunning(); });
+  EXPECT_EQ(numbers().stopCode, EINVAL);
+  EXPECT_EQ(numbers().droppedDamaged, 1U);
 }
 
 TEST_F(V4l2DeviceTest, ACorruptJpegIsDroppedAndCounted) {

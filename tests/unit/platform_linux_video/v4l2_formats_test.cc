@@ -4,7 +4,7 @@
 
 #include <cerrno>
 
-#include "tests/unit/platform_linux_video/fake_v4l2.h"
+#include "tests/support/video/fake_v4l2.h"
 
 namespace mirn {
 namespace {

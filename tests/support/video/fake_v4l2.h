@@ -67,6 +67,13 @@ class FakeV4l2 final : public V4l2Calls {
 
   /// Fills the next queued buffer. False when none is queued or nothing streams.
   bool push(const std::string& path, const std::vector<uint8_t>& bytes, uint32_t flags = 0);
+  struct Frame {
+    std::vector<uint8_t> bytes;
+    uint32_t flags = 0;
+  };
+  /// Several that are found waiting at once, as after a while without processor time. False, and nothing done, when not
+  /// that many buffers are queued.
+  bool pushTogether(const std::string& path, const std::vector<Frame>& frames);
   /// The device is pulled out: every call answers ENODEV, poll says so.
   void unplug(const std::string& path);
   void setPollError(const std::string& path);
@@ -90,6 +97,7 @@ class FakeV4l2 final : public V4l2Calls {
   int setFormat(FakeNode& node, v4l2_format& format) MIRN_REQUIRES(lock_);
   int requestBuffers(FakeNode& node, v4l2_requestbuffers& request) MIRN_REQUIRES(lock_);
   int dequeue(FakeNode& node, v4l2_buffer& buffer) MIRN_REQUIRES(lock_);
+  bool fill(FakeNode& node, const std::vector<uint8_t>& bytes, uint32_t flags) MIRN_REQUIRES(lock_);
   void wake() MIRN_REQUIRES(lock_);
 
   Mutex lock_;

@@ -1,4 +1,4 @@
-#include "tests/unit/platform_linux_video/fake_v4l2.h"
+#include "tests/support/video/fake_v4l2.h"
 
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -79,7 +79,24 @@ FakeNode& FakeV4l2::node(const std::string& path) {
 
 bool FakeV4l2::push(const std::string& path, const std::vector<uint8_t>& bytes, uint32_t flags) {
   MutexGuard guard(lock_);
+  return fill(nodes_[path], bytes, flags);
+}
+
+bool FakeV4l2::pushTogether(const std::string& path, const std::vector<Frame>& frames) {
+  MutexGuard guard(lock_);
   FakeNode& node = nodes_[path];
+  const auto queued = std::count_if(node.buffers.begin(), node.buffers.end(),
+                                    [](const FakeNode::Buffer& buffer) { return buffer.queued; });
+  if (!node.streaming || static_cast<size_t>(queued) < frames.size()) {
+    return false;
+  }
+  for (const Frame& frame : frames) {
+    fill(node, frame.bytes, frame.flags);
+  }
+  return true;
+}
+
+bool FakeV4l2::fill(FakeNode& node, const std::vector<uint8_t>& bytes, uint32_t flags) {
   for (uint32_t index = 0; node.streaming && index < node.buffers.size(); ++index) {
     FakeNode::Buffer& buffer = node.buffers[index];
     if (buffer.queued) {
