@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 
@@ -321,6 +322,7 @@ int FakeV4l2::dequeue(FakeNode& node, v4l2_buffer& buffer) {
   buffer.bytesused = done.bytes;
   buffer.flags = done.flags;
   buffer.sequence = node.sequence++;
+  lastDequeueNs_.store(std::chrono::steady_clock::now().time_since_epoch().count(), std::memory_order_relaxed);
   return 0;
 }
 

@@ -4,6 +4,7 @@
 
 #include <linux/videodev2.h>
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -81,6 +82,8 @@ class FakeV4l2 final : public V4l2Calls {
   /// Names of the calls so far ("S_FMT", "STREAMON", ...), without polls and frame traffic.
   std::vector<std::string> trace(const std::string& path);
   void clearTrace();
+  /// When the last frame was taken out, CLOCK_MONOTONIC; 0 = none yet.
+  int64_t lastDequeueNs() const { return lastDequeueNs_.load(std::memory_order_relaxed); }
   size_t mappings();
   size_t openDescriptors();
 
@@ -106,6 +109,7 @@ class FakeV4l2 final : public V4l2Calls {
   std::map<std::string, std::vector<std::string>> trace_ MIRN_GUARDED_BY(lock_);
   std::set<void*> mapped_ MIRN_GUARDED_BY(lock_);
   int nextFd_ MIRN_GUARDED_BY(lock_) = 1000;
+  std::atomic<int64_t> lastDequeueNs_{0};
   int changedFd_ = -1;  // becomes readable when anything changes
 };
 
