@@ -36,6 +36,7 @@ std::chrono::nanoseconds intervalOf(const CaptureFormat& format) {
 VirtualCaptureDevice::Stream::Stream(VirtualCaptureDevice& device, const CaptureFormat& format,
                                      std::vector<VideoFault> faults)
     : device_(device),
+      clock_(device.settings_.clock != nullptr ? *device.settings_.clock : realClock()),
       format_(format),
       stepped_(device.settings_.frames_per_second == 0),
       interval_(intervalOf(format)),
@@ -91,7 +92,7 @@ bool VirtualCaptureDevice::Stream::step(int frames) {
 }
 
 void VirtualCaptureDevice::Stream::run() {
-  due_ = std::chrono::steady_clock::now() + (stepped_ ? std::chrono::milliseconds(0) : device_.settings_.warm_up);
+  due_ = clock_.now() + (stepped_ ? std::chrono::milliseconds(0) : device_.settings_.warm_up);
   while (waitForFrame()) {
     Verdict verdict;
     {
@@ -125,7 +126,7 @@ bool VirtualCaptureDevice::Stream::waitForFrame() {
   }
   due_ += interval_;
   // A thread that comes too late doesn't send a burst: what a real device would have sent meanwhile is lost.
-  for (const auto now = std::chrono::steady_clock::now(); interval_.count() > 0 && due_ + interval_ < now;) {
+  for (const Time now = clock_.now(); interval_.count() > 0 && due_ + interval_ < now;) {
     due_ += interval_;
     ++sequence_;
   }
@@ -133,8 +134,8 @@ bool VirtualCaptureDevice::Stream::waitForFrame() {
 }
 
 bool VirtualCaptureDevice::Stream::waitUntil(Time time) {
-  while (!stopping_ && !end_ && std::chrono::steady_clock::now() < time) {
-    wake_.wait_until(mutex_, time);
+  while (!stopping_ && !end_ && clock_.now() < time) {
+    clock_.waitUntil(wake_, mutex_, time);
   }
   return !stopping_ && !end_;
 }
@@ -174,7 +175,7 @@ VirtualCaptureDevice::Stream::Verdict VirtualCaptureDevice::Stream::judge(uint64
 bool VirtualCaptureDevice::Stream::play(const Verdict& verdict) {
   if (verdict.stall.count() > 0) {
     const MutexGuard guard(mutex_);
-    const Time until = std::chrono::steady_clock::now() + verdict.stall;
+    const Time until = clock_.now() + verdict.stall;
     if (!waitUntil(until)) {
       return false;
     }
@@ -215,8 +216,7 @@ void VirtualCaptureDevice::Stream::deliver(const Verdict& verdict) {
     device_.deliverDamagedFrame();
     return;
   }
-  const auto now = std::chrono::steady_clock::now().time_since_epoch();
-  device_.deliverFrame(std::move(picture), {std::chrono::nanoseconds(now).count(), sequence});
+  device_.deliverFrame(std::move(picture), {clock_.now().count(), sequence});
 }
 
 void VirtualCaptureDevice::Stream::damage(const std::vector<VideoFault>& faults) {

@@ -5,6 +5,7 @@
 #include <random>
 #include <utility>
 
+#include "platform/clock.h"
 #include "platform/frame_converter.h"
 #include "virtual/virtual_capture.h"
 
@@ -27,7 +28,7 @@ class VirtualCaptureDevice::Stream {
   void setFaults(std::vector<VideoFault> faults);
 
  private:
-  using Time = std::chrono::steady_clock::time_point;
+  using Time = Clock::Duration;  // since the clock's start
   // What the plan says about one frame.
   struct Verdict {
     bool lose = false;
@@ -50,6 +51,7 @@ class VirtualCaptureDevice::Stream {
   void tellEnd();
 
   VirtualCaptureDevice& device_;
+  Clock& clock_;
   const CaptureFormat format_;
   const bool stepped_;
   const std::chrono::nanoseconds interval_;
@@ -67,7 +69,7 @@ class VirtualCaptureDevice::Stream {
 
   // The thread's own.
   uint32_t sequence_ = 0;
-  Time due_;
+  Time due_{0};
   std::minstd_rand random_;
   FrameConverter converter_;
   PixelBufferPool pool_;

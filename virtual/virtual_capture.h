@@ -13,6 +13,7 @@
 
 #include "deps/pellum/thread_annotations.h"
 #include "platform/capture.h"
+#include "platform/clock.h"
 #include "virtual/virtual_target.h"
 
 namespace mirn {
@@ -66,8 +67,9 @@ struct VirtualCaptureSettings {
   std::chrono::microseconds jitter{1500};  // a frame comes up to this much late, differently each time
   std::chrono::milliseconds warm_up{120};  // without frames after each start of the stream
   uint32_t seed = 1;
-  bool busy = false;    // another program holds it: opening fails with EBUSY
-  bool denied = false;  // opening fails with EACCES
+  Clock* clock = nullptr;  // that frames come by, null = the machine's own; lives as long as the device
+  bool busy = false;       // another program holds it: opening fails with EBUSY
+  bool denied = false;     // opening fails with EACCES
   // Sizes and formats offered; empty = both sizes in YUYV, NV12 and MJPG. Sizes other than 1920x1080 and 1280x720 are
   // listed but refuse to be set.
   std::vector<CaptureFormat> formats;
