@@ -22,6 +22,8 @@ namespace {
 
 using std::chrono::steady_clock;
 
+constexpr uint64_t kFramesPerSecond = 240;
+
 std::chrono::milliseconds raceTime() {
   const char* seconds = std::getenv("MIRN_RACE_SECONDS");
   return std::chrono::milliseconds(seconds != nullptr ? std::atoi(seconds) * 1000 : 2000);
@@ -105,7 +107,7 @@ void churn(const std::shared_ptr<RaceRegistry>& registry, unsigned seed, const s
 
 // 240 pictures a second from a pool, as a capture thread delivers them.
 void produce(test::FakeCaptureDevice& device, const std::atomic<bool>& stop) {
-  constexpr auto kInterval = std::chrono::nanoseconds(1'000'000'000 / 240);
+  constexpr auto kInterval = std::chrono::nanoseconds(1'000'000'000 / kFramesPerSecond);
   PixelBufferPool pool(64, 36, kPixelFormatBGRA, 8);
   auto due = steady_clock::now();
   while (!stop) {
@@ -151,10 +153,17 @@ TEST(TextureRaceTest, FramesCreationDrawingAndDestructionInParallel) {
     thread.join();
   }
   const CaptureStatistics numbers = manager->captureSession()->statistics();
-  EXPECT_GT(numbers.framesDelivered, 10U);
-  EXPECT_GT(destroyed, 10U);
-  EXPECT_GT(drawn, 0U);
+  const uint64_t due = kFramesPerSecond * static_cast<uint64_t>(raceTime().count()) / 1000;
+  EXPECT_GE(numbers.framesCaptured, due * 3 / 4) << "the producer makes up for what it was late";
+  EXPECT_LE(numbers.framesCaptured, due + kFramesPerSecond);
+  // A frame that found the one before still waiting took its place: a machine that does nothing else delivers nearly
+  // all.
+  EXPECT_GE(numbers.framesDelivered, due / 4);
+  EXPECT_GE(destroyed, due / 4);
+  EXPECT_GE(drawn, due / 4);
   RecordProperty("frames", std::to_string(numbers.framesDelivered));
+  RecordProperty("destroyed", std::to_string(destroyed));
+  RecordProperty("drawn", std::to_string(drawn));
   manager->close();
   std::vector<int64_t> ids;
   liveTextureIds(ids);
