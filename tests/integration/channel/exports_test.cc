@@ -38,7 +38,7 @@ TEST(SharedLibrary, ShowsItsEntryPointsAndTheHostFunctionsAlone) {
                                             "mirn::registerFlutterMirnPlugin(mirn::PluginRegistrar&)",
                                             "mirn::registerFlutterMirnPluginCApi(mirn::PluginRegistrar&)"}));
   for (const char* function :
-       {"mirn::hostSessionStatistics()", "mirn::hostLastOpenError()", "mirn::hostHidTopologyPath[abi:cxx11]()",
+       {"mirn::hostSessionStatistics()", "mirn::hostLastOpenError()", "mirn::hostHidRefusal()", "mirn::hostHidTopologyPath[abi:cxx11]()",
         "mirn::hostCaptureTopologyPath[abi:cxx11]()", "mirn::hostLinkStatistics()",
         "mirn::hostInstallHidFunctions(mirn::HidFunctions const*)",
         "mirn::hostInstallCaptureSystem(mirn::CaptureSystem*)", "mirn::hostInstallUsbRegistry(mirn::UsbRegistry*)",

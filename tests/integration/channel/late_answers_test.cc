@@ -44,6 +44,10 @@ struct Limit {
   int late_wait = 0;  // ms that the late case takes; 0: the limit
 };
 
+void PrintTo(const Limit& limit, std::ostream* stream) {
+  *stream << limit.name;
+}
+
 const Outcomes kOneSent{1, 0};
 const Outcomes kOneFailed{0, 1};
 
