@@ -149,13 +149,14 @@ void MirnState::apply(const Fault& fault, ExchangeVerdict* verdict) {
 }
 
 void MirnState::takePieces(std::span<const uint8_t> report, Nanoseconds now) {
-  if (!parser_.inFrame() && isRawReport(report)) {
-    takeRawReport(report, now);
-    return;
-  }
   while (!report.empty()) {
     const std::span<const uint8_t> piece = report.first(std::min(report.size(), kReportBytes));
     report = report.subspan(piece.size());
+    // The bus hands over pieces, whatever the host wrote at once.
+    if (!parser_.inFrame() && isRawReport(piece)) {
+      takeRawReport(piece, now);
+      continue;
+    }
     for (const uint8_t byte : piece) {
       if (parser_.take(byte)) {
         takeFrame(parser_.frame(), now);

@@ -137,6 +137,28 @@ TEST_F(VirtualMirnTest, SevenBytesInsideOfAFrameAreNoRawReport) {
   EXPECT_EQ(mirn_->counters().writes, 1U) << "pieces of one frame are one exchange";
 }
 
+TEST_F(VirtualMirnTest, AWriteArrivesInPiecesOf64BytesOfWhichTheLastMayBeARawReport) {
+  Bytes write(64, 0);
+  const Bytes raw = {0x01, 2, 0, 0xAA, 0x00, 0xCC, 0x00};
+  write.insert(write.end(), raw.begin(), raw.end());
+  EXPECT_EQ(host_->write(write), VirtualWriteResult::kAccepted);
+  EXPECT_EQ(mirn_->counters().raw_reports, 1U);
+  EXPECT_EQ(mirn_->counters().stray_bytes, 64U);
+  EXPECT_EQ(mirn_->counters().writes, 1U);
+  EXPECT_EQ(mirn_->input().x, 0xAA);
+  EXPECT_EQ(mirn_->input().buttons, 2);
+}
+
+TEST_F(VirtualMirnTest, SevenBytesBehindAFullPieceOfAFrameBelongToTheFrame) {
+  Bytes payload(62, 1);  // 71 bytes on the wire, the last piece of which begins with 1, too
+  const Bytes wire = MirnDriver::frame(15, payload);
+  ASSERT_EQ(wire.size(), 71U);
+  ASSERT_EQ(wire[64], 0x01);
+  EXPECT_EQ(host_->write(wire), VirtualWriteResult::kAccepted);
+  EXPECT_EQ(mirn_->counters().raw_reports, 0U);
+  EXPECT_EQ(mirn_->counters().frames, 1U);
+}
+
 TEST_F(VirtualMirnTest, WhatItDoesNotUnderstandIsAnsweredWithOne) {
   const std::pair<uint8_t, size_t> requests[] = {{0, 0}, {1, 1},   {2, 7},   {2, 9},  {3, 6},    {4, 0},    {5, 0},
                                                  {5, 2}, {6, 2},   {7, 0},   {7, 3},  {7, 1027}, {7, 1029}, {8, 0},
