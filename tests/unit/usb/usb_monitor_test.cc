@@ -1,6 +1,7 @@
 #include "usb/usb_monitor.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <chrono>
 #include <future>
@@ -309,6 +310,50 @@ INSTANTIATE_TEST_SUITE_P(
                     SetUpFailure{"Terminate", [](UsbRegistryDouble& r) { r.terminate_result = 5; },
                                  "Failed to add terminated notification: 5", true, 1, 1}),
     [](const auto& failure) { return failure.param.name; });
+
+// While it lives no thread can be made: a new one's stack would need the whole address space.
+class NoMoreThreads {
+ public:
+  NoMoreThreads() {
+    EXPECT_EQ(pthread_getattr_default_np(&before_), 0);
+    pthread_attr_t endless;
+    pthread_attr_init(&endless);
+    EXPECT_EQ(pthread_attr_setstacksize(&endless, size_t{1} << 47), 0);
+    EXPECT_EQ(pthread_setattr_default_np(&endless), 0);
+    pthread_attr_destroy(&endless);
+  }
+  ~NoMoreThreads() {
+    EXPECT_EQ(pthread_setattr_default_np(&before_), 0);
+    pthread_attr_destroy(&before_);
+  }
+  NoMoreThreads(const NoMoreThreads&) = delete;
+  NoMoreThreads& operator=(const NoMoreThreads&) = delete;
+
+ private:
+  pthread_attr_t before_{};
+};
+
+TEST_F(UsbMonitorTest, WithoutAThreadTheStartSaysSoAndCountsAsOne) {
+  USBMonitor monitor;
+  monitor.SetDeviceExist(true);
+  const auto [out, err] = streamsOf([&] {
+    const NoMoreThreads none;
+    EXPECT_TRUE(monitor.StartMonitoring());
+  });
+  EXPECT_EQ(out, "");
+  EXPECT_EQ(err, "Failed to start the USB monitor thread: Resource temporarily unavailable\n");
+  EXPECT_EQ(quickClock().sleeps.load(), 1);
+  EXPECT_TRUE(monitor.GetDeviceExist());
+  EXPECT_TRUE(monitor.StartMonitoring()) << "still flagged as monitoring: nothing is tried again";
+  EXPECT_EQ(registry_.counts().ports, 0);
+  const auto [stop_out, stop_err] = streamsOf([&] { monitor.StopMonitoring(); });
+  EXPECT_EQ(stop_out, "USB monitoring stopped\n");
+  EXPECT_EQ(stop_err, "");
+  EXPECT_TRUE(monitor.StartMonitoring());
+  registry_.waitUntilRunning();
+  monitor.StopMonitoring();
+  EXPECT_TRUE(registry_.allGivenBack());
+}
 
 TEST_F(UsbMonitorTest, AFailedStartCanBeFollowedByAGoodOne) {
   registry_.fail_port = true;
