@@ -187,7 +187,8 @@ Conversion gstConverter(const CameraFrames& frames, const Source& source) {
   return [state] { gst_video_converter_frame(state->converter, &state->inFrame, &state->outFrame); };
 }
 
-// The decoder is an element: frames go through a pipeline of its own. Null when the element isn't installed.
+// The decoder is an element: frames go through a pipeline of its own. Null when the element isn't installed and rows
+// may be left out.
 Conversion gstDecoder(const CameraFrames& frames) {
   struct State {
     GstElement* pipeline = nullptr;
@@ -203,8 +204,12 @@ Conversion gstDecoder(const CameraFrames& frames) {
   gst_init(nullptr, nullptr);
   GstElementFactory* factory = gst_element_factory_find("jpegdec");
   if (factory == nullptr) {
-    std::fprintf(stderr, "GStreamer has no jpegdec, its MJPEG rows are left out (package gstreamer1.0-plugins-good)\n");
+    std::fprintf(stderr, "GStreamer has no jpegdec: install the package gstreamer1.0-plugins-good\n");
+#ifdef MIRN_ALL_PEERS
+    std::exit(1);
+#else
     return nullptr;
+#endif
   }
   gst_object_unref(factory);
   const std::string text =
@@ -213,15 +218,13 @@ Conversion gstDecoder(const CameraFrames& frames) {
       " ! jpegdec ! videoconvert n-threads=1 ! video/x-raw,format=BGRA ! appsink name=out sync=false";
   GstElement* pipeline = gst_parse_launch(text.c_str(), nullptr);
   if (pipeline == nullptr) {
-    return nullptr;
+    std::fprintf(stderr, "GStreamer can't build the pipeline %s\n", text.c_str());
+    std::exit(1);
   }
   auto state = std::make_shared<State>();
   state->pipeline = pipeline;
   state->source = gst_bin_get_by_name(GST_BIN(pipeline), "in");
   state->sink = gst_bin_get_by_name(GST_BIN(pipeline), "out");
-  if (state->source == nullptr || state->sink == nullptr) {
-    return nullptr;
-  }
   gst_element_set_state(pipeline, GST_STATE_PLAYING);
   return [state, &frames] {
     GstBuffer* buffer = gst_buffer_new_wrapped_full(GST_MEMORY_FLAG_READONLY, const_cast<uint8_t*>(frames.mjpeg.data()),

@@ -1,12 +1,9 @@
-// From the capture thread's hand to the textures: what a frame costs after its conversion, and how long until the
-// engine is told.
+// From the capture thread's hand to the textures: what a frame costs after its conversion.
 
 #include <benchmark/benchmark.h>
-#include <pthread.h>
 
 #include <atomic>
 #include <chrono>
-#include <thread>
 
 #include "platform/main_queue.h"
 #include "platform/system_log.h"
@@ -75,48 +72,18 @@ void bareHandOver(benchmark::State& state) {
   }
 }
 
-void pinTo(pthread_t thread, int cpu) {
-  cpu_set_t set;
-  CPU_ZERO(&set);
-  CPU_SET(cpu, &set);
-  pthread_setaffinity_np(thread, sizeof set, &set);
-}
-
-// From the capture thread's delivery to the engine's being told, over the thread boundary. Both threads on one CPU, or
-// on two: on virtual machines the second is another matter by an order of magnitude.
-void handOver(benchmark::State& state, int captureCpu) {
+// What eight textures may cost: one, and 2 us for each that is more. A limit, not something that anybody does.
+void oneTextureAndAllowance(benchmark::State& state) {
   using Clock = std::chrono::steady_clock;
+  constexpr std::chrono::duration<double> kAllowance = std::chrono::microseconds(2) * 7;
   Delivery delivery(1);
-  pinTo(pthread_self(), 0);
-  std::atomic<int> turn{0};  // 1 = a frame is wanted, 2 = end
-  std::atomic<int64_t> sentAt{0};
-  std::thread capture([&] {
-    pinTo(pthread_self(), captureCpu);
-    for (;;) {
-      turn.wait(0);
-      if (turn.load() == 2) {
-        return;
-      }
-      turn.store(0);
-      sentAt.store(Clock::now().time_since_epoch().count());
-      delivery.device->push(delivery.pool.acquire());
-    }
-  });
   for (auto _ : state) {
-    turn.store(1);
-    turn.notify_one();
-    const uint64_t before = delivery.registry->told.load();
-    while (delivery.registry->told.load() == before) {
-      if (delivery.queue.runAll() == 0) {
-        std::this_thread::yield();
-      }
-    }
-    const int64_t took = Clock::now().time_since_epoch().count() - sentAt.load();
-    state.SetIterationTime(static_cast<double>(took) * 1e-9);
+    const auto before = Clock::now();
+    delivery.device->push(delivery.pool.acquire());
+    delivery.queue.runAll();
+    const std::chrono::duration<double> took = Clock::now() - before;
+    state.SetIterationTime((took + kAllowance).count());
   }
-  turn.store(2);
-  turn.notify_one();
-  capture.join();
 }
 
 }  // namespace
@@ -127,11 +94,8 @@ int main(int argc, char** argv) {
   benchmark::RegisterBenchmark("frame to 1 texture/ours", deliver, 1);
   benchmark::RegisterBenchmark("frame to 1 texture/peer:bare reference under a lock", bareHandOver);
   benchmark::RegisterBenchmark("frame to 8 textures/ours", deliver, 8);
-  benchmark::RegisterBenchmark("frame to 8 textures/peer:to 1 texture", deliver, 1);
-  benchmark::RegisterBenchmark("capture thread to engine, one CPU/ours", handOver, 0)->UseManualTime();
-  if (std::thread::hardware_concurrency() > 1) {
-    benchmark::RegisterBenchmark("capture thread to engine, two CPUs/ours", handOver, 1)->UseManualTime();
-  }
+  benchmark::RegisterBenchmark("frame to 8 textures/peer:to 1 texture and 2 us each", oneTextureAndAllowance)
+      ->UseManualTime();
   benchmark::Initialize(&argc, argv);
   benchmark::RunSpecifiedBenchmarks();
   return 0;

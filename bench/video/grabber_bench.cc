@@ -3,6 +3,9 @@
 
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -10,6 +13,7 @@
 #include <vector>
 
 #include "bench/video/bench_frames.h"
+#include "tests/support/video/pictures.h"
 #include "video/letterbox.h"
 #include "video/picture_scaler.h"
 
@@ -26,12 +30,16 @@ extern "C" {
 namespace mirn::bench {
 namespace {
 
-using Frame = std::function<void()>;
+// One way to make the grabber's frame.
+struct Frame {
+  std::function<void()> make;
+  const uint8_t* canvas = nullptr;  // what it leaves: 3-byte pixels, rows packed; null = no picture
+};
 
 Frame ours(const CameraFrames& frames, ScalerCode code) {
   auto scaler = std::make_shared<PictureScaler>(code);
   auto canvas = std::make_shared<std::vector<uint8_t>>(kCanvasBytes);
-  return [scaler, canvas, &frames] {
+  const auto make = [scaler, canvas, &frames] {
     const auto width = static_cast<size_t>(frames.width);
     const auto height = static_cast<size_t>(frames.height);
     const Letterbox box = *letterbox(width, height);
@@ -42,19 +50,21 @@ Frame ours(const CameraFrames& frames, ScalerCode code) {
     benchmark::DoNotOptimize(canvas->data());
     benchmark::ClobberMemory();
   };
+  return {make, canvas->data()};
 }
 
 #ifdef MIRN_PEER_OPENCV
 Frame openCv(const CameraFrames& frames) {
   auto canvas = std::make_shared<cv::Mat>(kCanvasHeight, kCanvasWidth, CV_8UC3, cv::Scalar(0));
   auto scaled = std::make_shared<cv::Mat>();
-  return [canvas, scaled, &frames] {
+  const auto make = [canvas, scaled, &frames] {
     const Letterbox box = *letterbox(static_cast<size_t>(frames.width), static_cast<size_t>(frames.height));
     const cv::Mat source(frames.height, frames.width, CV_8UC4, const_cast<uint8_t*>(frames.bgra.data()));
     cv::resize(source, *scaled, cv::Size(box.width, box.height), 0, 0, cv::INTER_AREA);
     cv::Mat target = (*canvas)(cv::Rect(box.left, box.top, box.width, box.height));
     cv::cvtColor(*scaled, target, cv::COLOR_BGRA2BGR);
   };
+  return {make, canvas->data};
 }
 #endif
 
@@ -66,7 +76,7 @@ Frame swscale(const CameraFrames& frames) {
                                       sws_freeContext);
   // Its vector code writes whole registers past a row: the canvas has room behind it.
   auto canvas = std::make_shared<std::vector<uint8_t>>(kCanvasBytes + 256);
-  return [=, &frames] {
+  const auto make = [=, &frames] {
     const uint8_t* planes[4] = {frames.bgra.data(), nullptr, nullptr, nullptr};
     const int strides[4] = {frames.width * 4, 0, 0, 0};
     uint8_t* out[4] = {canvas->data() + static_cast<size_t>(box.top) * kCanvasBytesPerRow +
@@ -75,11 +85,12 @@ Frame swscale(const CameraFrames& frames) {
     const int outStrides[4] = {static_cast<int>(kCanvasBytesPerRow), 0, 0, 0};
     sws_scale(context.get(), planes, strides, 0, frames.height, out, outStrides);
   };
+  return {make, canvas->data()};
 }
 #endif
 
 Frame plainRead(const CameraFrames& frames) {
-  return [&frames] {
+  const auto make = [&frames] {
     uint64_t sum = 0;
     for (size_t at = 0; at + 8 <= frames.bgra.size(); at += 8) {
       uint64_t word = 0;
@@ -88,13 +99,51 @@ Frame plainRead(const CameraFrames& frames) {
     }
     benchmark::DoNotOptimize(sum);
   };
+  return {make, nullptr};
 }
 
-void add(const std::string& name, const Frame& frame) {
-  benchmark::RegisterBenchmark(name.c_str(), [frame](benchmark::State& state) {
-    frame();
+// Against the exact area average, in dB. Equal pictures count as kEqualDb: a table has no room for the infinite.
+constexpr double kEqualDb = 99;
+
+double quality(const CameraFrames& frames, const Frame& frame) {
+  const auto width = static_cast<size_t>(frames.width);
+  const auto height = static_cast<size_t>(frames.height);
+  const Letterbox box = *letterbox(width, height);
+  test::Picture source;
+  source.width = width;
+  source.height = height;
+  source.bytes = frames.bgra;
+  const auto boxWidth = static_cast<size_t>(box.width);
+  const auto boxHeight = static_cast<size_t>(box.height);
+  frame.make();
+  std::vector<uint8_t> got;
+  for (size_t y = 0; y < boxHeight; ++y) {
+    const uint8_t* row = frame.canvas + (static_cast<size_t>(box.top) + y) * kCanvasBytesPerRow +
+                         static_cast<size_t>(box.left) * kCanvasBytesPerPixel;
+    got.insert(got.end(), row, row + boxWidth * kCanvasBytesPerPixel);
+  }
+  return std::min(kEqualDb, test::psnr(got, test::exactAreaAverage(source, boxWidth, boxHeight)));
+}
+
+// A race is fair among equals: from this on nobody sees a difference, and 3:1 and 2:1 must reach it.
+constexpr double kEqualQualityDb = 60;
+
+// Speed that was bought with a worse picture than the peer's is no speed.
+void requireEqualQuality(const std::string& what, double ours, double peer) {
+  if (ours < std::min(peer, kEqualQualityDb)) {
+    std::fprintf(stderr, "%s: %.1f dB, the peer has %.1f dB\n", what.c_str(), ours, peer);
+    std::exit(1);
+  }
+}
+
+void add(const std::string& name, const Frame& frame, double decibels) {
+  benchmark::RegisterBenchmark(name.c_str(), [frame, decibels](benchmark::State& state) {
+    frame.make();
     for (auto _ : state) {
-      frame();
+      frame.make();
+    }
+    if (decibels > 0) {
+      state.counters["psnr_db"] = decibels;
     }
   })->Unit(benchmark::kMicrosecond);
 }
@@ -103,14 +152,23 @@ void addAll(int width, int height, Content content) {
   const CameraFrames& frames = cameraFrames(width, height, content);
   const std::string what = "grabber frame " + std::to_string(width) + "x" + std::to_string(height) +
                            (content == Content::kDesktop ? " desktop" : " noise");
-  add(what + "/ours", ours(frames, ScalerCode::kBest));
-  add(what + "/peer:our portable code", ours(frames, ScalerCode::kPortable));
-  add(what + "/peer:one read of the frame", plainRead(frames));
+  const Frame best = ours(frames, ScalerCode::kBest);
+  const double decibels = quality(frames, best);
+  add(what + "/ours", best, decibels);
+  const Frame portable = ours(frames, ScalerCode::kPortable);
+  add(what + "/peer:our portable code", portable, quality(frames, portable));
+  add(what + "/peer:one read of the frame", plainRead(frames), 0);
 #ifdef MIRN_PEER_OPENCV
-  add(what + "/peer:OpenCV", openCv(frames));
+  const Frame cv = openCv(frames);
+  const double cvDecibels = quality(frames, cv);
+  add(what + "/peer:OpenCV", cv, cvDecibels);
+  if (height == 1080) {
+    requireEqualQuality(what, decibels, cvDecibels);
+  }
 #endif
 #ifdef MIRN_PEER_SWSCALE
-  add(what + "/peer:libswscale", swscale(frames));
+  const Frame sws = swscale(frames);
+  add(what + "/peer:libswscale", sws, quality(frames, sws));
 #endif
 }
 
