@@ -13,8 +13,7 @@
 namespace mirn {
 namespace {
 
-using std::chrono_literals::operator""us;
-using std::chrono_literals::operator""ms;
+using std::chrono::microseconds;
 
 constexpr size_t kFrames = 60;
 
@@ -93,14 +92,14 @@ std::vector<Clock::Duration> latenesses(VirtualCaptureSettings settings) {
 }
 
 TEST(VirtualCaptureJitterTest, EveryFrameIsLateByAnAmountOfItsOwnWithinTheBound) {
-  for (const std::chrono::microseconds bound : {1500us, 4000us}) {
+  for (const microseconds bound : {microseconds(1500), microseconds(4000)}) {
     SCOPED_TRACE(bound.count());
     VirtualCaptureSettings settings;
     settings.jitter = bound;
     const std::vector<Clock::Duration> late = latenesses(settings);
     ASSERT_EQ(late.size(), kFrames);
     const auto [least, most] = std::minmax_element(late.begin(), late.end());
-    EXPECT_GE(*least, 0us);
+    EXPECT_GE(*least, microseconds(0));
     EXPECT_LE(*most, bound);
     EXPECT_LT(*least, bound / 4) << "the whole range is used";
     EXPECT_GT(*most, bound * 3 / 4);
@@ -109,11 +108,11 @@ TEST(VirtualCaptureJitterTest, EveryFrameIsLateByAnAmountOfItsOwnWithinTheBound)
 }
 
 TEST(VirtualCaptureJitterTest, TheUsualBoundIsAMillisecondAndAHalf) {
-  EXPECT_EQ(VirtualCaptureSettings().jitter, 1500us);
+  EXPECT_EQ(VirtualCaptureSettings().jitter, microseconds(1500));
   const std::vector<Clock::Duration> late = latenesses({});
   const auto [least, most] = std::minmax_element(late.begin(), late.end());
-  EXPECT_LE(*most, 1500us);
-  EXPECT_GT(*most - *least, 750us);
+  EXPECT_LE(*most, microseconds(1500));
+  EXPECT_GT(*most - *least, microseconds(750));
 }
 
 TEST(VirtualCaptureJitterTest, TheSameSeedPlaysTheSameAndAnotherDoesNot) {
@@ -126,8 +125,8 @@ TEST(VirtualCaptureJitterTest, TheSameSeedPlaysTheSameAndAnotherDoesNot) {
 
 TEST(VirtualCaptureJitterTest, WithoutJitterFramesComeEvenlyAfterTheWarmUp) {
   VirtualCaptureSettings settings;
-  settings.jitter = 0us;
-  settings.warm_up = 250ms;
+  settings.jitter = microseconds(0);
+  settings.warm_up = std::chrono::milliseconds(250);
   EXPECT_EQ(latenesses(settings), std::vector<Clock::Duration>(kFrames, Clock::Duration(0)));
 }
 
