@@ -112,15 +112,20 @@ TEST_F(FirmwareTest, EveryByteValueIn1024GoesOutWhole) {
 }
 
 TEST_F(FirmwareTest, AWholeUpgradeWithGreetingBringsTheNewVersion) {
-  start("2.0.0");
+  VirtualMirnSettings settings;
+  settings.version = "2.0.0";
+  settings.greeting_required = true;
+  start(settings);
   Bytes image = testImage(5000);
   const std::string mark = "MIRN-VERSION=2.1.7";
   std::copy(mark.begin(), mark.end(), image.begin() + 100);
   image[100 + mark.size()] = 0;
   EXPECT_EQ(proxy_->ReqUpgradeFirmwareHandShake(), 1);
   EXPECT_EQ(proxy_->ReqUpgradeFirmware(directory_.write("new.HEX", hexFile(image, 16, "\r\n"))), 1);
-  proxy_->drain();
-  EXPECT_TRUE(mirn_->firmware().greeted || mirn_->firmware().completed == 1);
+  EXPECT_THAT(arrived(),
+              ::testing::ElementsAre("greeting", "chunk 0/5", "chunk 1/5", "chunk 2/5", "chunk 3/5", "chunk 4/5"));
+  EXPECT_EQ(mirn_->firmware().completed, 1u);
+  EXPECT_EQ(mirn_->firmware().rejected_chunks, 0u);
   EXPECT_EQ(mirn_->firmware().image, padded(image));
   EXPECT_EQ(mirn_->version(), "2.1.7");
   const std::vector<Outcome> outcomes = listener_.outcomes();
@@ -269,7 +274,7 @@ class HugeImageTest : public FirmwareTest {
  protected:
   // A sparse file of that many chunks; the last one holds a single byte.
   std::string sparse(uint64_t chunks) const {
-    const std::string path = directory_.path("huge.bin");
+    std::string path = directory_.path("huge.bin");
     const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     EXPECT_EQ(ftruncate(fd, static_cast<off_t>((chunks - 1) * 1024 + 1)), 0);
     close(fd);
@@ -309,19 +314,67 @@ TEST_F(HugeImageTest, With65537ChunksTotalAndNumbersWrap) {
   EXPECT_EQ(outcomes[65536], (Outcome{Kind::kUpgrade, 0, 0, 1}));
 }
 
-TEST_F(HugeImageTest, OnTheWireTheNumbersWrapAsWell) {
+// Looks at the device after each chunk's exchange: the history of tens of thousands of chunks needs no memory.
+class ChunkCounter : public IKeyMouseListener {
+ public:
+  ChunkCounter(const std::shared_ptr<VirtualMirn>& mirn, uint16_t total) : mirn_(mirn), total_(total) {}
+
+  void OnUpgradeStep(uint16_t, uint16_t) override { ADD_FAILURE(); }
+  void OnSendMouseResult(int) override {}  // the releases, when the proxy goes
+  void OnSendKeyboardResult(int) override {}
+  void OnSendFirmwareHandSharkeResult(int) override { ADD_FAILURE(); }
+  void OnSendUpgradeResult(int result, uint16_t id, uint16_t total) override {
+    const Outcome expected{Kind::kUpgrade, 0, static_cast<uint16_t>(chunks_), total_};
+    const std::vector<VirtualReceived> received = mirn_->receivedAfter(seen_);
+    seen_ += received.size();
+    ++chunks_;
+    const auto* chunk = received.size() == 1 ? std::get_if<VirtualFirmwareChunk>(&received[0].record) : nullptr;
+    const bool right = Outcome{Kind::kUpgrade, result, id, total} == expected && chunk != nullptr &&
+                       chunk->id == expected.id && chunk->total == expected.total;
+    if (!right && wrong_++ == 0) ADD_FAILURE() << "the first that is wrong is chunk " << chunks_ - 1;
+  }
+
+  // While the queue is empty.
+  uint64_t chunks() const { return chunks_; }
+
+ private:
+  const std::shared_ptr<VirtualMirn> mirn_;
+  const uint16_t total_;
+  uint64_t seen_ = 1;  // the greeting
+  uint64_t chunks_ = 0;
+  uint64_t wrong_ = 0;
+};
+
+struct LiveImage {
+  uint64_t chunks;
+  uint16_t total;      // as the wire carries it
+  uint64_t completed;  // images that the device makes of it
+  uint64_t rejected;
+};
+
+class LiveHugeImageTest : public HugeImageTest, public testing::WithParamInterface<LiveImage> {};
+
+// Every one reports success: what fails has a number at or beyond the total, which counts as the last chunk.
+TEST_P(LiveHugeImageTest, EachChunkReachesTheDeviceOnceWithNumbersOf16Bits) {
   VirtualMirnSettings settings;
   settings.history_limit = 3;
   plugIn(settings);
-  proxy_ = std::make_unique<TestProxy>(&listener_);
-  const uint64_t before = mirn_->receivedCount();
-  EXPECT_EQ(proxy_->ReqUpgradeFirmware(sparse(65537)), 1);
+  ChunkCounter counter(mirn_, GetParam().total);
+  proxy_ = std::make_unique<TestProxy>(&counter);
+  EXPECT_EQ(proxy_->ReqUpgradeFirmware(sparse(GetParam().chunks)), 1);
   proxy_->drain();
-  ASSERT_EQ(mirn_->receivedCount() - before, 65537u);
-  std::vector<std::string> last;
-  for (const VirtualReceived& received : mirn_->received()) last.push_back(describe(received.record));
-  EXPECT_THAT(last, ::testing::ElementsAre("chunk 65534/1", "chunk 65535/1", "chunk 0/1"));
+  EXPECT_EQ(counter.chunks(), GetParam().chunks);
+  EXPECT_EQ(mirn_->receivedCount(), GetParam().chunks + 1);
+  EXPECT_EQ(mirn_->firmware().completed, GetParam().completed);
+  EXPECT_EQ(mirn_->firmware().rejected_chunks, GetParam().rejected);
+  proxy_.reset();  // before its listener goes
 }
+
+INSTANTIATE_TEST_SUITE_P(Chunks, LiveHugeImageTest,
+                         testing::Values(LiveImage{65535, 65535, 1, 0},   // the largest that fits
+                                         LiveImage{65536, 0, 0, 65536},   // an image of no chunks
+                                         LiveImage{65537, 1, 2, 65535}),  // the first chunk and the wrapped last
+                         [](const auto& image) { return std::to_string(image.param.chunks); });
 
 TEST_F(HugeImageTest, AFileBeyondAnyFirmwareIsRefusedBeforeItIsRead) {
   start();

@@ -128,6 +128,7 @@ ProxyTest::ProxyTest() = default;
 
 ProxyTest::~ProxyTest() {
   proxy_.reset();
+  EXPECT_EQ(listener_.upgrade_steps, 0) << "no proxy reports steps: that is meant";
 }
 
 void ProxyTest::plugIn(VirtualMirnSettings settings) {
@@ -140,7 +141,11 @@ void ProxyTest::plugIn(VirtualMirnSettings settings) {
 TestProxy& ProxyTest::start(const std::string& version) {
   VirtualMirnSettings settings;
   settings.version = version;
-  plugIn(settings);
+  return start(std::move(settings));
+}
+
+TestProxy& ProxyTest::start(VirtualMirnSettings settings) {
+  plugIn(std::move(settings));
   proxy_ = std::make_unique<TestProxy>(&listener_);
   proxy_->initKeyMap();
   seen_ = mirn_->receivedCount();

@@ -124,6 +124,7 @@ class ProxyTest : public ::testing::Test {
   void plugIn(VirtualMirnSettings settings);
   // A proxy on a device that reports `version`. What the greeting sent is forgotten.
   TestProxy& start(const std::string& version = "1.0.0");
+  TestProxy& start(VirtualMirnSettings settings);
   // What the device has received since the last call, once the queue is empty.
   std::vector<std::string> arrived();
 
