@@ -5,26 +5,25 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <vector>
 
 #include "platform/hid_functions.h"
 #include "plugin/mirn_host.h"
 #include "plugin/registration.h"
 #include "tests/integration/channel/channel_world.h"
+#include "virtual/wire.h"
 
 namespace mirn::test {
 namespace {
 
-// What goes to the device is also written here, 64 bytes of each report.
+// What goes to the device is also written here, as it travels.
 int g_record = -1;
 
 int recordingWrite(hid_device* device, const unsigned char* data, size_t length) {
-  unsigned char line[64] = {};
-  std::memcpy(line, data, std::min(length, sizeof(line)));
-  if (write(g_record, line, sizeof(line)) < 0) abort();
+  if (write(g_record, data, length) != static_cast<ssize_t>(length)) abort();
   return VirtualHid::functions().write(device, data, length);
 }
 
@@ -32,6 +31,16 @@ HidFunctions recordingFunctions() {
   HidFunctions functions = VirtualHid::functions();
   functions.write = recordingWrite;
   return functions;
+}
+
+// A child's exit statuses besides 0. What a child finds out reaches its parent by these alone.
+constexpr int kNoConnection = 8;
+constexpr int kStateNotReached = 9;
+constexpr int kAnsweredWrongly = 10;
+
+// Ends the child at once unless it holds.
+void demand(bool holds, int status) {
+  if (!holds) _exit(status);
 }
 
 // Runs `body` in a child process up to its exit; what it printed to standard error comes with a failure.
@@ -46,6 +55,18 @@ int statusOfChild(const std::function<void()>& body) {
   return status;
 }
 
+// A world of a child; here for the calls that come after the end.
+ChannelWorld* g_left = nullptr;
+
+// Goes after every other static object: there is no manager any more.
+struct AfterTheManager {
+  ~AfterTheManager() {
+    if (g_left != nullptr)
+      demand(g_left->reply("keyDown", ValueMap{{"key", 67}}) == "not-implemented", kAnsweredWrongly);
+  }
+};
+[[gnu::init_priority(101)]] AfterTheManager g_after_the_manager;
+
 // Named so that it runs first: its children are forked while this process has no other thread.
 class ProcessExitDeathTest : public testing::Test {
  protected:
@@ -54,96 +75,136 @@ class ProcessExitDeathTest : public testing::Test {
 
   // Everything below runs in the child. The objects stay alive until the process has ended.
   ChannelWorld& begin(const WorldOptions& options) {
-    g_record = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    g_record = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0600);
     auto* world = new ChannelWorld(options);
     static const HidFunctions functions = recordingFunctions();
     hostInstallHidFunctions(&functions);
-    EXPECT_EQ(world->reply("initKmProxy"), success(true));
+    demand(world->reply("initKmProxy") == success(true), kNoConnection);
     return *world;
   }
 
-  std::string recorded() {
+  // The frames that the child has sent, behind the handshake and the question for information.
+  std::vector<WireFrame> sent() {
     std::ifstream file(path_, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
+    WireParser parser;
+    std::vector<WireFrame> frames;
+    for (std::istreambuf_iterator<char> byte(file), end; byte != end; ++byte) {
+      if (parser.take(static_cast<uint8_t>(*byte))) frames.push_back(parser.frame());
+    }
+    EXPECT_FALSE(parser.inFrame());
+    EXPECT_EQ(parser.counters().bad_frames, 0U);
+    EXPECT_GE(frames.size(), 2U);
+    if (frames.size() < 2) return {};
+    EXPECT_EQ(frames[0].command, kShakeHand);
+    EXPECT_EQ(frames[1].command, kGetInfo);
+    frames.erase(frames.begin(), frames.begin() + 2);
+    return frames;
   }
+
+  // The case holds key 65 all the time, and no button was touched: a report without the key, or one of the pointer,
+  // would be a release that the exit has sent.
+  void expectNoRelease() {
+    for (const WireFrame& frame : sent()) {
+      ASSERT_EQ(frame.command, kKeyboard);
+      ASSERT_EQ(frame.payload.size(), 7U);
+      EXPECT_EQ(frame.payload[kFirstKey], kUsageOfA);
+    }
+  }
+
+  static constexpr uint8_t kShakeHand = 1;
+  static constexpr uint8_t kAbsoluteMouse = 2;
+  static constexpr uint8_t kKeyboard = 3;
+  static constexpr uint8_t kFirmware = 7;
+  static constexpr uint8_t kGetInfo = 9;
+  static constexpr size_t kFirstKey = 1;
+  static constexpr uint8_t kUsageOfA = 0x04;
 
   std::string path_;
 };
 
+void expectClean(int status) {
+  ASSERT_TRUE(WIFEXITED(status)) << status;
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
 TEST_F(ProcessExitDeathTest, WithAKeyAndAButtonHeldSendsNoRelease) {
-  const int status = statusOfChild([this] {
+  expectClean(statusOfChild([this] {
     ChannelWorld& world = begin({});
     world.reply("keyDown", ValueMap{{"key", 65}});
     world.reply("mouseEventButtons", ValueMap{{"x", 1}, {"y", 1}, {"type", "lbdown"}});
-    world.eventually([&] { return !world.received<VirtualMouse>().empty(); });
-    if (world.received<VirtualMouse>().empty()) _exit(9);
-  });
-  ASSERT_TRUE(WIFEXITED(status)) << status;
-  EXPECT_EQ(WEXITSTATUS(status), 0);
-  // Handshake, information, key, button; and that was all.
-  EXPECT_EQ(recorded().size(), 4U * 64);
+    demand(world.eventually([&] { return !world.received<VirtualMouse>().empty(); }), kStateNotReached);
+  }));
+  // The key and the button; and that was all.
+  const std::vector<WireFrame> frames = sent();
+  ASSERT_EQ(frames.size(), 2U);
+  EXPECT_EQ(frames[0].command, kKeyboard);
+  EXPECT_EQ(frames[1].command, kAbsoluteMouse);
 }
 
-TEST_F(ProcessExitDeathTest, WithTrafficRunningIsClean) {
-  for (int round = 0; round < 5; ++round) {
-    const int status = statusOfChild([this, round] {
+TEST_F(ProcessExitDeathTest, WithTrafficRunningIsCleanAndSendsNoRelease) {
+  for (size_t round = 0; round < 5; ++round) {
+    SCOPED_TRACE(round);
+    expectClean(statusOfChild([this, round] {
       WorldOptions options;
       options.mirn.latency = std::chrono::milliseconds(2);
       ChannelWorld& world = begin(options);
       world.value("createTexture");
-      world.reply("open");
-      world.reply("isVidPidExist");
-      for (int i = 0; i < 400; ++i) world.reply("keyDown", ValueMap{{"key", 65 + i % 26}});
-      world.eventually([&] { return world.received<VirtualKeyboard>().size() > static_cast<size_t>(round); });
-    });
-    ASSERT_TRUE(WIFEXITED(status)) << "round " << round << ": status " << status;
-    EXPECT_EQ(WEXITSTATUS(status), 0);
+      demand(world.reply("open") == success(true), kAnsweredWrongly);
+      demand(world.reply("isVidPidExist") == success(true), kAnsweredWrongly);
+      world.reply("keyDown", ValueMap{{"key", 65}});
+      for (int i = 0; i < 400; ++i) world.reply(i % 2 == 0 ? "keyDown" : "keyUp", ValueMap{{"key", 66}});
+      demand(world.eventually([&] { return world.received<VirtualKeyboard>().size() > round; }), kStateNotReached);
+    }));
+    EXPECT_GT(sent().size(), round);
+    EXPECT_LT(sent().size(), 401U) << "the traffic was over before the exit";
+    expectNoRelease();
   }
 }
 
-TEST_F(ProcessExitDeathTest, InTheMiddleOfAnUpgradeIsClean) {
+TEST_F(ProcessExitDeathTest, InTheMiddleOfAnUpgradeIsCleanAndSendsChunksAlone) {
+  constexpr size_t kChunks = 200;
   const std::string image = path_ + ".bin";
-  std::ofstream(image) << std::string(200 * 1024, 'x');
-  const int status = statusOfChild([this, &image] {
+  std::ofstream(image) << std::string(kChunks * 1024, 'x');
+  expectClean(statusOfChild([this, &image] {
     WorldOptions options;
     options.mirn.latency = std::chrono::milliseconds(2);
     ChannelWorld& world = begin(options);
-    world.reply("reqUpgradeFirmware", ValueMap{{"path", image}});
-    world.eventually([&] { return world.received<VirtualFirmwareChunk>().size() > 2; });
-  });
-  ASSERT_TRUE(WIFEXITED(status)) << status;
-  EXPECT_EQ(WEXITSTATUS(status), 0);
+    demand(world.reply("reqUpgradeFirmware", ValueMap{{"path", image}}) == success(1), kAnsweredWrongly);
+    demand(world.eventually([&] { return world.received<VirtualFirmwareChunk>().size() > 2; }), kStateNotReached);
+  }));
+  const std::vector<WireFrame> frames = sent();
+  EXPECT_GT(frames.size(), 2U);
+  EXPECT_LT(frames.size(), kChunks) << "the upgrade was over before the exit";
+  for (const WireFrame& frame : frames) EXPECT_EQ(frame.command, kFirmware);
   std::filesystem::remove(image);
 }
 
-TEST_F(ProcessExitDeathTest, WhileTheDeviceIsSilentIsClean) {
-  const int status = statusOfChild([this] {
+TEST_F(ProcessExitDeathTest, WhileTheDeviceIsSilentIsCleanAndSendsNoRelease) {
+  expectClean(statusOfChild([this] {
     ChannelWorld& world = begin({});
     FaultPlan plan;
     std::string error;
-    FaultPlan::parse("drop@*", &plan, &error);
+    demand(FaultPlan::parse("drop@*", &plan, &error), kStateNotReached);
     world.mirn().setFaultPlan(plan);
     const size_t before = world.received<VirtualKeyboard>().size();
-    for (int i = 0; i < 10; ++i) world.reply("keyDown", ValueMap{{"key", 65}});
-    world.reply("keyUp", ValueMap{{"key", 65}});
-    world.eventually([&] { return world.received<VirtualKeyboard>().size() > before; });
-  });
-  ASSERT_TRUE(WIFEXITED(status)) << status;
-  EXPECT_EQ(WEXITSTATUS(status), 0);
+    world.reply("keyDown", ValueMap{{"key", 65}});
+    for (int i = 0; i < 10; ++i) world.reply(i % 2 == 0 ? "keyDown" : "keyUp", ValueMap{{"key", 66}});
+    demand(world.eventually([&] { return world.received<VirtualKeyboard>().size() > before; }), kStateNotReached);
+  }));
+  EXPECT_GE(sent().size(), 1U);
+  expectNoRelease();
 }
 
-TEST_F(ProcessExitDeathTest, ACallFromAnExitHandlerFindsNobodyAndBreaksNothing) {
-  static ChannelWorld* left = nullptr;
-  const int status = statusOfChild([this] {
-    // Registered before the manager's static objects could know: runs after them? Either order must do.
-    std::atexit([] {
-      if (left != nullptr) left->reply("keyDown", ValueMap{{"key", 65}});
-    });
-    left = &begin({});
-    std::atexit([] { left->reply("keyUp", ValueMap{{"key", 65}}); });
-  });
-  ASSERT_TRUE(WIFEXITED(status)) << status;
-  EXPECT_EQ(WEXITSTATUS(status), 0);
+// Handlers and static objects go in the reverse order of their coming: first the handlers, with the manager still
+// there, at last an object from before it, which finds nobody.
+TEST_F(ProcessExitDeathTest, CallsBeforeAndAfterTheManagersEndBreakNothing) {
+  expectClean(statusOfChild([this] {
+    std::atexit([] { demand(g_left->reply("keyDown", ValueMap{{"key", 66}}) == success(), kAnsweredWrongly); });
+    g_left = &begin({});
+    std::atexit([] { demand(g_left->reply("keyDown", ValueMap{{"key", 65}}) == success(), kAnsweredWrongly); });
+  }));
+  EXPECT_LE(sent().size(), 2U) << "the call that found nobody must not reach the device";
+  expectNoRelease();
 }
 
 }  // namespace

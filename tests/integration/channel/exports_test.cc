@@ -38,9 +38,9 @@ TEST(SharedLibrary, ShowsItsEntryPointsAndTheHostFunctionsAlone) {
                                             "mirn::registerFlutterMirnPlugin(mirn::PluginRegistrar&)",
                                             "mirn::registerFlutterMirnPluginCApi(mirn::PluginRegistrar&)"}));
   for (const char* function :
-       {"mirn::hostSessionStatistics()", "mirn::hostLastOpenError()", "mirn::hostHidRefusal()", "mirn::hostHidTopologyPath[abi:cxx11]()",
-        "mirn::hostCaptureTopologyPath[abi:cxx11]()", "mirn::hostLinkStatistics()",
-        "mirn::hostInstallHidFunctions(mirn::HidFunctions const*)",
+       {"mirn::hostSessionStatistics()", "mirn::hostLastOpenError()", "mirn::hostHidRefusal()",
+        "mirn::hostHidTopologyPath[abi:cxx11]()", "mirn::hostCaptureTopologyPath[abi:cxx11]()",
+        "mirn::hostLinkStatistics()", "mirn::hostInstallHidFunctions(mirn::HidFunctions const*)",
         "mirn::hostInstallCaptureSystem(mirn::CaptureSystem*)", "mirn::hostInstallUsbRegistry(mirn::UsbRegistry*)",
         "mirn::hostInstallClock(mirn::Clock*)", "mirn::hostReleaseProxy()", "mirn::hostLedStatus()"}) {
     EXPECT_TRUE(symbols.contains(function)) << function;
