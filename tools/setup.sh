@@ -13,7 +13,7 @@ declare -A group=(
            libgstreamer-plugins-base1.0-dev gstreamer1.0-plugins-base gstreamer1.0-plugins-good srecord xvfb xdotool
            openbox libgl1-mesa-dri fonts-dejavu-core"
   [fuzz]="clang clang-14 libclang-rt-14-dev"
-  [vm]="qemu-system-x86 busybox-static cpio kmod udev v4l-utils"
+  [vm]="qemu-system-x86 busybox-static cpio kmod udev v4l-utils xvfb xdotool openbox libgl1-mesa-dri fonts-dejavu-core"
   [package]="dpkg-dev lintian debootstrap"
   [coverage]="gcovr"
 )
