@@ -177,7 +177,9 @@ void ConsoleWindow::onCaptured() {
 
 void ConsoleWindow::onOverlayTick() {
   if (figures_.get_visible()) {
-    figures_.set_text(overlay_text_.compose(hostSessionStatistics(), feed_, view_));
+    figures_.set_text(overlay_text_.compose({hostSessionStatistics(), feed_.changed(), view_.drawn(),
+                                             view_.placement().width, view_.placement().height,
+                                             feed_.echo().takeOutcome(), std::chrono::steady_clock::now()}));
   }
 }
 

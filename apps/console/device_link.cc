@@ -7,8 +7,6 @@ namespace {
 
 constexpr unsigned kLookEveryMs = 100;
 constexpr std::chrono::milliseconds kPictureEvery{700};
-// A device that doesn't answer its greeting holds the main thread for two seconds.
-constexpr std::chrono::seconds kKeyboardEvery{3};
 
 }  // namespace
 
@@ -42,7 +40,7 @@ void DeviceLink::followPlugging(bool present) {
   bool first = !std::exchange(known_, true);
   present_ = present;
   picture_tried_.reset();
-  keyboard_tried_.reset();
+  keyboard_pace_.reset();
   if (!present) {
     if (!first) {
       closeAll();
@@ -84,14 +82,28 @@ bool DeviceLink::keyboardBroken() {
 }
 
 void DeviceLink::keepKeyboard(Steady::time_point now) {
-  if (upgrading_ || (keyboard_tried_ && now - *keyboard_tried_ < kKeyboardEvery)) {
+  if (upgrading_ || !keyboard_pace_.due(now)) {
     return;
   }
   bool broken = keyboardBroken();
   if (!broken && info_) {
     return;
   }
-  keyboard_tried_ = now;
+  askKeyboard(broken);
+  // Asking may have taken seconds: the pause counts from its end.
+  Steady::time_point end = Steady::now();
+  if (info_) {
+    keyboard_pace_.succeeded(end);
+    return;
+  }
+  keyboard_pace_.failed(end);
+  if (keyboard_pace_.failures() > 1) {
+    said_.emit("The Mirn doesn't answer. It is asked again in " + std::to_string(keyboard_pace_.pause(end).count()) +
+               " s; \"Reconnect\" asks at once.");
+  }
+}
+
+void DeviceLink::askKeyboard(bool broken) {
   info_.reset();
   if (broken) {
     bool connected = session_.connectKeyboard();
@@ -135,7 +147,7 @@ void DeviceLink::setColor(bool best) {
 void DeviceLink::reconnect() {
   closeAll();
   picture_tried_.reset();
-  keyboard_tried_.reset();
+  keyboard_pace_.reset();
   tick();
 }
 

@@ -12,6 +12,7 @@
 #include "apps/common/diagnosis.h"
 #include "apps/common/session.h"
 #include "apps/common/topology_check.h"
+#include "apps/console/retry_pace.h"
 
 namespace mirn {
 
@@ -58,6 +59,7 @@ class DeviceLink {
   void followPlugging(bool present);
   void keepPicture(Steady::time_point now);
   void keepKeyboard(Steady::time_point now);
+  void askKeyboard(bool broken);
   void closeAll();
   bool keyboardBroken();
   void update(Steady::time_point now);
@@ -74,7 +76,7 @@ class DeviceLink {
   bool upgrading_ = false;
   uint64_t failures_ = 0;
   std::optional<Steady::time_point> picture_tried_;
-  std::optional<Steady::time_point> keyboard_tried_;
+  RetryPace keyboard_pace_;
   sigc::connection timer_;
   sigc::signal<void()> changed_;
   sigc::signal<void()> keyboard_gone_;

@@ -2,19 +2,30 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
+#include <optional>
 #include <string>
 
-#include "apps/common/latency_histogram.h"
-#include "apps/console/picture_feed.h"
-#include "apps/console/picture_view.h"
+#include "plugin/mirn_host.h"
 
 namespace mirn {
+
+// What is known at one moment; the counters run since the start.
+struct OverlayFigures {
+  HostSessionStatistics session;
+  uint64_t changed = 0;  // pictures that differed from the one before
+  uint64_t drawn = 0;
+  int shown_width = 0;
+  int shown_height = 0;
+  std::optional<std::chrono::nanoseconds> latency;  // of an input whose picture came since the call before
+  std::chrono::steady_clock::time_point at{};
+};
 
 // Bound to the main thread. Rates are over the time between two calls.
 class OverlayText {
  public:
   // Lines with size, format, rates, drops, latency.
-  std::string compose(const HostSessionStatistics& session, PictureFeed& feed, const PictureView& view);
+  std::string compose(const OverlayFigures& now);
 
  private:
   std::chrono::steady_clock::time_point last_{};

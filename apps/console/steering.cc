@@ -10,6 +10,7 @@
 #include <variant>
 
 #include "apps/common/program_start.h"
+#include "apps/console/widget_finder.h"
 #include "virtual/frame_strip.h"
 
 namespace mirn {
@@ -41,21 +42,54 @@ Json stripOf(const PixelBufferRef& picture) {
   return {{"frame", strip->frame_number}, {"digest", strip->input_digest}};
 }
 
-// What the device took after the first `number` records: keys or buttons going down, pieces of firmware, and all.
-Json sentAfter(const VirtualMirn& device, uint64_t number) {
-  int presses = 0;
-  int chunks = 0;
-  std::vector<VirtualReceived> records = device.receivedAfter(number);
-  for (const VirtualReceived& received : records) {
-    if (const auto* keys = std::get_if<VirtualKeyboard>(&received.record)) {
-      presses += *keys == VirtualKeyboard{} ? 0 : 1;
-    } else if (const auto* mouse = std::get_if<VirtualMouse>(&received.record)) {
-      presses += mouse->left + mouse->right + mouse->middle == 0 ? 0 : 1;
-    } else if (std::holds_alternative<VirtualFirmwareChunk>(received.record)) {
-      ++chunks;
-    }
+std::string wordFor(const VirtualRecord& record) {
+  if (const auto* keys = std::get_if<VirtualKeyboard>(&record)) {
+    return *keys == VirtualKeyboard{} ? "keys-up" : "keys";
   }
-  return {{"records", records.size()}, {"presses", presses}, {"chunks", chunks}};
+  if (const auto* mouse = std::get_if<VirtualMouse>(&record)) {
+    return mouse->left + mouse->right + mouse->middle == 0 ? "buttons-up" : "buttons";
+  }
+  if (std::holds_alternative<VirtualFirmwareChunk>(record)) {
+    return "chunk";
+  }
+  return std::holds_alternative<VirtualHandshake>(record) ? "handshake" : "other";
+}
+
+// What the device took after the first `number` records, one word each.
+Json sentAfter(const VirtualMirn& device, uint64_t number) {
+  Json words = Json::array();
+  for (const VirtualReceived& received : device.receivedAfter(number)) {
+    words.push_back(wordFor(received.record));
+  }
+  return {{"sent", words}};
+}
+
+Json heldOn(const VirtualMirn& device) {
+  VirtualInputState held = device.input();
+  return {{"keys", held.keys}, {"modifiers", held.modifiers}, {"buttons", held.buttons}};
+}
+
+Json placeJson(const std::optional<WidgetPlace>& place) {
+  if (!place) {
+    return {{"found", false}};
+  }
+  return {{"found", true},
+          {"window", place->window},
+          {"at", {place->left, place->top, place->width, place->height}},
+          {"sensitive", place->sensitive},
+          {"text", place->text}};
+}
+
+Json windowsJson() {
+  Json windows = Json::object();
+  for (const WindowFrames& window : shownWindows()) {
+    windows[window.title] = window.frames;
+  }
+  return windows;
+}
+
+std::string dump(const Json& answer) {
+  return answer.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
 }  // namespace
@@ -85,19 +119,46 @@ bool Steering::onInput(Glib::IOCondition /*condition*/) {
   return true;
 }
 
+std::string Steering::look(const std::string& command, const std::string& rest) {
+  if (command == "state") {
+    return state();
+  }
+  if (command == "sent") {
+    return dump(sentAfter(world_.mirn(), std::strtoull(rest.c_str(), nullptr, 10)));
+  }
+  if (command == "where") {
+    return dump(placeJson(findLabel(rest)));
+  }
+  if (command == "field") {
+    return dump(placeJson(findField(rest)));
+  }
+  if (command == "texts") {
+    return dump({{"texts", shownTexts()}});
+  }
+  if (command == "windows") {
+    return dump({{"windows", windowsJson()}});
+  }
+  if (command == "redraw") {
+    Json before = windowsJson();
+    redrawWindows();
+    return dump({{"windows", before}});
+  }
+  return "";
+}
+
 std::string Steering::answer(const std::string& line) {
+  size_t blank = line.find(' ');
+  std::string seen = look(line.substr(0, blank), blank == std::string::npos ? "" : line.substr(blank + 1));
+  return seen.empty() ? act(line) : seen;
+}
+
+std::string Steering::act(const std::string& line) {
   std::istringstream words(line);
   std::string command;
   std::string first;
   std::string second;
   words >> command >> first >> second;
   Json done = {{"ok", true}};
-  if (command == "state") {
-    return state();
-  }
-  if (command == "sent") {
-    return sentAfter(world_.mirn(), std::strtoull(first.c_str(), nullptr, 10)).dump();
-  }
   if (command == "unplug") {
     world_.unplug();
   } else if (command == "plug") {
@@ -123,11 +184,14 @@ std::string Steering::answer(const std::string& line) {
   } else if (command == "screenshot") {
     done["file"] = window_.saveScreenshot();
   } else if (command == "close") {
+    uint64_t before = world_.mirn().receivedCount();
     window_.close();
+    done.update(sentAfter(world_.mirn(), before));
+    done["held"] = heldOn(world_.mirn());
   } else {
     done = {{"ok", false}};
   }
-  return done.dump();
+  return dump(done);
 }
 
 std::string Steering::state() {
@@ -147,6 +211,8 @@ std::string Steering::state() {
                 {"clicks", clicks},
                 {"digest", target.digest()},
                 {"version", world_.mirn().version()},
+                {"name", world_.mirn().name()},
+                {"led", world_.mirn().led().status},
                 {"exchanges", world_.mirn().receivedCount()},
                 {"condition", adviceFor(window_.link().condition(), window_.link().facts()).word},
                 {"blocked", window_.link().blockedReason()},
@@ -173,7 +239,7 @@ std::string Steering::state() {
   double surface_top = 0;
   gtk_native_get_surface_transform(GTK_NATIVE(window_.gobj()), &surface_left, &surface_top);
   state["view"] = {left + surface_left, top + surface_top, window_.view().get_width(), window_.view().get_height()};
-  return state.dump(-1, ' ', false, Json::error_handler_t::replace);
+  return dump(state);
 }
 
 }  // namespace mirn

@@ -9,7 +9,12 @@
 //   action NAME [TARGET]     activates a menu entry, e.g. "action quality 720P"
 //   resize WIDTH HEIGHT      of the window, logical pixels
 //   screenshot               saves one; says where
-//   close                    closes the window
+//   close                    closes the window; what the device took and holds after that
+//   sent N                   what the device took after its first N records, one word each
+//   where TEXT | field TEXT  the shown label TEXT, or the field it names: window, place, text
+//   texts                    all texts shown
+//   windows                  the shown windows, and how many frames each has drawn
+//   redraw                   the same, and asks each for one more frame
 #pragma once
 
 #include <glibmm/iochannel.h>
@@ -33,6 +38,8 @@ class Steering {
  private:
   bool onInput(Glib::IOCondition condition);
   std::string answer(const std::string& line);
+  std::string look(const std::string& command, const std::string& rest);  // empty: not a question
+  std::string act(const std::string& line);
   std::string state();
 
   ConsoleWindow& window_;
