@@ -132,22 +132,25 @@ Conversion swscale(const CameraFrames& frames, const Source& source) {
 
 #ifdef MIRN_PEER_OPENCV
 Conversion openCv(const CameraFrames& frames, const Source& source) {
-  auto out = std::make_shared<cv::Mat>(frames.height, frames.width, CV_8UC4);
+  auto buffers = std::make_shared<Buffers>(frames);
   auto* bytes = const_cast<uint8_t*>((frames.*source.bytes).data());
   const int size = static_cast<int>((frames.*source.bytes).size());
+  const auto out = [buffers, &frames] {
+    return cv::Mat(frames.height, frames.width, CV_8UC4, buffers->next(), static_cast<size_t>(buffers->stride));
+  };
   if (source.pixelFormat == kCaptureMjpg) {
     return [=] {
       const cv::Mat decoded = cv::imdecode(cv::Mat(1, size, CV_8UC1, bytes), cv::IMREAD_COLOR);
-      cv::cvtColor(decoded, *out, cv::COLOR_BGR2BGRA);
+      cv::cvtColor(decoded, out(), cv::COLOR_BGR2BGRA);
     };
   }
   if (source.pixelFormat == kCaptureYuyv) {
     return [=, &frames] {
-      cv::cvtColor(cv::Mat(frames.height, frames.width, CV_8UC2, bytes), *out, cv::COLOR_YUV2BGRA_YUYV);
+      cv::cvtColor(cv::Mat(frames.height, frames.width, CV_8UC2, bytes), out(), cv::COLOR_YUV2BGRA_YUYV);
     };
   }
   return [=, &frames] {
-    cv::cvtColor(cv::Mat(frames.height * 3 / 2, frames.width, CV_8UC1, bytes), *out, cv::COLOR_YUV2BGRA_NV12);
+    cv::cvtColor(cv::Mat(frames.height * 3 / 2, frames.width, CV_8UC1, bytes), out(), cv::COLOR_YUV2BGRA_NV12);
   };
 }
 #endif
