@@ -151,7 +151,7 @@ TEST_F(KeyboardTest, AKeyHeldBehindAHoleIsWrittenTwice) {
   EXPECT_THAT(arrived(), IsEmpty());
 }
 
-TEST_F(KeyboardTest, AKeyHeldWithEmptySlotsBehindItOnlyIsWrittenIntoTheNextOne) {
+TEST_F(KeyboardTest, AKeyHeldBeforeEveryEmptySlotIsNoNewPress) {
   // The scan meets 'A' in slot 0 before any empty slot and stops there.
   down('A');
   arrived();
