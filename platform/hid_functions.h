@@ -12,6 +12,17 @@ namespace mirn {
 // Opaque; belongs to the back end that opened it.
 struct hid_device;
 
+// Why a device's node may not be opened.
+struct HidRefusal {
+  int code = 0;  // errno; 0 = it may, or there is none
+  std::string node;
+};
+
+// Of a back end whose devices are open to everybody.
+inline HidRefusal noHidRefusal(unsigned short /*vendor*/, unsigned short /*product*/) {
+  return {};
+}
+
 // Signatures and results are hidapi's. Thread: any, but a handle by one thread at a time; `close` is the last call.
 struct HidFunctions {
   // 0, or -1.
@@ -33,6 +44,9 @@ struct HidFunctions {
   // root hub, port 2 of the hub there). All interfaces of one composite device have the same path. A virtual device has
   // the path that it was given. "" when it can't be told.
   std::string (*topology)(hid_device* device);
+
+  // Would this user be refused the device that open() takes? Opens nothing. Any thread.
+  HidRefusal (*refusal)(unsigned short vendor, unsigned short product) = &noHidRefusal;
 };
 
 // The table in use.

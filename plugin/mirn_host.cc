@@ -1,5 +1,6 @@
 #include "plugin/mirn_host.h"
 
+#include <cstring>
 #include <string_view>
 
 #include "device/firmware_check.h"
@@ -7,6 +8,7 @@
 #include "platform/capture.h"
 #include "platform/clock.h"
 #include "platform/hid_functions.h"
+#include "platform/mirn_identity.h"
 #include "platform/usb_registry.h"
 #include "plugin/link_counters.h"
 #include "plugin/mirn_global.h"
@@ -59,6 +61,14 @@ HostSessionStatistics hostSessionStatistics() {
 HostOpenError hostLastOpenError() {
   const CaptureError error = lastCaptureError();
   return {error.code, error.node, error.reason, error.advice};
+}
+
+HostOpenError hostHidRefusal() {
+  HidRefusal refusal = hidFunctions().refusal(g_vid, g_pid);
+  if (refusal.code == 0) refusal = hidFunctions().refusal(g_fallback_vid, g_pid);
+  if (refusal.code == 0) return {};
+  return {refusal.code, refusal.node, std::strerror(refusal.code),
+          "Install the udev rule for the Mirn, then unplug it and plug it in again."};
 }
 
 std::string hostHidTopologyPath() {

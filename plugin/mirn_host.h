@@ -44,6 +44,9 @@ struct HostOpenError {
 };
 MIRN_EXPORT HostOpenError hostLastOpenError();
 
+// Would this user be refused the Mirn's key and pointer interface? code 0: no, or no Mirn is there. Opens nothing.
+MIRN_EXPORT HostOpenError hostHidRefusal();
+
 // Where a thing is plugged in, as the kernel names it on its bus (e.g. "1-4.2"); "" when there is none or it has no
 // place. The two halves of one Mirn give the same text. A virtual one gives "virtual:<name>".
 MIRN_EXPORT std::string hostHidTopologyPath();      // of the HID interface that the proxy has open

@@ -1,6 +1,7 @@
 #include "virtual/virtual_hid.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <condition_variable>
 #include <cstring>
 #include <cwchar>
@@ -44,6 +45,19 @@ struct VirtualHid::State {
   std::vector<Device> devices MIRN_GUARDED_BY(mutex);
   std::vector<std::unique_ptr<Handle>> handles MIRN_GUARDED_BY(mutex);
   uint64_t init_calls MIRN_GUARDED_BY(mutex) = 0;
+  bool denied MIRN_GUARDED_BY(mutex) = false;
+
+  // The first device, in the order of adding, that is plugged in and has the identifiers.
+  const Device* first(unsigned short vendor, unsigned short product, const wchar_t* serial) const MIRN_REQUIRES(mutex) {
+    for (const Device& device : devices) {
+      const VirtualMirn& mirn = *device.mirn;
+      if (mirn.plugged() && mirn.vendorId() == vendor && mirn.productId() == product &&
+          (serial == nullptr || sameText(serial, mirn.serial()))) {
+        return &device;
+      }
+    }
+    return nullptr;
+  }
 
   Handle* find(hid_device* device) MIRN_REQUIRES(mutex) {
     const auto found =
@@ -81,17 +95,13 @@ struct VirtualHidCalls {
   static hid_device* open(unsigned short vendor, unsigned short product, const wchar_t* serial) {
     State& hid = state();
     const MutexGuard guard(hid.mutex);
-    for (const Device& device : hid.devices) {
-      const VirtualMirn& mirn = *device.mirn;
-      if (!mirn.plugged() || mirn.vendorId() != vendor || mirn.productId() != product ||
-          (serial != nullptr && !sameText(serial, mirn.serial()))) {
-        continue;
-      }
-      hid.distribute(*device.mirn);
-      hid.handles.push_back(std::make_unique<Handle>(Handle{device.mirn, mirn.generation(), {}}));
-      return reinterpret_cast<hid_device*>(hid.handles.back().get());
+    const Device* const device = hid.first(vendor, product, serial);
+    if (device == nullptr || hid.denied) {
+      return nullptr;
     }
-    return nullptr;
+    hid.distribute(*device->mirn);
+    hid.handles.push_back(std::make_unique<Handle>(Handle{device->mirn, device->mirn->generation(), {}}));
+    return reinterpret_cast<hid_device*>(hid.handles.back().get());
   }
 
   static int write(hid_device* device, const unsigned char* data, size_t length) {
@@ -168,6 +178,14 @@ struct VirtualHidCalls {
     const Handle* const handle = hid.find(device);
     return handle != nullptr ? handle->device->topology() : std::string();
   }
+
+  static HidRefusal refusal(unsigned short vendor, unsigned short product) {
+    State& hid = state();
+    const MutexGuard guard(hid.mutex);
+    const Device* const device = hid.first(vendor, product, nullptr);
+    return device != nullptr && hid.denied ? HidRefusal{EACCES, "virtual-hid:" + device->mirn->topology()}
+                                           : HidRefusal{};
+  }
 };
 
 VirtualHid::VirtualHid() : state_(new State) {}
@@ -178,10 +196,15 @@ VirtualHid& VirtualHid::instance() {
 }
 
 const HidFunctions& VirtualHid::functions() {
-  static constexpr HidFunctions kFunctions{VirtualHidCalls::init,  VirtualHidCalls::open,
-                                           VirtualHidCalls::write, VirtualHidCalls::readTimeout,
-                                           VirtualHidCalls::close, VirtualHidCalls::topology};
+  static constexpr HidFunctions kFunctions{
+      VirtualHidCalls::init,  VirtualHidCalls::open,     VirtualHidCalls::write,  VirtualHidCalls::readTimeout,
+      VirtualHidCalls::close, VirtualHidCalls::topology, VirtualHidCalls::refusal};
   return kFunctions;
+}
+
+void VirtualHid::setDenied(bool denied) {
+  const MutexGuard guard(state_->mutex);
+  state_->denied = denied;
 }
 
 void VirtualHid::add(std::shared_ptr<VirtualMirn> device) {

@@ -28,6 +28,9 @@ class VirtualHid {
   void removeAll();
   std::vector<std::shared_ptr<VirtualMirn>> devices() const;
 
+  // No device may be opened by this user any more: open() finds none, and refusal() says EACCES.
+  void setDenied(bool denied);
+
   // The table to install with setHidFunctions(). Nothing is ever installed by itself.
   static const HidFunctions& functions();
 

@@ -17,7 +17,8 @@ Condition ofFailure(OpenFailure failure) {
 }
 
 std::string detail(const DeviceFacts& facts) {
-  return facts.failure_detail.empty() ? std::string() : " (" + facts.failure_detail + ")";
+  const std::string& text = facts.failure_detail.empty() ? facts.keyboard_detail : facts.failure_detail;
+  return text.empty() ? std::string() : " (" + text + ")";
 }
 
 }  // namespace
@@ -72,7 +73,10 @@ Condition Diagnosis::judge(const DeviceFacts& facts, Time now) {
   if (now - *last_frame_ > kStallAfter) {
     return Condition::kStalled;
   }
-  return facts.proxy ? Condition::kFine : Condition::kNoKeyboard;
+  if (facts.proxy) {
+    return Condition::kFine;
+  }
+  return facts.keyboard_failure == OpenFailure::kPermission ? Condition::kNoPermission : Condition::kNoKeyboard;
 }
 
 Advice adviceFor(Condition condition, const DeviceFacts& facts) {

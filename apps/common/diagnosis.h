@@ -36,8 +36,10 @@ struct DeviceFacts {
   bool proxy = false;    // the keyboard interface is open and answered
   bool open = false;     // the capture session runs
   OpenFailure failure = OpenFailure::kNone;
-  std::string failure_detail;  // the reason text with its node
-  uint64_t frames = 0;         // delivered since the session was opened
+  std::string failure_detail;                         // the reason text with its node
+  uint64_t frames = 0;                                // delivered since the session was opened
+  OpenFailure keyboard_failure = OpenFailure::kNone;  // of the keyboard interface, while there is no proxy
+  std::string keyboard_detail;
 };
 
 // Turns facts over time into a condition. Reentrant; time comes from the caller.

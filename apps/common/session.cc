@@ -50,7 +50,9 @@ std::vector<std::string> Session::captureNames() {
 }
 
 bool Session::connectKeyboard() {
+  refusal_ = {};
   if (!channel_.call("initKmProxy").asBool()) {
+    refusal_ = hostHidRefusal();
     return false;
   }
   // The old proxy and its records are gone: from here on only this one's are answered.
@@ -160,6 +162,10 @@ DeviceFacts Session::facts() {
   DeviceFacts facts;
   facts.present = isPlugged();
   facts.proxy = hostLinkStatistics().proxy;
+  if (!facts.proxy) {
+    facts.keyboard_failure = classifyOpenError(refusal_.code);
+    facts.keyboard_detail = refusal_.code == 0 ? "" : refusal_.node + ": " + refusal_.reason;
+  }
   HostSessionStatistics session = hostSessionStatistics();
   facts.open = open_ && session.open && session.stopCode == 0;
   facts.frames = session.framesCaptured;

@@ -87,7 +87,8 @@ class Session {
   ChannelInput input_;
   int64_t texture_ = -1;
   bool open_ = false;
-  Releases answered_;  // keyboard and pointer records answered once the last releases are
+  HostOpenError refusal_;  // of the keyboard interface, when it was last tried
+  Releases answered_;      // keyboard and pointer records answered once the last releases are
 };
 
 // The open keyboard interface and the open camera belong to two devices.

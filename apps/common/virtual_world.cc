@@ -94,6 +94,7 @@ void VirtualWorld::follow(size_t index) {
 
 bool VirtualWorld::install(std::string* error) {
   setup_.install();
+  setup_.hid().setDenied(options_.hid_denied);
   if (!hostInstallHidFunctions(&VirtualHid::functions()) || !hostInstallCaptureSystem(&setup_.capture()) ||
       !hostInstallUsbRegistry(&registry_)) {
     if (error != nullptr) {

@@ -15,11 +15,12 @@ struct VirtualOptions {
   std::string faults;        // of the first device's answers, in the text form of virtual/fault_plan.h
   std::string video_faults;  // of its pictures, in the text form of virtual/virtual_capture.h
   bool unplugged = false;
-  bool denied = false;     // the camera may not be opened
-  bool busy = false;       // another program holds the camera
-  bool no_signal = false;  // the camera never delivers a picture
-  bool still = false;      // frames don't differ while the input stays the same
-  bool mismatch = false;   // the camera that opens belongs to another device than the keyboard interface
+  bool denied = false;      // the camera may not be opened
+  bool hid_denied = false;  // the keyboard interface may not be opened
+  bool busy = false;        // another program holds the camera
+  bool no_signal = false;   // the camera never delivers a picture
+  bool still = false;       // frames don't differ while the input stays the same
+  bool mismatch = false;    // the camera that opens belongs to another device than the keyboard interface
   std::string version = "1.0.0";
   uint32_t frames_per_second = 60;
   bool version_after_replug = false;

@@ -33,8 +33,8 @@ constexpr const char* kHelp =
     "\n"
     "With --virtual also:\n"
     "  --steer              take commands for the virtual device from standard input\n"
-    "  --virtual-unplugged, --virtual-denied, --virtual-busy, --virtual-no-signal, --virtual-mismatch,\n"
-    "  --virtual-still\n"
+    "  --virtual-unplugged, --virtual-denied[=hid], --virtual-busy, --virtual-no-signal,\n"
+    "  --virtual-mismatch, --virtual-still\n"
     "  --virtual-faults PLAN, --virtual-video-faults PLAN, --virtual-fps N\n";
 
 struct Options {
@@ -57,10 +57,15 @@ bool parse(const std::vector<std::string>& arguments, Options& options, std::str
   };
   std::string rate;
   VirtualOptions& world = options.world;
-  const std::vector<Flag> flags = {{"--virtual", &options.use_virtual},       {"--steer", &options.steer},
-                                   {"--virtual-unplugged", &world.unplugged}, {"--virtual-denied", &world.denied},
-                                   {"--virtual-busy", &world.busy},           {"--virtual-no-signal", &world.no_signal},
-                                   {"--virtual-mismatch", &world.mismatch},   {"--virtual-still", &world.still}};
+  const std::vector<Flag> flags = {{"--virtual", &options.use_virtual},
+                                   {"--steer", &options.steer},
+                                   {"--virtual-unplugged", &world.unplugged},
+                                   {"--virtual-denied", &world.denied},
+                                   {"--virtual-busy", &world.busy},
+                                   {"--virtual-no-signal", &world.no_signal},
+                                   {"--virtual-mismatch", &world.mismatch},
+                                   {"--virtual-still", &world.still},
+                                   {"--virtual-denied=hid", &world.hid_denied}};
   const std::vector<Text> texts = {{"--settings", &options.settings},
                                    {"--scenario", &options.scenario},
                                    {"--virtual-faults", &world.faults},

@@ -2,7 +2,6 @@
 
 #include <glib.h>
 
-#include "apps/mirnctl/doctor_facts.h"
 #include "host/main_loop.h"
 
 namespace mirn {
@@ -63,14 +62,10 @@ std::optional<int> Context::needKeyboard() {
 }
 
 int Context::keyboardTrouble() {
-  DoctorFacts facts = world_ ? virtualDoctorFacts(*world_) : systemDoctorFacts();
-  for (const MirnOnBus& device : facts.devices) {
-    for (const NodeFact& node : device.hid) {
-      if (!node.may_open) {
-        return report_.failure(kExitNoPermission,
-                               node.path + ": no permission to open it; \"mirnctl doctor\" says what to do.");
-      }
-    }
+  DeviceFacts facts = session().facts();
+  if (facts.keyboard_failure == OpenFailure::kPermission) {
+    return report_.failure(kExitNoPermission, "No permission to open the keyboard interface: " + facts.keyboard_detail +
+                                                  "; \"mirnctl doctor\" says what to do.");
   }
   return report_.failure(kExitDevice, "The Mirn's keyboard interface doesn't answer.");
 }

@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "apps/common/session.h"
 #include "apps/common/virtual_world.h"
@@ -18,8 +19,9 @@ struct GlobalOptions {
   bool use_virtual = false;
   bool verbose = false;  // the library's own lines on standard error
   VirtualOptions virtual_options;
-  int pull_after_ms = -1;  // the virtual device is unplugged then; -1 = never
-  int plug_after_ms = -1;  // and plugged in (again) then
+  std::vector<std::string> denied;  // "camera", "hid": what of the virtual device may not be opened
+  int pull_after_ms = -1;           // the virtual device is unplugged then; -1 = never
+  int plug_after_ms = -1;           // and plugged in (again) then
 };
 
 // Bound to the main thread.

@@ -47,7 +47,7 @@ DoctorFacts virtualDoctorFacts(VirtualWorld& world) {
     device.port = mirn.topology();
     device.product = "Nuvra Mirn";
     device.serial = mirn.serial();
-    device.hid.push_back({"virtual-hid:" + mirn.topology(), true, "virtual", {}});
+    device.hid.push_back({"virtual-hid:" + mirn.topology(), !world.options().hid_denied, "virtual", {}});
     VirtualCaptureDevice& camera = world.setup().camera(index);
     if (camera.isConnected()) {
       const VirtualOptions& options = world.options();

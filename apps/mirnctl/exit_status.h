@@ -10,7 +10,7 @@ enum ExitStatus : int {
   kExitNotPluggedIn = 3,  // no Mirn on the bus
   kExitNoPermission = 4,  // a node may not be opened
   kExitBusy = 5,          // another program holds the camera
-  kExitNoPicture = 6,     // no signal, or the picture stalled
+  kExitNoPicture = 6,     // no signal, or the camera can't be opened for another reason
   kExitData = 7,          // a file or text can't be read, written or used
   kExitIncomplete = 8,    // doctor: plugged in and open to us, but not complete
   kExitNotUpdated = 9,    // upgrade: the device does not run a new version afterwards

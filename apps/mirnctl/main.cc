@@ -24,7 +24,9 @@ void addGlobalOptions(CLI::App& app, GlobalOptions& options) {
   app.add_option("--virtual-video-faults", world.video_faults, "What goes wrong with its pictures, e.g. stall=800@30")
       ->group(group);
   app.add_flag("--virtual-unplugged", world.unplugged, "It is not plugged in")->group(group);
-  app.add_flag("--virtual-denied", world.denied, "Its camera may not be opened")->group(group);
+  app.add_flag("--virtual-denied{camera}", options.denied, "Its camera (or with =hid its keyboard) may not be opened")
+      ->check(CLI::IsMember({"camera", "hid"}))
+      ->group(group);
   app.add_flag("--virtual-busy", world.busy, "Its camera is held by another program")->group(group);
   app.add_flag("--virtual-no-signal", world.no_signal, "Its camera never delivers a picture")->group(group);
   app.add_option("--virtual-version", world.version, "Firmware version it starts with")->group(group);
@@ -114,6 +116,9 @@ int run(int argc, char** argv, int output) {
     temporary.emplace();
   }
   options.use_virtual = options.use_virtual || namesVirtualOption(app);
+  for (const std::string& half : options.denied) {
+    (half == "hid" ? options.virtual_options.hid_denied : options.virtual_options.denied) = true;
+  }
   Context context(options, output, errorDescriptor(app, options));
   if (auto trouble = context.prepare()) {
     return *trouble;

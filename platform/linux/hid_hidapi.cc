@@ -1,6 +1,8 @@
 // The real HID back end: hidapi over hidraw.
 #include <hidapi/hidapi.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <string>
 #include <system_error>
@@ -60,10 +62,21 @@ std::string hidTopology(hid_device* device) {
   return usbDeviceOfHidraw(info->path);
 }
 
+// hidapi names no reason when it can't open a node.
+HidRefusal hidRefusal(unsigned short vendor, unsigned short product) {
+  HidRefusal refusal;
+  hid_device_info* const list = ::hid_enumerate(vendor, product);
+  if (list != nullptr && list->path != nullptr && ::access(list->path, R_OK | W_OK) != 0) {
+    refusal = {errno, list->path};
+  }
+  ::hid_free_enumeration(list);
+  return refusal;
+}
+
 }  // namespace
 
 const HidFunctions& defaultHidFunctions() {
-  static constexpr HidFunctions kHidapi{initHid, openHid, writeHid, readHid, closeHid, hidTopology};
+  static constexpr HidFunctions kHidapi{initHid, openHid, writeHid, readHid, closeHid, hidTopology, hidRefusal};
   return kHidapi;
 }
 

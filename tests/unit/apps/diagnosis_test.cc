@@ -74,6 +74,19 @@ TEST_F(DiagnosisTest, APictureWithoutKeyboardIsSaid) {
   EXPECT_EQ(at(0), Condition::kNoKeyboard);
 }
 
+TEST_F(DiagnosisTest, AKeyboardInterfaceThatMayNotBeOpenedIsNoPermission) {
+  running(false, 10);
+  facts_.keyboard_failure = OpenFailure::kPermission;
+  facts_.keyboard_detail = "/dev/hidraw0: Permission denied";
+  EXPECT_EQ(at(0), Condition::kNoPermission);
+  EXPECT_NE(adviceFor(Condition::kNoPermission, facts_).text.find("/dev/hidraw0"), std::string::npos);
+  facts_.keyboard_failure = OpenFailure::kOther;
+  EXPECT_EQ(at(1), Condition::kNoKeyboard);
+  facts_.keyboard_failure = OpenFailure::kPermission;
+  facts_.proxy = true;
+  EXPECT_EQ(at(2), Condition::kFine);
+}
+
 TEST(OpenError, CodesAreClassified) {
   EXPECT_EQ(classifyOpenError(0), OpenFailure::kNone);
   EXPECT_EQ(classifyOpenError(EACCES), OpenFailure::kPermission);

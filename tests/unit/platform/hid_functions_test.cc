@@ -25,6 +25,7 @@ TEST(HidFunctions, EveryCallOfTheDefaultIsThere) {
   EXPECT_NE(hid.read_timeout, nullptr);
   EXPECT_NE(hid.close, nullptr);
   EXPECT_NE(hid.topology, nullptr);
+  EXPECT_NE(hid.refusal, nullptr);
 }
 
 TEST(HidFunctions, HidapiStartsAndFindsNoDeviceThatIsNotThere) {
@@ -32,6 +33,7 @@ TEST(HidFunctions, HidapiStartsAndFindsNoDeviceThatIsNotThere) {
   EXPECT_EQ(hid.init(), 0);
   // identifiers that no device has
   EXPECT_EQ(hid.open(0xFFFF, 0xFFFF, nullptr), nullptr);
+  EXPECT_EQ(hid.refusal(0xFFFF, 0xFFFF).code, 0) << "what isn't there is refused to nobody";
 }
 
 }  // namespace
