@@ -118,9 +118,4 @@ void FlTexturesAdapter::registrationEnded() {
   retired_.clear();
 }
 
-size_t FlTexturesAdapter::retiredCount() {
-  releaseRetired();
-  return retired_.size();
-}
-
 }  // namespace mirn

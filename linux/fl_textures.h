@@ -33,9 +33,6 @@ class FlTexturesAdapter final : public TextureRegistry, public std::enable_share
   // thread has ended.
   void registrationEnded();
 
-  // Unregistered textures that are still kept for the raster thread; for tests. Platform thread.
-  size_t retiredCount();
-
  private:
   struct ObjectUnref {
     void operator()(MirnPixelTexture* object) const { g_object_unref(object); }

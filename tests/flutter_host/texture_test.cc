@@ -11,6 +11,13 @@
 namespace mirn {
 namespace {
 
+// Counts the end of a texture's object. An id is the object's address here.
+void countFreed(int64_t id, int* freed) {
+  auto* object = reinterpret_cast<GObject*>(static_cast<intptr_t>(id));  // NOLINT(performance-no-int-to-ptr): see above
+  g_object_weak_ref(
+      object, [](gpointer count, GObject*) { ++*static_cast<int*>(count); }, freed);
+}
+
 class FlutterTexture : public FlutterPluginTest {
  protected:
   int64_t createTexture() { return call("createTexture").asInt(); }
@@ -136,6 +143,24 @@ TEST_F(FlutterTexture, DestroyedTexturesAreAskedNoMoreAndUnknownIdsAreIgnored) {
   EXPECT_EQ(glibWarnings(), 0U);
 }
 
+// The raster thread may still be at work with it until it has asked another one; then it goes, with the next frame.
+TEST_F(FlutterTexture, ADestroyedTextureIsFreedOnceAnotherWasAsked) {
+  const int64_t id = createTexture();
+  const int64_t other = createTexture();
+  openCamera();
+  playFrame();
+  EXPECT_TRUE(engine().paint(id).drawn);
+  int freed = 0;
+  countFreed(id, &freed);
+  mainQueue().post([id] { flutter_mirn_destroy_texture(id); });
+  ASSERT_TRUE(runLoopUntil([&] { return engine().textures() == 1; }, kPatience));
+  playFrame();
+  EXPECT_EQ(freed, 0) << "nothing says yet that the raster thread is done with it";
+  EXPECT_TRUE(engine().paint(other).drawn);
+  playFrame();
+  EXPECT_EQ(freed, 1);
+}
+
 TEST_F(FlutterTexture, TexturesOutliveTheirEngineHarmlessly) {
   const int64_t id = createTexture();
   openCamera();
@@ -151,19 +176,13 @@ TEST_F(FlutterTexture, TexturesOutliveTheirEngineHarmlessly) {
   drainLoop();
 }
 
-// Also one that was destroyed before and is still kept for the raster thread. An id is the object's address here.
+// Also one that was destroyed before and is still kept for the raster thread.
 TEST_F(FlutterTexture, TheEndOfAnEngineFreesItsTextureObjects) {
   int freed = 0;
-  const auto watch = [&freed](int64_t id) {
-    auto* object =
-        reinterpret_cast<GObject*>(static_cast<intptr_t>(id));  // NOLINT(performance-no-int-to-ptr): see above
-    g_object_weak_ref(
-        object, [](gpointer count, GObject*) { ++*static_cast<int*>(count); }, &freed);
-  };
   const int64_t living = createTexture();
   const int64_t retired = createTexture();
-  watch(living);
-  watch(retired);
+  countFreed(living, &freed);
+  countFreed(retired, &freed);
   mainQueue().post([retired] { flutter_mirn_destroy_texture(retired); });
   ASSERT_TRUE(runLoopUntil([&] { return engine().textures() == 1; }, kPatience));
   EXPECT_EQ(freed, 0);
