@@ -1,12 +1,13 @@
 """A private X server with a window manager, and the console on a virtual Mirn in it, steered by real input events."""
 import json
 import os
+import re
 import shutil
 import subprocess
 import tempfile
 import time
 
-TOOLS = ("Xvfb", "openbox", "xdotool", "import", "convert", "xclip", "weston")
+TOOLS = ("Xvfb", "openbox", "xdotool", "import", "convert", "xclip", "xwininfo", "weston")
 PATIENCE = float(os.environ.get("MIRN_DESKTOP_PATIENCE", "60"))  # seconds that a condition is waited for
 
 
@@ -33,7 +34,8 @@ class Desktop:
         if not number:
             raise Failure("Xvfb did not start")
         self.environment = dict(os.environ, DISPLAY=":" + number, GDK_BACKEND="x11", XDG_RUNTIME_DIR=folder,
-                                HOME=folder, XDG_CONFIG_HOME=folder, GTK_A11Y="none", NO_AT_BRIDGE="1",
+                                HOME=folder, XDG_CONFIG_HOME=folder, TMPDIR=os.path.join(folder, ""),
+                                GTK_A11Y="none", NO_AT_BRIDGE="1",
                                 LIBGL_ALWAYS_SOFTWARE="1")
         self.environment.pop("WAYLAND_DISPLAY", None)
         self.manager = subprocess.Popen(["openbox", "--sm-disable"], env=self.environment, stdout=subprocess.DEVNULL,
@@ -91,6 +93,7 @@ class Console:
                                          *arguments], env=environment, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                         stderr=self.log, text=True)
         self.window = None
+        self.left = None  # what the device took and holds after closing
 
     def say(self, line):
         self.process.stdin.write(line + "\n")
@@ -135,6 +138,51 @@ class Console:
         scale = state["scale"]
         return left + int(state["view"][0] * scale) + x, top + int(state["view"][1] * scale) + y
 
+    def texts(self):
+        return self.say("texts")["texts"]
+
+    def wait_text(self, text):
+        """Waits until a label reads the text."""
+        end = time.monotonic() + PATIENCE
+        while text not in self.texts():
+            if time.monotonic() > end:
+                raise Failure("nothing reads '%s': %s" % (text, self.texts()))
+            time.sleep(0.05)
+
+    def drawn(self, title=None):
+        """Waits until the window is there and every window has drawn a frame from now on."""
+        end = time.monotonic() + PATIENCE
+        while title is not None and title not in self.say("windows")["windows"]:
+            if time.monotonic() > end:
+                raise Failure("the window '%s' did not come" % title)
+            time.sleep(0.05)
+        before = self.say("redraw")["windows"]
+        while True:
+            now = self.say("windows")["windows"]
+            if all(now.get(name, frames + 2) > frames + 1 for name, frames in before.items()):
+                return
+            self.say("redraw")
+            if time.monotonic() > end:
+                raise Failure("the windows don't draw: %s, then %s" % (before, now))
+            time.sleep(0.02)
+
+    def press(self, command, text):
+        """A real click on what reads the text ("where") or on the field that the text names ("field")."""
+        end = time.monotonic() + PATIENCE
+        place = self.say(command + " " + text)
+        while not (place["found"] and place["sensitive"] and place["at"][2] > 0):
+            if time.monotonic() > end:
+                raise Failure("'%s' can't be pressed: %s" % (text, place))
+            time.sleep(0.05)
+            place = self.say(command + " " + text)
+        window = self.desktop.xdotool("search", "--sync", "--onlyvisible", "--name", "^" + re.escape(place["window"]) + "$")
+        # xdotool counts a frame of the window manager twice.
+        told = self.desktop.run("xwininfo", "-id", window.split()[-1])
+        x, y = (int(re.search(r"Absolute upper-left %s: +(-?\d+)" % axis, told).group(1)) for axis in "XY")
+        left, top, width, height = place["at"]
+        self.desktop.xdotool("mousemove", int(x + left + width / 2), int(y + top + height / 2))
+        self.desktop.xdotool("click", 1)
+
     def click(self, x, y):
         before = len(self.state()["clicks"])
         self.desktop.xdotool("mousemove", *self.root_of(x, y))
@@ -147,7 +195,7 @@ class Console:
     def close(self):
         if self.process.poll() is None:
             try:
-                self.say("close")
+                self.left = self.say("close")
                 self.process.wait(30)
             except (Failure, subprocess.TimeoutExpired, BrokenPipeError):
                 self.process.kill()
