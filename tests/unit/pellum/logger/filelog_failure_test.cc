@@ -1,15 +1,16 @@
 // Full disks and directories that disappear: who logs never notices.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/mount.h>
 #include <sys/resource.h>
 
 #include <csignal>
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include "deps/pellum/logger/filelog.h"
 #include "tests/unit/pellum/logger/log_folder.h"
+#include "tests/unit/pellum/logger/own_mounts.h"
 
 namespace mirn {
 namespace {
@@ -17,7 +18,7 @@ namespace {
 using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
-using testing::IsEmpty;
+using testing::UnorderedElementsAre;
 
 // No file of this process may grow beyond a size. Each case is a process of its own, so nobody else is limited.
 class FileSizeLimit {
@@ -102,19 +103,47 @@ TEST_F(Failing, OneFailureThenSuccessStartsTheCountAnew) {
   EXPECT_THAT(folder.lines("t.log").back(), EndsWith("still there"));
 }
 
-TEST_F(Failing, FullDiskCostsLinesAndNothingElse) {
-  if (::mount("tmpfs", folder.c_str(), "tmpfs", 0, "size=64k") != 0) {
-    GTEST_SKIP() << "no tmpfs may be mounted here; the cases with a file size limit were run";
-  }
+// On a disk of 64 KiB.
+void fillTheDisk(const LogFolder& folder) {
+  filelog log;
   log.Path(folder.file("logs").c_str(), 0);
   EXPECT_TRUE(log.open("t", filelog::fixed_size, false));
   const std::string line(1000, 'x');
   for (int i = 0; i < 200; ++i) {
-    ASSERT_EQ(log.write_log(1, "%s", line.c_str()), 1);
+    EXPECT_EQ(log.write_log(1, "%s", line.c_str()), 1);
   }
-  EXPECT_EQ(log.close(), true);
+  // The first failure rotates and tries again, the second one is the last.
+  const auto names = [&folder] {
+    std::vector<std::string> found;
+    for (const auto& entry : std::filesystem::directory_iterator(folder.file("logs"))) {
+      found.push_back(entry.path().filename());
+    }
+    return found;
+  };
+  EXPECT_THAT(names(), UnorderedElementsAre("t.log", "t.log.1", "t.log.2"));
   EXPECT_GT(std::filesystem::file_size(folder.file("logs/t.log.1")), 32U << 10);
-  ::umount(folder.c_str());
+
+  std::filesystem::remove(folder.file("logs/t.log.1"));
+  EXPECT_EQ(log.write_log(1, "there is room again"), 1);
+  EXPECT_TRUE(log.close());
+  EXPECT_TRUE(log.open("u", filelog::fixed_size, false));
+  EXPECT_EQ(log.write_log(1, "for another file too"), 1);
+  EXPECT_TRUE(log.close());
+  EXPECT_THAT(names(), UnorderedElementsAre("t.log", "t.log.2", "u.log"));
+  EXPECT_EQ(folder.text("logs/t.log"), "") << "only a successful write resets the count";
+  EXPECT_EQ(folder.text("logs/u.log"), "");
+
+  filelog another;
+  another.Path(folder.file("logs").c_str(), 0);
+  EXPECT_TRUE(another.open("v", filelog::fixed_size, false));
+  another.write_log(1, "here");
+  EXPECT_THAT(folder.lines("logs/v.log"), ElementsAre(EndsWith("here"))) << "the room is really there";
+}
+
+TEST_F(Failing, FullDiskCostsLinesAndNothingElse) {
+  if (withSmallDisk(folder.c_str(), [this] { fillTheDisk(folder); }) == OwnMounts::kNotAllowed) {
+    GTEST_SKIP() << "no file system may be mounted here; the cases with a file size limit were run";
+  }
 }
 
 TEST_F(Failing, DirectoryThatDisappearsIsMadeAgainAtTheNextRotation) {

@@ -2,8 +2,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -16,6 +14,7 @@
 #include <vector>
 
 #include "tests/unit/pellum/logger/log_folder.h"
+#include "tests/unit/pellum/logger/own_mounts.h"
 
 namespace mirn {
 namespace {
@@ -69,23 +68,14 @@ TEST_F(Flogger, IniSetsAllFourValues) {
 
 // In a process with an /etc of its own.
 TEST_F(Flogger, WithoutAPathTheSystemsFileIsRead) {
-  constexpr int kMayNot = 77;
-  const pid_t child = ::fork();
-  if (child == 0) {
-    if (::unshare(CLONE_NEWNS) != 0 || ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        ::mount("tmpfs", "/etc", "tmpfs", 0, "size=64k") != 0) {
-      ::_exit(kMayNot);
-    }
+  const auto test = [this] {
     std::ofstream("/etc/dravio.ini") << "[LOGGER]\nMASK=4\nPATH=" << logs.c_str() << "\n";
     flogger fresh;
     fresh.open("t", filelog::fixed_size, false);
     fresh.write_log(1, "masked");
     fresh.write_log(4, "written");
-    ::_exit(0);
-  }
-  int status = 0;
-  ::waitpid(child, &status, 0);
-  if (WIFEXITED(status) && WEXITSTATUS(status) == kMayNot) {
+  };
+  if (withSmallDisk("/etc", test) == OwnMounts::kNotAllowed) {
     GTEST_SKIP() << "no file system may be mounted here";
   }
   EXPECT_THAT(logs.lines("t.log"), ElementsAre(testing::EndsWith("written")));
