@@ -1,18 +1,23 @@
 // Hand-over of a value between two threads pinned to one CPU: two sem_queues against the same ping-pong on one bare
-// mutex and condition variables. Each iteration is one sample of kRoundTrips round trips; the reported median is the
-// p50.
+// mutex and condition variables. A sample is a single hand-over, from before the push to after the pop; each iteration
+// reports the median of kRoundTrips there and as many back.
 #include <benchmark/benchmark.h>
 #include <pthread.h>
 #include <sched.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 #include "deps/pellum/sem_queue.h"
 
 namespace {
+
+using Clock = std::chrono::steady_clock;
 
 constexpr int kRoundTrips = 200;
 constexpr int kStop = -1;
@@ -64,25 +69,40 @@ class QueueChannel {
   mirn::sem_queue<int> queue_;
 };
 
+double median(std::vector<Clock::duration>& samples) {
+  const auto middle = samples.begin() + static_cast<std::ptrdiff_t>(samples.size() / 2);
+  std::nth_element(samples.begin(), middle, samples.end());
+  return std::chrono::duration<double>(*middle).count();
+}
+
 template <typename Channel>
 void pingPong(benchmark::State& state) {
   pinToOneCpu();
   Channel there;
   Channel back;
+  // Handed over with the values.
+  Clock::time_point arrived;
+  Clock::time_point sent_back;
   std::thread echo([&] {
     pinToOneCpu();
     for (int value = there.pop(); value != kStop; value = there.pop()) {
+      arrived = Clock::now();
+      sent_back = Clock::now();
       back.push(value);
     }
   });
+  std::vector<Clock::duration> samples;
   for (auto _ : state) {
-    const auto start = std::chrono::steady_clock::now();
+    samples.clear();
     for (int i = 0; i < kRoundTrips; ++i) {
+      const Clock::time_point sent = Clock::now();
       there.push(i);
       benchmark::DoNotOptimize(back.pop());
+      const Clock::time_point returned = Clock::now();
+      samples.push_back(arrived - sent);
+      samples.push_back(returned - sent_back);
     }
-    const auto time = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    state.SetIterationTime(time / (2 * kRoundTrips));
+    state.SetIterationTime(median(samples));
   }
   there.push(kStop);
   echo.join();
