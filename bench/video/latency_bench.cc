@@ -103,9 +103,8 @@ void bare(benchmark::State& state, const Conversion& convert, const std::vector<
   for (const PixelBufferRef& picture : pair) {
     picture->lockBaseAddress(kPixelBufferLockForWriting);
   }
-  // A driver's buffers are several too, and each frame is written before it is taken.
-  std::vector<std::vector<uint8_t>> buffers(4, bytes);
-  std::atomic<int> turn{0};  // 1 = a frame is there, 2 = end
+  std::vector<uint8_t> buffer = bytes;  // written before each frame, as the double does with its first free one
+  std::atomic<int> turn{0};             // 1 = a frame is there, 2 = end
   size_t number = 0;
   int64_t takenNs = 0;
   Mutex lock;
@@ -118,7 +117,7 @@ void bare(benchmark::State& state, const Conversion& convert, const std::vector<
       }
       takenNs = nowNs();
       PixelBufferRef& picture = pair[number % 2];
-      convert(buffers[number % buffers.size()].data(), *picture);
+      convert(buffer.data(), *picture);
       {
         MutexGuard guard(lock);
         place = picture;
@@ -128,7 +127,7 @@ void bare(benchmark::State& state, const Conversion& convert, const std::vector<
   });
   const auto frame = [&] {
     ++number;
-    std::copy(bytes.begin(), bytes.end(), buffers[number % buffers.size()].begin());
+    std::copy(bytes.begin(), bytes.end(), buffer.begin());
     turn.store(1);
     turn.notify_one();
     for (;;) {
