@@ -2,12 +2,18 @@
 #include <benchmark/benchmark.h>
 
 #include <array>
+#include <atomic>
 #include <msgpack.hpp>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "deps/pellum/sem_queue.h"
+#include "device/hard_key_mouse.h"
+#include "device/vx_tasks.h"
 #include "embedding/plugin_registrar.h"
 #include "platform/hid_functions.h"
+#include "platform/mirn_identity.h"
 #include "plugin/flutter_mirn_plugin_c_api.h"
 #include "plugin/mirn_global.h"
 #include "plugin/mirn_host.h"
@@ -112,7 +118,44 @@ void mouseMoveMsgpack(benchmark::State& state) {
   unpack(state, buffer);
 }
 
-// Queueing by itself: what a key costs the caller beyond the dispatch. The device takes reports as fast as they come.
+// While it is closed, the sending thread stays in its first write: what is queued behind it waits.
+std::atomic<bool> g_gate_open{true};
+
+int gatedWrite(hid_device* device, const unsigned char* data, size_t length) {
+  g_gate_open.wait(false);
+  return VirtualHid::functions().write(device, data, length);
+}
+
+const HidFunctions& gatedFunctions() {
+  static const HidFunctions gated = [] {
+    HidFunctions functions = VirtualHid::functions();
+    functions.write = gatedWrite;
+    return functions;
+  }();
+  return gated;
+}
+
+void setGate(bool open) {
+  g_gate_open = open;
+  g_gate_open.notify_all();
+}
+
+uint64_t keyOutcomes() {
+  const HostLinkStatistics link = hostLinkStatistics();
+  return link.keyboardSent + link.keyboardFailed;
+}
+
+// Calls that are timed in one go; the queue is emptied in between.
+constexpr int kQueuedInOneGo = 1000;
+
+// Alternating, so that each call changes the held keys and queues a report.
+const std::array<std::vector<uint8_t>, 2>& keyMessages() {
+  static const std::array<std::vector<uint8_t>, 2> messages = {encodeMethodCall("keyDown", ValueMap{{"key", 65}}),
+                                                               encodeMethodCall("keyUp", ValueMap{{"key", 65}})};
+  return messages;
+}
+
+// Queueing apart from sending: what a key costs the caller.
 void keyDownQueued(benchmark::State& state) {
   VirtualMirnSettings settings;
   settings.latency = {};
@@ -120,13 +163,44 @@ void keyDownQueued(benchmark::State& state) {
   settings.warm_up_latency = {};
   settings.history_limit = 1;
   const auto device = std::make_shared<VirtualMirn>(settings);
-  channel();
+  BareMessenger& messenger = channel();
   VirtualHid::instance().add(device);
-  if (!mirn_->initKmProxy()) state.SkipWithError("no connection to the virtual device");
-  const std::vector<uint8_t> message = encodeMethodCall("keyDown", ValueMap{{"key", 65}});
-  for (auto _ : state) channel().deliver(message);
+  if (!hostInstallHidFunctions(&gatedFunctions()) || !mirn_->initKmProxy()) {
+    state.SkipWithError("no connection to the virtual device");
+  }
+  while (state.KeepRunningBatch(kQueuedInOneGo)) {
+    state.PauseTiming();
+    const uint64_t outcomes = keyOutcomes();
+    setGate(false);
+    state.ResumeTiming();
+    for (int i = 0; i < kQueuedInOneGo; ++i) messenger.deliver(keyMessages()[i % 2]);
+    state.PauseTiming();
+    setGate(true);
+    while (keyOutcomes() < outcomes + kQueuedInOneGo) std::this_thread::yield();
+    state.ResumeTiming();
+  }
   hostReleaseProxy();
+  hostInstallHidFunctions(&VirtualHid::functions());
   VirtualHid::instance().remove(device);
+}
+
+// The same dispatch without a proxy, and a bare push of the same kind of task.
+void keyDispatchedAndPushed(benchmark::State& state) {
+  BareMessenger& messenger = channel();
+  hard_key_mouse nowhere(g_vid, g_pid);
+  sem_queue<CRefObj<i_vx_task>> queue;
+  while (state.KeepRunningBatch(kQueuedInOneGo)) {
+    state.PauseTiming();
+    queue.open(0);
+    state.ResumeTiming();
+    for (int i = 0; i < kQueuedInOneGo; ++i) {
+      messenger.deliver(keyMessages()[i % 2]);
+      queue.push(makeRef<keyboard_task>(&nowhere, keyboard_args_type{}));
+    }
+    state.PauseTiming();
+    queue.close();
+    state.ResumeTiming();
+  }
 }
 
 template <size_t kCount>
@@ -160,6 +234,7 @@ BENCHMARK(keyDownMsgpack)->Name("channel_key_down/peer:msgpack_unpack");
 BENCHMARK(mouseMoveOurs)->Name("channel_mouse_move/ours");
 BENCHMARK(mouseMoveMsgpack)->Name("channel_mouse_move/peer:msgpack_unpack");
 BENCHMARK(keyDownQueued)->Name("channel_key_down_queued/ours");
+BENCHMARK(keyDispatchedAndPushed)->Name("channel_key_down_queued/peer:dispatch_and_bare_push");
 BENCHMARK(findName<200>)->Name("channel_find_command/ours");
 BENCHMARK(findName<22>)->Name("channel_find_command/peer:table_of_22");
 
