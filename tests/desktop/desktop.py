@@ -34,8 +34,7 @@ class Desktop:
         if not number:
             raise Failure("Xvfb did not start")
         self.environment = dict(os.environ, DISPLAY=":" + number, GDK_BACKEND="x11", XDG_RUNTIME_DIR=folder,
-                                HOME=folder, XDG_CONFIG_HOME=folder, TMPDIR=os.path.join(folder, ""),
-                                GTK_A11Y="none", NO_AT_BRIDGE="1",
+                                HOME=folder, XDG_CONFIG_HOME=folder, GTK_A11Y="none", NO_AT_BRIDGE="1",
                                 LIBGL_ALWAYS_SOFTWARE="1")
         self.environment.pop("WAYLAND_DISPLAY", None)
         self.manager = subprocess.Popen(["openbox", "--sm-disable"], env=self.environment, stdout=subprocess.DEVNULL,
