@@ -35,6 +35,7 @@ class Background {
   explicit Background(std::vector<std::string> command) {
     command.insert(command.begin(), {"setpriv", "--pdeathsig", "KILL", "--"});
     std::vector<char*> raw;
+    raw.reserve(command.size() + 1);
     for (std::string& word : command) raw.push_back(word.data());
     raw.push_back(nullptr);
     EXPECT_EQ(::posix_spawnp(&child_, raw[0], nullptr, nullptr, raw.data(), environ), 0) << command[4];
@@ -89,6 +90,7 @@ class ConsoleOnKernel : public KernelTest {
     server_.emplace(std::vector<std::string>{"Xvfb", kDisplay, "-screen", "0", "1400x940x24", "-nolisten", "tcp", "-r",
                                              "-fbdir", kFolder});
     ASSERT_TRUE(waitFor([] { return xdotool("getmouselocation"); }));
+    say("the X server is there");
     manager_.emplace(std::vector<std::string>{"openbox", "--sm-disable"});
   }
   // What was on the screen stays with the log of a failed case.
