@@ -36,6 +36,7 @@ TEST(SharedLibrary, ShowsItsEntryPointsAndTheHostFunctionsAlone) {
       "mirn::registerFlutterMirnPluginCApi(mirn::PluginRegistrar&)",
       "mirn::hostSessionStatistics()",
       "mirn::hostLastOpenError()",
+      "mirn::hostHidRefusal()",
       "mirn::hostHidTopologyPath[abi:cxx11]()",
       "mirn::hostCaptureTopologyPath[abi:cxx11]()",
       "mirn::hostLinkStatistics()",
