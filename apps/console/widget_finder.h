@@ -1,6 +1,7 @@
 // Finds what a person sees in the program's windows by its text, so that tests press the very buttons.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>

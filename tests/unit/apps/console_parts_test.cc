@@ -81,7 +81,7 @@ PixelBufferRef pictureWith(uint32_t frame, uint32_t digest) {
       auto column = static_cast<int>((x - place.left) / place.cell);
       auto line = static_cast<int>((y - place.top) / place.cell);
       bool inside = digest != 0 && x >= place.left && y >= place.top && column < kStripColumns && line < kStripRows;
-      bool white = inside && bits.at(static_cast<size_t>(line * kStripColumns + column));
+      bool white = inside && bits.at(static_cast<size_t>(line) * kStripColumns + static_cast<size_t>(column));
       std::fill_n(row + static_cast<size_t>(x) * 4, 4, white ? 255 : static_cast<uint8_t>(frame & 1));
     }
   }
