@@ -1,38 +1,19 @@
 #!/usr/bin/env python3
-"""mirn-console in a real X server, driven with real key and pointer events.
+"""mirn-console in a real X server, driven with real key and pointer events: picture, typing, pasting, upgrade.
 
     console_test.py PROGRAM OUTPUT_DIR CASE
-
-Screenshots of each state are kept in OUTPUT_DIR. Exit status 77: a tool is missing, the case was not run.
 """
 import os
 import shutil
 import subprocess
 import sys
-import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from desktop import Console, Desktop, Failure, WaylandDesktop, missing_tools, private_folder  # noqa: E402
+from cases import OUTPUT, PROGRAM, expect, firmware, keep, main, typed_text  # noqa: E402
+from cases import expect_only_releases  # noqa: E402
+from desktop import Console, WaylandDesktop, private_folder  # noqa: E402
 
-PROGRAM, OUTPUT = os.path.abspath(sys.argv[1]), os.path.abspath(sys.argv[2])
 FULL_SCALE = 32767
-
-
-def expect(condition, text):
-    if not condition:
-        raise Failure(text)
-
-
-def keep(desktop, name, console=None, title=None):
-    """Keeps a screenshot; of a console's windows (the one of that title too), when they have drawn what they show."""
-    os.makedirs(OUTPUT, exist_ok=True)
-    if console is not None:
-        console.drawn(title)
-    desktop.screenshot(os.path.join(OUTPUT, name + ".png"))
-
-
-def typed_text(state):
-    return state["text"].replace("\n", "")
 
 
 def strip_digest_on_screen(console, name):
@@ -160,218 +141,6 @@ def test_pointer_that_leaves_over_the_top_rests_at_the_edge(desktop):
     console.wait("the pointer at the top", lambda s: s["pointer"][1] == 0)
 
 
-NOTHING = {"keys": [0] * 6, "modifiers": 0, "buttons": 0}
-RELEASES = ["keys-up", "buttons-up", "buttons-up", "buttons-up"]
-
-
-def holds_nothing(state):
-    return all(state[name] == value for name, value in NOTHING.items())
-
-
-def test_focus_loss_releases_everything(desktop):
-    console = Console(desktop, PROGRAM)
-    console.ready()
-    console.click(300, 300)
-    desktop.xdotool("keydown", "shift", "keydown", "a")
-    console.wait("held keys", lambda s: 4 in s["keys"] and s["modifiers"] == 2)
-    desktop.xdotool("mousedown", 1)
-    console.wait("a held button", lambda s: s["buttons"] == 1)
-    desktop.xdotool("windowminimize", console.window)
-    console.wait("the release of everything", lambda s: holds_nothing(s) and not s["captured"])
-    desktop.xdotool("mouseup", 1, "keyup", "a", "keyup", "shift")
-
-
-def test_closing_releases_everything(desktop):
-    console = Console(desktop, PROGRAM)
-    console.ready()
-    console.click(300, 300)
-    desktop.xdotool("keydown", "a")
-    desktop.xdotool("mousedown", 1)
-    console.wait("a held key and button", lambda s: 4 in s["keys"] and s["buttons"] == 1)
-    expect(console.close() == 0, "the console ends cleanly with a key held")
-    expect(console.left["held"] == NOTHING, "the device holds %s" % console.left["held"])
-    expect(console.left["sent"][-4:] == RELEASES, "the last records are %s" % console.left["sent"])
-    desktop.xdotool("mouseup", 1, "keyup", "a")
-
-
-def test_a_new_proxy_releases_first_of_all(desktop):
-    console = Console(desktop, PROGRAM)
-    state = console.ready()
-    sent = console.say("sent 0")["sent"]
-    first = sent.index("handshake")
-    expect([word for word in sent[first:] if word not in ("handshake", "other")][:4] == RELEASES, "at the start: %s" % sent)
-    console.click(300, 300)
-    desktop.xdotool("keydown", "a")
-    state = console.wait("a held key", lambda s: 4 in s["keys"])
-    console.say("action reconnect")
-    console.wait("the new proxy", lambda s: s["info"] and s["exchanges"] >= state["exchanges"] + 6)
-    sent = console.say("sent %d" % state["exchanges"])["sent"]
-    expect("handshake" in sent, "a new proxy was made: %s" % sent)
-    after = [word for word in sent[sent.index("handshake"):] if word not in ("handshake", "other")]
-    expect(after[:4] == RELEASES, "after the handshake: %s" % after)
-    # The key is still down under the hand: the desktop's repeat may have pressed it anew.
-    desktop.xdotool("keyup", "a")
-    console.wait("the release by the hand", holds_nothing)
-
-
-def test_an_upgrade_starts_with_nothing_held(desktop):
-    console = Console(desktop, PROGRAM)
-    console.ready()
-    console.click(300, 300)
-    desktop.xdotool("keydown", "a")
-    state = console.wait("a held key", lambda s: 4 in s["keys"])
-    console.say("upgrade " + firmware(desktop.folder, "2.5.0"))
-    console.say("start")
-    before = console.say("sent %d" % state["exchanges"])["sent"]
-    console.say("start")  # a second press of the button: the one upgrade goes on
-    console.wait("the result", lambda s: not s["upgrading"] and s["upgrade"] and s["info"], 120)
-    sent = console.say("sent %d" % state["exchanges"])["sent"]
-    chunk = sent.index("chunk")
-    expect("keys-up" in sent[:chunk] and "keys" not in sent[:chunk], "before the first chunk: %s" % sent[:chunk])
-    expect(sent.count("chunk") == 59, "%d chunks, not 59, after %s" % (sent.count("chunk"), before))
-    desktop.xdotool("keyup", "a")
-
-
-def test_buttons_wheel_and_drag(desktop):
-    console = Console(desktop, PROGRAM)
-    state = console.ready()
-    console.click(300, 300)
-    for button, bit in ((2, 4), (3, 2)):
-        desktop.xdotool("mousedown", button)
-        console.wait("button %d" % button, lambda s: s["buttons"] == bit)
-        desktop.xdotool("mouseup", button)
-        console.wait("its release", lambda s: s["buttons"] == 0)
-    wheel = console.state()["wheel"]
-    desktop.xdotool("click", "--repeat", 3, 5)
-    console.wait("three notches down", lambda s: abs(s["wheel"] - wheel) == 3)
-    down = console.state()["wheel"]
-    desktop.xdotool("click", 4)
-    console.wait("one notch back", lambda s: abs(s["wheel"] - wheel) == 2 and s["wheel"] != down)
-    start = console.state()["pointer"]
-    desktop.xdotool("mousedown", 1)
-    console.wait("the button", lambda s: s["buttons"] == 1)
-    desktop.xdotool("mousemove", *console.root_of(500, 400, state))
-    dragged = console.wait("the drag", lambda s: s["pointer"][0] > start[0] + 1000 and s["pointer"][1] > start[1] + 1000)
-    expect(dragged["buttons"] == 1, "the button stays down while dragging")
-    desktop.xdotool("mouseup", 1)
-    console.wait("the end of the drag", lambda s: s["buttons"] == 0)
-
-
-def test_a_chord_of_the_palette(desktop):
-    console = Console(desktop, PROGRAM)
-    before = console.ready()["exchanges"]
-    console.press("where", "Keys")
-    console.press("where", "Ctrl+Alt+Del")
-    console.wait("the word on it", lambda s: s["said"] == "Sent ctrl+alt+del.")
-    keep(desktop, "chord", console)
-    console.wait("the release", holds_nothing)
-    sent = console.say("sent %d" % before)["sent"]
-    expect(sent.count("keys") >= 3 and "keys-up" in sent[sent.index("keys"):], "down and up again: %s" % sent)
-
-
-def test_device_panel(desktop):
-    console = Console(desktop, PROGRAM)
-    console.ready()
-    desktop.xdotool("key", "F9")
-    console.wait_text("plugged in")
-    expect(console.say("field Version")["text"] == "1.0.0", "the version is shown")
-    console.press("field", "Name")
-    desktop.xdotool("key", "ctrl+a")
-    desktop.xdotool("type", "abcdefghijklmnopqrstu")
-    console.wait_text("21 of 20 bytes")
-    expect(not console.say("where Save name")["sensitive"], "a name that is too long can't be saved")
-    keep(desktop, "device_panel_name", console)
-    desktop.xdotool("key", "BackSpace")
-    console.wait_text("20 of 20 bytes")
-    console.press("where", "Save name")
-    console.wait_text("The name is saved.")
-    expect(console.state()["name"] == "abcdefghijklmnopqrst", "the device has the name")
-    console.press("field", "LED")
-    desktop.xdotool("key", "ctrl+a")
-    desktop.xdotool("type", "3\t")
-    console.press("where", "Set LED")
-    console.wait_text("The LED is set.")
-    expect(console.state()["led"] == 3, "the device has the LED status")
-    console.say("unplug")
-    console.wait("the unplugging", lambda s: s["condition"] == "not-plugged-in")
-    expect(console.say("field Device")["text"] == "not plugged in", "the panel follows at once")
-    keep(desktop, "device_panel_unplugged", console)
-
-
-def test_pasting_from_the_clipboard_and_cancelling(desktop):
-    console = Console(desktop, PROGRAM)
-    console.ready()
-    secret = "Xyzzy-Secret-Passphrase-" * 12
-    clip = subprocess.Popen(["xclip", "-selection", "clipboard", "-i", "-quiet"], env=desktop.environment,
-                            stdin=subprocess.PIPE, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-    try:
-        clip.stdin.write(secret.encode())
-        clip.stdin.close()
-        desktop.xdotool("key", "ctrl+shift+v")
-        console.wait_text("%d characters can be typed." % len(secret))
-        keep(desktop, "paste_from_clipboard", console, "Type text")
-        console.press("where", "Type")
-        console.wait("a part of the text", lambda s: typed_text(s).startswith("Xyzzy-Secret"))
-        console.press("where", "Cancel")
-        state = console.wait("the end", lambda s: not s["typing"] and holds_nothing(s))
-        expect(typed_text(state) != secret and secret.startswith(typed_text(state)), "only a part was typed")
-        expect(any(text.startswith("Cancelled after ") for text in console.texts()), "the dialog says so")
-    finally:
-        clip.terminate()
-        clip.wait(20)
-    expect(console.close() == 0, "the console ends cleanly")
-    console_files = 0
-    for folder, _, names in os.walk(desktop.folder):
-        for name in names:
-            path = os.path.join(folder, name)
-            if os.path.isfile(path) and not os.path.islink(path):
-                console_files += 1
-                with open(path, "rb") as file:
-                    expect(b"Xyzzy" not in file.read(), "%s holds the text that was pasted" % name)
-    expect(console_files > 0, "there is a log to look into")
-
-
-def test_a_silent_device_leaves_the_window_usable(desktop):
-    # Nothing is ever answered: after the second failure the pause is ten seconds.
-    console = Console(desktop, PROGRAM, "--virtual-faults", "drop@*")
-    console.wait("the second failure", lambda s: "asked again in 10 s" in s["said"])
-    begin = time.monotonic()
-    before = console.state()["exchanges"]
-    slowest = 0.0
-    while time.monotonic() - begin < 4:
-        asked = time.monotonic()
-        state = console.state()
-        slowest = max(slowest, time.monotonic() - asked)
-        time.sleep(0.02)  # between two questions
-    expect(state["exchanges"] == before, "nobody asks the device in the pause")
-    expect(slowest < 1.5, "the window stood still for %.1f s" % slowest)
-    console.say("action reconnect")
-    console.wait("a question at once", lambda s: s["exchanges"] > before, 8)
-    expect(time.monotonic() - begin < 9, "reconnecting did not wait for the pause's end")
-
-
-def header_brightness(desktop, console, name):
-    keep(desktop, name, console)
-    left, top = console.corner()
-    view = console.state()["view"]
-    path = os.path.join(OUTPUT, name + ".png")
-    place = "2x2+%d+%d" % (left + int(view[0]) + int(view[2]) // 4 * 3, top + int(view[1]) - 12)
-    text = desktop.run("convert", path, "-crop", place, "+repage", "-colorspace", "Gray", "-format", "%[fx:mean]", "info:")
-    return float(text)
-
-
-def test_light_and_dark(desktop):
-    shown = {}
-    for theme in ("light", "dark"):
-        with open(os.path.join(desktop.folder, "settings.ini"), "w", encoding="utf-8") as file:
-            file.write("[window]\ntheme=%s\n" % theme)
-        console = Console(desktop, PROGRAM)
-        console.ready()
-        shown[theme] = header_brightness(desktop, console, "theme_" + theme)
-        expect(console.close() == 0, "the console ends cleanly")
-    expect(shown["light"] > 0.6 and shown["dark"] < 0.4, "the header's brightness: %s" % shown)
-
-
 def test_pasting_two_thousand_characters(desktop):
     console = Console(desktop, PROGRAM)
     console.ready()
@@ -397,25 +166,6 @@ def test_untypable_characters_are_shown_before_anything_is_sent(desktop):
     expect_only_releases(console, before)
     console.say("type")
     console.wait("the rest, once it is wanted", lambda s: not s["typing"] and s["text"] == "nave ")
-
-
-def expect_only_releases(console, before):
-    """A dialog takes the focus, which releases everything: one key record and three button records, nothing else."""
-    sent = console.say("sent %d" % before)
-    expect(sent["sent"] == RELEASES[:len(sent["sent"])], "releases only, not %s" % sent)
-    expect(console.state()["text"] == "", "nothing is typed")
-
-
-def firmware(folder, version):
-    image = b"MIRN-VERSION=" + version.encode() + b"\0" + bytes((i * 7) & 0xFF for i in range(60000))
-    lines = []
-    for at in range(0, len(image), 16):
-        part = image[at:at + 16]
-        record = "%02X%04X00%s" % (len(part), at, part.hex().upper())
-        lines.append(":%s%02X\r\n" % (record, -sum(bytes.fromhex(record)) & 0xFF))
-    path = os.path.join(folder, "firmware.hex")
-    open(path, "w", newline="").write("".join(lines) + ":00000001FF\r\n")
-    return path
 
 
 def test_upgrade_with_unplugging_in_the_middle(desktop):
@@ -577,37 +327,4 @@ def test_on_wayland(desktop):
         shutil.rmtree(folder, ignore_errors=True)
 
 
-def main():
-    if missing_tools():
-        print("skipped: these tools are missing: " + " ".join(missing_tools()))
-        return 77
-    case = globals()["test_" + sys.argv[3]]
-    folder = private_folder()
-    desktop = Desktop(folder)
-    started = []
-    original = Console.__init__
-
-    def remember(self, *arguments, **named):
-        started.append(self)
-        original(self, *arguments, **named)
-
-    Console.__init__ = remember
-    try:
-        case(desktop)
-    except Failure as failure:
-        print("FAILED: %s" % failure)
-        keep(desktop, "failed_" + sys.argv[3])
-        return 1
-    finally:
-        for console in started:
-            console.close()
-        desktop.close()
-        shutil.rmtree(folder, ignore_errors=True)
-    failed = os.path.join(OUTPUT, "failed_" + sys.argv[3] + ".png")
-    if os.path.exists(failed):  # of an earlier run
-        os.remove(failed)
-    print("passed")
-    return 0
-
-
-sys.exit(main())
+sys.exit(main(globals()))
