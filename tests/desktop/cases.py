@@ -38,6 +38,12 @@ def holds_nothing(state):
     return all(state[name] == value for name, value in NOTHING.items())
 
 
+def after_the_start(console):
+    """How many records the device has taken when those that go out at the start have all arrived."""
+    console.wait("the releases of the start", lambda s: console.say("sent 0")["sent"][-4:] == RELEASES)
+    return console.state()["exchanges"]
+
+
 def expect_only_releases(console, before):
     """A dialog takes the focus, which releases everything: one key record and three button records, nothing else."""
     sent = console.say("sent %d" % before)
