@@ -10,7 +10,7 @@ import sys
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from cases import OUTPUT, PROGRAM, expect, firmware, keep, main, typed_text  # noqa: E402
-from cases import after_the_start, expect_only_releases  # noqa: E402
+from cases import expect_only_releases  # noqa: E402
 from desktop import Console, WaylandDesktop, private_folder  # noqa: E402
 
 FULL_SCALE = 32767
@@ -159,7 +159,7 @@ def test_pasting_two_thousand_characters(desktop):
 def test_untypable_characters_are_shown_before_anything_is_sent(desktop):
     console = Console(desktop, PROGRAM)
     console.ready()
-    before = after_the_start(console)
+    before = console.state()["exchanges"]
     console.say("paste " + "na\u00efve \u20ac".encode().hex())
     console.wait("the dialog", lambda s: not s["active"])
     keep(desktop, "untypable", console, "Type text")
@@ -197,7 +197,7 @@ def test_upgrade_refuses_a_broken_file(desktop):
     path = firmware(desktop.folder, "2.5.0")
     text = open(path, newline="").read().replace(":10001000", ":10001001", 1)
     open(path, "w", newline="").write(text)
-    before = after_the_start(console)
+    before = console.state()["exchanges"]
     console.say("upgrade " + path)
     console.wait("the dialog", lambda s: not s["active"])
     console.say("start")
