@@ -105,9 +105,10 @@ def pointer_rests(desktop, scale):
         before = None
 
         def settled(now):
-            # Two equal looks at the same geometry, drawn once more in between.
+            # Two equal looks at the same geometry, drawn once more in between; the window manager may move a large window.
             nonlocal before
-            same = before is not None and before["view"] == now["view"] and before["placement"] == now["placement"]
+            now["corner"] = console.corner()
+            same = before is not None and all(before[key] == now[key] for key in ("corner", "view", "placement"))
             good = same and now["drawn"] > before["drawn"] and abs(now["window"][1] - height) <= 60
             before = before if same else now
             return good
