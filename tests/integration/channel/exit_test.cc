@@ -146,7 +146,7 @@ TEST_F(ProcessExitDeathTest, WithTrafficRunningIsCleanAndSendsNoRelease) {
     SCOPED_TRACE(round);
     expectClean(statusOfChild([this, round] {
       WorldOptions options;
-      options.mirn.latency = std::chrono::milliseconds(2);
+      options.mirn.latency = std::chrono::milliseconds(20);
       ChannelWorld& world = begin(options);
       world.value("createTexture");
       demand(world.reply("open") == success(true), kAnsweredWrongly);
@@ -167,7 +167,7 @@ TEST_F(ProcessExitDeathTest, InTheMiddleOfAnUpgradeIsCleanAndSendsChunksAlone) {
   std::ofstream(image) << std::string(kChunks * 1024, 'x');
   expectClean(statusOfChild([this, &image] {
     WorldOptions options;
-    options.mirn.latency = std::chrono::milliseconds(2);
+    options.mirn.latency = std::chrono::milliseconds(20);
     ChannelWorld& world = begin(options);
     demand(world.reply("reqUpgradeFirmware", ValueMap{{"path", image}}) == success(1), kAnsweredWrongly);
     demand(world.eventually([&] { return world.received<VirtualFirmwareChunk>().size() > 2; }), kStateNotReached);

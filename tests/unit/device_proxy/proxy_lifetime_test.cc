@@ -63,11 +63,11 @@ class OneProcessor {
 // had.
 constexpr int kChances = 500;
 
-// Until the thread waits for something: the state behind the name in its stat file is S.
-bool waitUntilAsleep(uint32_t thread) {
+// Until the thread has begun and waits for something: the state behind the name in its stat file is S.
+bool waitUntilAsleep(const CBaseThread& thread) {
   const auto deadline = std::chrono::steady_clock::now() + kTestPatience;
   while (std::chrono::steady_clock::now() < deadline) {
-    const std::string stat = readFile("/proc/self/task/" + std::to_string(thread) + "/stat");
+    const std::string stat = readFile("/proc/self/task/" + std::to_string(thread.ThreadId()) + "/stat");
     const size_t name_end = stat.rfind(") ");
     if (name_end != std::string::npos && stat[name_end + 2] == 'S') return true;
     sched_yield();
@@ -96,7 +96,7 @@ class ProxyLifetimeTest : public ProxyTest {
   // Gives the sending thread every chance to take what the destructor submits. Returns what arrived.
   std::vector<std::string> destroyBehindAnIdleThread(OneProcessor& processor) {
     processor.stepBack();
-    EXPECT_TRUE(waitUntilAsleep(proxy_->send_thread().ThreadId()));
+    EXPECT_TRUE(waitUntilAsleep(proxy_->send_thread()));
     proxy_.reset();
     processor.stepForward();
     return arrivedInAll();
