@@ -4,8 +4,8 @@
 
 #include <cerrno>
 
-#include "tests/support/video/log_capture.h"
 #include "tests/support/video/fake_v4l2.h"
+#include "tests/support/video/log_capture.h"
 
 namespace mirn {
 namespace {
