@@ -93,11 +93,15 @@ def test_buttons_wheel_and_drag(desktop):
     console = Console(desktop, PROGRAM)
     state = console.ready()
     console.click(300, 300)
-    for button, bit in ((2, 4), (3, 2)):
-        desktop.xdotool("mousedown", button)
-        console.wait("button %d" % button, lambda s: s["buttons"] == bit)
-        desktop.xdotool("mouseup", button)
-        console.wait("its release", lambda s: s["buttons"] == 0)
+    # The device takes the middle button as released with the next move, which may come at once: the press counts.
+    desktop.xdotool("mousedown", 2)
+    console.wait("the middle button", lambda s: s["clicks"] and s["clicks"][-1][2] == 4)
+    desktop.xdotool("mouseup", 2)
+    console.wait("its release", lambda s: s["buttons"] == 0)
+    desktop.xdotool("mousedown", 3)
+    console.wait("the right button", lambda s: s["buttons"] == 2)
+    desktop.xdotool("mouseup", 3)
+    console.wait("its release", lambda s: s["buttons"] == 0)
     wheel = console.state()["wheel"]
     desktop.xdotool("click", "--repeat", 3, 5)
     console.wait("three notches down", lambda s: abs(s["wheel"] - wheel) == 3)
