@@ -10,7 +10,8 @@ TypingRun::TypingRun(TypingPlan plan, InputSink& sink, uint64_t answered, uint64
 
 TypingRun::State TypingRun::fail(const std::string& why) {
   sink_.keyUp(0);
-  failure_ = why;
+  failure_ = why + "; typing stopped after " + std::to_string(charactersDone()) + " of " +
+             std::to_string(characters()) + " characters.";
   state_ = State::kFailed;
   return state_;
 }
@@ -27,8 +28,7 @@ TypingRun::State TypingRun::advance(uint64_t answered, uint64_t refused, Time no
   }
   confirmed_ = confirmed;
   if (refused > first_refused_) {
-    return fail("The device refused a key press or didn't answer; typing stopped after " +
-                std::to_string(charactersDone()) + " of " + std::to_string(characters()) + " characters.");
+    return fail("The device refused a key press or didn't answer");
   }
   while (sent_ < plan_.steps.size() && sent_ - confirmed_ < kInFlight) {
     const KeyStep& step = plan_.steps[static_cast<size_t>(sent_)];
@@ -38,8 +38,7 @@ TypingRun::State TypingRun::advance(uint64_t answered, uint64_t refused, Time no
   if (confirmed_ == plan_.steps.size()) {
     state_ = State::kDone;
   } else if (now - last_progress_ > kPatience) {
-    return fail("The device stopped answering; typing stopped after " + std::to_string(charactersDone()) + " of " +
-                std::to_string(characters()) + " characters.");
+    return fail("The device stopped answering");
   }
   return state_;
 }
@@ -48,6 +47,12 @@ void TypingRun::cancel() {
   if (state_ == State::kTyping) {
     sink_.keyUp(0);
     state_ = State::kCancelled;
+  }
+}
+
+void TypingRun::interrupt() {
+  if (state_ == State::kTyping) {
+    fail("All keys were let go in the middle");
   }
 }
 

@@ -30,6 +30,8 @@ class TypingRun {
   State advance(uint64_t answered, uint64_t refused, Time now);
   // Stops at once and releases all keys.
   void cancel();
+  // Somebody else let all keys go, so the plan's Shift isn't held any more: what came next would be typed wrong.
+  void interrupt();
 
   State state() const { return state_; }
   size_t charactersDone() const { return plan_.charactersDone(static_cast<size_t>(confirmed_)); }

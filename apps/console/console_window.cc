@@ -112,7 +112,11 @@ void ConsoleWindow::connect() {
   link_.signalSaid().connect(sigc::mem_fun(*this, &ConsoleWindow::say));
   input_.signalCaptured().connect(sigc::mem_fun(*this, &ConsoleWindow::onCaptured));
   input_.signalSaid().connect(sigc::mem_fun(*this, &ConsoleWindow::say));
-  paste_.signalRunning().connect([this](bool running) { input_.setPasting(running); });
+  input_.signalReleasing().connect([this] { paste_.interrupt(); });
+  paste_.signalRunning().connect([this](bool running) {
+    input_.setPasting(running);
+    link_.setTyping(running);
+  });
   signal_close_request().connect(sigc::mem_fun(*this, &ConsoleWindow::onClose), false);
   property_fullscreened().signal_changed().connect([this] { status_.set_visible(!is_fullscreen()); });
   constexpr unsigned kFiguresEveryMs = 500;

@@ -82,7 +82,7 @@ bool DeviceLink::keyboardBroken() {
 }
 
 void DeviceLink::keepKeyboard(Steady::time_point now) {
-  if (upgrading_ || !keyboard_pace_.due(now)) {
+  if (upgrading_ || typing_ || !keyboard_pace_.due(now)) {
     return;
   }
   bool broken = keyboardBroken();

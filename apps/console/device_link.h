@@ -42,6 +42,8 @@ class DeviceLink {
   // While an upgrade runs, nobody else makes a proxy.
   void setUpgrading(bool upgrading);
   bool upgrading() const { return upgrading_; }
+  // While a text is typed the proxy stays as it is: a new one would discard the keys that wait and let go of Shift.
+  void setTyping(bool typing) { typing_ = typing; }
 
   // Why input is held back now; empty when it may be sent.
   const std::string& blockedReason() const { return blocked_; }
@@ -74,6 +76,7 @@ class DeviceLink {
   bool present_ = false;
   bool known_ = false;
   bool upgrading_ = false;
+  bool typing_ = false;
   uint64_t failures_ = 0;
   std::optional<Steady::time_point> picture_tried_;
   RetryPace keyboard_pace_;

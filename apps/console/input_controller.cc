@@ -163,6 +163,7 @@ void InputController::onActive() {
 }
 
 void InputController::releaseEverything() {
+  releasing_.emit();
   keys_.forget();
   buttons_ = 0;
   pointer_.settle(Steady::now(), true);
@@ -170,6 +171,7 @@ void InputController::releaseEverything() {
 }
 
 void InputController::forgetHeld() {
+  releasing_.emit();
   keys_.forget();
   wheel_.reset();
   buttons_ = 0;

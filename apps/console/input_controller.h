@@ -39,6 +39,8 @@ class InputController {
   void setPasting(bool pasting) { pasting_ = pasting; }
 
   sigc::signal<void()>& signalCaptured() { return captured_changed_; }
+  // Everything is about to be released, or was: what somebody else holds goes, too.
+  sigc::signal<void()>& signalReleasing() { return releasing_; }
   sigc::signal<void(std::string)>& signalSaid() { return said_; }
 
  private:
@@ -71,6 +73,7 @@ class InputController {
   unsigned buttons_ = 0;  // bit n: button n is down
   sigc::connection rest_;
   sigc::signal<void()> captured_changed_;
+  sigc::signal<void()> releasing_;
   sigc::signal<void(std::string)> said_;
 };
 

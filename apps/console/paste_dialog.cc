@@ -128,7 +128,17 @@ void PasteDialog::cancel() {
   }
 }
 
-void PasteDialog::finish(const std::string& outcome) {
+void PasteDialog::interrupt() {
+  if (running()) {
+    run_->interrupt();
+  }
+}
+
+// By value: the outcome may be the run's own, which goes first.
+void PasteDialog::finish(std::string outcome) {
+  if (!link_.blockedReason().empty()) {
+    outcome += "\n" + link_.blockedReason();
+  }
   run_.reset();
   text_.set_sensitive(true);
   type_.set_sensitive(true);

@@ -27,6 +27,8 @@ class PasteDialog : public Gtk::Window {
   void start();
   bool running() const { return run_ != nullptr; }
   void cancel();
+  // All keys are being let go, or the proxy went: a text half typed can't go on. Nothing happens without one.
+  void interrupt();
 
   // true at the start of typing, false at its end.
   sigc::signal<void(bool)>& signalRunning() { return running_changed_; }
@@ -34,7 +36,7 @@ class PasteDialog : public Gtk::Window {
  private:
   void plan();
   bool advance();
-  void finish(const std::string& outcome);
+  void finish(std::string outcome);
 
   InputSink& input_;
   DeviceLink& link_;

@@ -23,6 +23,8 @@ void ConsoleWindow::addActions() {
     auto keys = Glib::VariantBase::cast_dynamic<Glib::Variant<Glib::ustring>>(target).get();
     if (!link_.blockedReason().empty()) {
       say(link_.blockedReason());
+    } else if (paste_.running()) {
+      say("A text is being typed: no other keys go out until that is done.");
     } else {
       playChord(gate_, keys.raw());
       say("Sent " + keys.raw() + ".");

@@ -53,6 +53,37 @@ TEST(TypingRun, ARefusedKeyStopsTheRun) {
   EXPECT_THAT(run.failure(), testing::HasSubstr("after 2 of 5 characters"));
 }
 
+// Shift is held over the whole text: without it the rest would be lower case.
+TEST(TypingRun, LettingAllKeysGoInACapitalsRunStopsItAloud) {
+  RecordingSink sink;
+  TypingRun run(planOf("HELLO, YOU THERE"), sink, 0, 0);
+  run.advance(0, 0, {});
+  run.advance(5, 0, {});
+  size_t sent = sink.events.size();
+  run.interrupt();
+  EXPECT_EQ(run.state(), State::kFailed);
+  EXPECT_EQ(sink.events.size(), sent + 1);
+  EXPECT_EQ(sink.events.back(), "up 0");
+  EXPECT_EQ(run.failure(), "All keys were let go in the middle; typing stopped after 2 of 16 characters.");
+  // The answers to the releases don't count as characters, and no more is sent.
+  EXPECT_EQ(run.advance(100, 0, {}), State::kFailed);
+  EXPECT_EQ(run.charactersDone(), 2U);
+  EXPECT_EQ(sink.events.size(), sent + 1);
+}
+
+TEST(TypingRun, WhatIsOverCantBeInterrupted) {
+  RecordingSink sink;
+  TypingRun done(planOf("a"), sink, 0, 0);
+  done.advance(0, 0, {});
+  EXPECT_EQ(done.advance(2, 0, {}), State::kDone);
+  done.interrupt();
+  EXPECT_EQ(done.state(), State::kDone);
+  TypingRun cancelled(planOf("a"), sink, 0, 0);
+  cancelled.cancel();
+  cancelled.interrupt();
+  EXPECT_EQ(cancelled.state(), State::kCancelled);
+}
+
 TEST(TypingRun, ASilentDeviceStopsTheRun) {
   RecordingSink sink;
   TypingRun run(planOf("hello"), sink, 0, 0);
