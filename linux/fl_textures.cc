@@ -6,14 +6,32 @@
 
 namespace mirn {
 
-FlTexturesAdapter::FlTexturesAdapter(FlTextureRegistrar* registrar)
-    : registrar_(static_cast<FlTextureRegistrar*>(g_object_ref(registrar))) {}
+namespace {
 
+using SharedAdapter = std::shared_ptr<FlTexturesAdapter>;
+
+// Nobody has business on a channel that only watches the engine: not implemented. Unanswered it would be an error.
+void refuseMessage(FlBinaryMessenger* messenger, const gchar* /*channel*/, GBytes* /*message*/,
+                   FlBinaryMessengerResponseHandle* response_handle, gpointer /*adapter*/) {
+  fl_binary_messenger_send_response(messenger, response_handle, nullptr, nullptr);
+}
+
+}  // namespace
+
+FlTexturesAdapter::FlTexturesAdapter(FlTextureRegistrar* registrar, FlBinaryMessenger* messenger)
+    : registrar_(static_cast<FlTextureRegistrar*>(g_object_ref(registrar))),
+      messenger_(static_cast<FlBinaryMessenger*>(g_object_ref(messenger))) {}
+
+// Either the engine has ended, or there never was a texture and only the registration has held this.
 FlTexturesAdapter::~FlTexturesAdapter() {
-  g_object_unref(registrar_);
+  g_clear_object(&registrar_);
+  g_clear_object(&messenger_);
 }
 
 int64_t FlTexturesAdapter::registerTexture(std::shared_ptr<ExternalTexture> texture) {
+  if (registrar_ == nullptr) {
+    return 0;
+  }
   releaseRetired();
   TextureObject object(newPixelTexture(texture, watch_));
   if (fl_texture_registrar_register_texture(registrar_, FL_TEXTURE(object.get())) == FALSE) {
@@ -21,8 +39,11 @@ int64_t FlTexturesAdapter::registerTexture(std::shared_ptr<ExternalTexture> text
     return 0;
   }
   const int64_t id = fl_texture_get_id(FL_TEXTURE(object.get()));
-  const MutexGuard guard(mutex_);
-  entries_[id] = Entry{std::move(object), std::move(texture), false};
+  {
+    const MutexGuard guard(mutex_);
+    entries_[id] = Entry{std::move(object), std::move(texture), false};
+  }
+  watchEngine();
   return id;
 }
 
@@ -75,38 +96,33 @@ void FlTexturesAdapter::unregisterNow(int64_t id) {
     entry = std::move(found->second);
     entries_.erase(found);
   }
-  const bool accepted = fl_texture_registrar_unregister_texture(registrar_, FL_TEXTURE(entry.object.get())) != FALSE;
+  fl_texture_registrar_unregister_texture(registrar_, FL_TEXTURE(entry.object.get()));
   entry.texture->onTextureUnregistered(entry.texture.get());
   // After the embedding has forgotten it: it begins no new task with it.
   watch_->await(entry.object.get());
   retired_.push_back(std::move(entry.object));
   releaseRetired();
-  if (!accepted && !retired_.empty() && engineIsGone(retired_.front().get())) {
-    retired_.clear();
-  }
 }
 
 void FlTexturesAdapter::releaseRetired() {
   std::erase_if(retired_, [this](const TextureObject& one) { return !watch_->awaits(one.get()); });
 }
 
-bool FlTexturesAdapter::engineIsGone(MirnPixelTexture* any) {
-  // Marking an id that isn't registered is harmless; only a missing engine refuses it.
-  return fl_texture_registrar_mark_texture_frame_available(registrar_, FL_TEXTURE(any)) == FALSE;
+// The name belongs to this object as long as the handler keeps it alive, so nobody replaces the handler: its destroy
+// notify is the engine's end and nothing else.
+void FlTexturesAdapter::watchEngine() {
+  if (std::exchange(watching_, true)) {
+    return;
+  }
+  g_autofree gchar* channel = g_strdup_printf("flutter_mirn/textures/%p", static_cast<void*>(this));
+  fl_binary_messenger_set_message_handler_on_channel(
+      messenger_, channel, refuseMessage, new SharedAdapter(shared_from_this()), [](gpointer adapter) {
+        const std::unique_ptr<SharedAdapter> self(static_cast<SharedAdapter*>(adapter));
+        (*self)->engineEnded();
+      });
 }
 
-void FlTexturesAdapter::registrationEnded() {
-  releaseRetired();
-  MirnPixelTexture* any = retired_.empty() ? nullptr : retired_.front().get();
-  {
-    const MutexGuard guard(mutex_);
-    if (any == nullptr && !entries_.empty()) {
-      any = entries_.begin()->second.object.get();
-    }
-  }
-  if (any == nullptr || !engineIsGone(any)) {
-    return;  // another plug-in took the channel over: the textures go on until somebody destroys them
-  }
+void FlTexturesAdapter::engineEnded() {
   std::map<int64_t, Entry> entries;
   {
     const MutexGuard guard(mutex_);
@@ -116,6 +132,8 @@ void FlTexturesAdapter::registrationEnded() {
     entry.texture->onTextureUnregistered(entry.texture.get());
   }
   retired_.clear();
+  g_clear_object(&registrar_);
+  g_clear_object(&messenger_);
 }
 
 }  // namespace mirn

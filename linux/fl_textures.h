@@ -15,11 +15,12 @@
 namespace mirn {
 
 // Thread-safe as TextureRegistry asks: what the embedding wants on its platform thread is posted there. Outlives its
-// registration: the library keeps it as long as it has textures of it.
+// registration: while the engine runs, what it has given to the raster thread stays. A handler on a channel of its own
+// holds it from the first texture on; the engine takes that away at its end, when the raster thread has ended.
 class FlTexturesAdapter final : public TextureRegistry, public std::enable_shared_from_this<FlTexturesAdapter> {
  public:
-  // `registrar` is referenced. Platform thread.
-  explicit FlTexturesAdapter(FlTextureRegistrar* registrar);
+  // Both are referenced until the engine ends. Platform thread.
+  FlTexturesAdapter(FlTextureRegistrar* registrar, FlBinaryMessenger* messenger);
   ~FlTexturesAdapter() override;
   FlTexturesAdapter(const FlTexturesAdapter&) = delete;
   FlTexturesAdapter& operator=(const FlTexturesAdapter&) = delete;
@@ -28,10 +29,6 @@ class FlTexturesAdapter final : public TextureRegistry, public std::enable_share
   int64_t registerTexture(std::shared_ptr<ExternalTexture> texture) override;
   void textureFrameAvailable(int64_t id) override;
   void unregisterTexture(int64_t id) override;
-
-  // Platform thread. The registration is over: lets every texture go if the engine is gone, which is when its raster
-  // thread has ended.
-  void registrationEnded();
 
  private:
   struct ObjectUnref {
@@ -47,9 +44,12 @@ class FlTexturesAdapter final : public TextureRegistry, public std::enable_share
   void markNow(int64_t id);
   void unregisterNow(int64_t id);
   void releaseRetired();
-  bool engineIsGone(MirnPixelTexture* any);
+  void watchEngine();
+  void engineEnded();
 
-  FlTextureRegistrar* const registrar_;
+  FlTextureRegistrar* registrar_;  // platform thread, like the next two; null after the engine's end
+  FlBinaryMessenger* messenger_;
+  bool watching_ = false;
   const std::shared_ptr<RasterWatch> watch_ = std::make_shared<RasterWatch>();
   Mutex mutex_;  // never held during a call of the embedding
   std::map<int64_t, Entry> entries_ MIRN_GUARDED_BY(mutex_);

@@ -7,13 +7,13 @@ namespace mirn {
 Registration::Registration(FlPluginRegistrar* registrar, std::function<void()> ended)
     : ended_(std::move(ended)),
       messenger_(fl_plugin_registrar_get_messenger(registrar), [this] { abandoned(); }),
-      textures_(std::make_shared<FlTexturesAdapter>(fl_plugin_registrar_get_texture_registrar(registrar))),
+      textures_(std::make_shared<FlTexturesAdapter>(fl_plugin_registrar_get_texture_registrar(registrar),
+                                                    fl_plugin_registrar_get_messenger(registrar))),
       registrar_(messenger_, textures_) {}
 
 Registration::~Registration() {
   abandoned_ = true;
   registrar_.detach();
-  textures_->registrationEnded();
 }
 
 bool Registration::begin(void (*entry_point)(PluginRegistrar& registrar)) {

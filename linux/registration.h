@@ -26,8 +26,6 @@ class Registration {
   // Calls one of the library's entry points. False when the engine was gone already: then `ended` is never called.
   bool begin(void (*entry_point)(PluginRegistrar& registrar));
 
-  FlTexturesAdapter& textures() { return *textures_; }
-
  private:
   void abandoned();
 

@@ -50,9 +50,9 @@ class FlutterPluginTest : public ::testing::Test {
   }
 
   // Sends a message and runs the loop until it is answered. The last resort of a test that fails: kNoReply.
-  CallOutcome send(MessageBytes message) {
+  CallOutcome send(MessageBytes message, const std::string& channel = "flutter_mirn") {
     std::optional<ChannelReply> answer;
-    engine_->send("flutter_mirn", std::move(message), [&answer](const std::optional<MessageBytes>& reply) {
+    engine_->send(channel, std::move(message), [&answer](const std::optional<MessageBytes>& reply) {
       using Kind = ChannelReply::Kind;
       answer = ChannelReply{!reply ? Kind::kNoReply : (reply->empty() ? Kind::kNotImplemented : Kind::kReply),
                             reply.value_or(MessageBytes())};

@@ -1,4 +1,5 @@
 // Captured pictures on their way to the raster thread of the stand-in.
+#include <flutter_mirn/flutter_mirn_plugin.h>
 #include <flutter_mirn/flutter_mirn_plugin_c_api.h>
 
 #include <atomic>
@@ -21,6 +22,13 @@ void countFreed(int64_t id, int* freed) {
 class FlutterTexture : public FlutterPluginTest {
  protected:
   int64_t createTexture() { return call("createTexture").asInt(); }
+  // The second plug-in takes the channel over: the registration that has made the textures ends.
+  void replaceRegistration() {
+    g_autoptr(FlPluginRegistrar) registrar =
+        fl_plugin_registry_get_registrar_for_plugin(engine().registry(), "FlutterMirnPlugin");
+    flutter_mirn_plugin_register_with_registrar(registrar);
+  }
+  void registerAgain() { fl_register_plugins(engine().registry()); }
   void openCamera() {
     ASSERT_TRUE(call("open").asBool());
     ASSERT_TRUE(call("setVideoQuality", {{"quality", Value("720P")}}).asBool());
@@ -76,11 +84,26 @@ TEST_F(FlutterTexture, TheSizeMayChangeBetweenFrames) {
   EXPECT_TRUE(readStripBgra(painted.rgba.data(), 1920, 1080, 1920 * 4).has_value());
 }
 
-// The raster thread has found the texture and holds no reference; it is destroyed before its pixels are asked for.
-TEST_F(FlutterTexture, DestroyingBetweenLookUpAndPixelsKeepsTheTextureAlive) {
+// The raster thread has found the texture and holds no reference; it is destroyed before its pixels are asked for. The
+// last texture of a registration whose channel somebody else has now, too: nothing but the running engine keeps it.
+class FlutterTextureAtWork : public FlutterTexture, public testing::WithParamInterface<bool> {
+ protected:
+  void setRegistration() {
+    if (GetParam()) {
+      replaceRegistration();
+    }
+  }
+};
+INSTANTIATE_TEST_SUITE_P(WithItsRegistration, FlutterTextureAtWork, testing::Values(false));
+INSTANTIATE_TEST_SUITE_P(WithoutItsRegistration, FlutterTextureAtWork, testing::Values(true));
+
+TEST_P(FlutterTextureAtWork, DestroyingBetweenLookUpAndPixelsKeepsTheTextureAlive) {
   const int64_t id = createTexture();
   openCamera();
   playFrame();
+  setRegistration();
+  int freed = 0;
+  countFreed(id, &freed);
   std::atomic<bool> inside{false};
   std::atomic<bool> go_on{false};
   std::atomic<bool> painted{false};
@@ -97,9 +120,64 @@ TEST_F(FlutterTexture, DestroyingBetweenLookUpAndPixelsKeepsTheTextureAlive) {
   std::thread other([id] { flutter_mirn_destroy_texture(id); });
   other.join();
   EXPECT_TRUE(runLoopUntil([&] { return engine().textures() == 0; }, kPatience)) << "posted to the platform thread";
+  drainLoop();
+  EXPECT_EQ(freed, 0);
   go_on = true;
   EXPECT_TRUE(runLoopUntil([&] { return painted.load(); }, kPatience));
   engine().setPaintHooks({}, {});
+  engine().shutdown();
+  EXPECT_EQ(freed, 1);
+  startEngine();
+}
+
+// Destroyed first; then nothing but what is kept for the raster thread ties it to its registration, which ends.
+TEST_F(FlutterTexture, ADestroyedTextureOutlivesItsRegistrationWhileTheRasterThreadMayAskIt) {
+  const int64_t id = createTexture();
+  int freed = 0;
+  countFreed(id, &freed);
+  mainQueue().post([id] { flutter_mirn_destroy_texture(id); });
+  ASSERT_TRUE(runLoopUntil([&] { return engine().textures() == 0; }, kPatience));
+  replaceRegistration();
+  drainLoop();
+  EXPECT_EQ(freed, 0);
+  engine().shutdown();
+  EXPECT_EQ(freed, 1);
+  startEngine();
+}
+
+// Two registrations of one engine, each with textures, and a third that has the channel when the engine ends.
+TEST_F(FlutterTexture, TheEndOfAnEngineFreesTheTexturesOfReplacedRegistrationsToo) {
+  int freed = 0;
+  const int64_t first = createTexture();
+  registerAgain();
+  const int64_t second = createTexture();
+  countFreed(first, &freed);
+  countFreed(second, &freed);
+  openCamera();
+  playFrame();
+  EXPECT_EQ(engine().paint(first).rgba, engine().paint(second).rgba) << "both go on";
+  replaceRegistration();
+  EXPECT_EQ(engine().textures(), 2U);
+  EXPECT_EQ(freed, 0);
+  engine().shutdown();
+  EXPECT_EQ(freed, 2);
+  playFrame();
+  flutter_mirn_destroy_texture(first);
+  std::thread other([second] { flutter_mirn_destroy_texture(second); });
+  other.join();
+  drainLoop();
+  startEngine();
+}
+
+// The channel that tells the engine's end answers like one that nobody serves.
+TEST_F(FlutterTexture, AMessageOnTheWatchingChannelIsNotImplemented) {
+  createTexture();
+  std::string channel;
+  for (const std::string& name : engine().channels()) {
+    channel = name != "flutter_mirn" ? name : channel;
+  }
+  ASSERT_TRUE(channel.starts_with("flutter_mirn/textures/")) << channel;
+  EXPECT_EQ(send(encodeMethodCall("keyDown", Value()), channel).kind, CallOutcome::Kind::kNotImplemented);
 }
 
 // The pixels were returned and are being read when the texture is destroyed and others come.

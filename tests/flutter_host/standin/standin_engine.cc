@@ -375,6 +375,14 @@ size_t StandinEngine::handlers() const {
   return core_->handlers.size();
 }
 
+std::vector<std::string> StandinEngine::channels() const {
+  std::vector<std::string> names;
+  for (const auto& [name, handler] : core_->handlers) {
+    names.push_back(name);
+  }
+  return names;
+}
+
 size_t StandinEngine::textures() const {
   const std::lock_guard guard(core_->mutex);
   return core_->textures.size();

@@ -50,6 +50,7 @@ class StandinEngine {
   void setDartHandler(const std::string& channel, DartHandler handler);
 
   size_t handlers() const;
+  std::vector<std::string> channels() const;  // that have a handler
   // Registered and not unregistered; any thread.
   size_t textures() const;
   uint64_t responsesSent() const;  // any thread
