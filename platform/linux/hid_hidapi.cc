@@ -2,11 +2,14 @@
 #include <hidapi/hidapi.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <filesystem>
 #include <string>
 #include <system_error>
 
+#include "platform/clock.h"
 #include "platform/hid_functions.h"
 
 namespace mirn {
@@ -30,8 +33,21 @@ int writeHid(hid_device* device, const unsigned char* data, size_t length) {
   return ::hid_write(real(device), data, length);
 }
 
+// hidapi waits in poll(2), which ends with EINTR when a signal is handled, SA_RESTART or not. Were that a failed read,
+// the answer would stay in the kernel's queue and every later answer would be taken for the command after its own.
 int readHid(hid_device* device, unsigned char* data, size_t length, int milliseconds) {
-  return ::hid_read_timeout(real(device), data, length, milliseconds);
+  const Clock::Duration deadline = clock().now() + std::chrono::milliseconds(milliseconds);
+  while (true) {
+    errno = 0;
+    const int result = ::hid_read_timeout(real(device), data, length, milliseconds);
+    if (result != -1 || errno != EINTR) {
+      return result;
+    }
+    if (milliseconds > 0) {
+      const auto rest = std::chrono::ceil<std::chrono::milliseconds>(deadline - clock().now());
+      milliseconds = static_cast<int>(std::max(rest, std::chrono::milliseconds(0)).count());
+    }
+  }
 }
 
 void closeHid(hid_device* device) {
