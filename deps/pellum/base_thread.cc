@@ -46,8 +46,7 @@ CBaseThread::~CBaseThread() {
     pthread_detach(handle);  // the object deletes itself from its own thread
   } else if (joinable) {
     baseAssert(ended_, "stopped before destruction", kWhere);
-    stop_requested_ = true;
-    join();
+    join(/*request_stop=*/true);
   } else if (presence_->inside && !isSelf()) {
     baseAssert(false, "a run-once thread has left before destruction", kWhere);
     stop_requested_ = true;
@@ -79,14 +78,15 @@ bool CBaseThread::start(bool run_once) {
   if (running_) {
     return true;
   }
+  auto argument = std::make_unique<StartArgument>(StartArgument{this, presence_, systemName()});
   run_once_ = run_once;
   running_ = true;
   stop_requested_ = false;
   ended_ = false;
   owner_id_ = systemThreadId();
+  thread_id_ = 0;  // the old number may be another thread's by now
   presence_->inside = true;
   presence_->started = false;
-  auto argument = std::make_unique<StartArgument>(StartArgument{this, presence_, systemName()});
   if (pthread_create(&handle_, nullptr, &CBaseThread::ThreadFunc, argument.get()) != 0) {
     presence_->inside = false;
     running_ = false;
@@ -143,7 +143,7 @@ int CBaseThread::Stop() {
 int CBaseThread::Stop(int milliseconds) {
   if (running_ && WaitForStop(milliseconds) == 1) {
     MutexGuard lock(control_);
-    if (!joinable_) {  // else somebody has started it anew already
+    if (!joinable_ && !run_once_) {  // else somebody has started it anew already
       handle_ = {};
       running_ = false;
       stop_requested_ = false;
@@ -163,7 +163,7 @@ bool CBaseThread::mayBeWaitedFor() const {
   return baseAssert(!run_once_, "run_once == false", kWhere);
 }
 
-int CBaseThread::WaitForStop(int milliseconds) {
+int CBaseThread::WaitForStop(int /*milliseconds*/) {
   if (!running_) {
     return 1;
   }
@@ -171,24 +171,32 @@ int CBaseThread::WaitForStop(int milliseconds) {
     return 0;
   }
   stop_requested_ = true;
-  return WaitThreadEnd(milliseconds);
+  return waitThreadEnd(/*request_stop=*/true);
 }
 
 int CBaseThread::WaitThreadEnd(int /*milliseconds*/) {
+  return waitThreadEnd(/*request_stop=*/false);
+}
+
+int CBaseThread::waitThreadEnd(bool request_stop) {
   if (!running_) {
     return 1;
   }
   if (!mayBeWaitedFor() || !baseAssert(!isSelf(), "waited for from another thread", kWhere)) {
     return 0;
   }
-  join();
+  join(request_stop);
   return 1;
 }
 
 // A second caller waits for the first one's join, then finds nothing left to join.
-void CBaseThread::join() {
+void CBaseThread::join(bool request_stop) {
   MutexGuard lock(control_);
   if (joinable_) {
+    // A run that began since the request was made has cleared it, and nobody else would make it end.
+    if (request_stop) {
+      stop_requested_ = true;
+    }
     pthread_join(handle_, nullptr);
     joinable_ = false;
   }

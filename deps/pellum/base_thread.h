@@ -61,7 +61,7 @@ class CBaseThread {
   void SetThreadName(const char* name);
   // Sleeps on the calling thread, if the object runs. Returns 1.
   int WaitForTimeOut(int milliseconds);
-  // System ids, 0 before the first start: who started the thread, and the thread.
+  // System ids: who started the thread, 0 before the first start, and the thread, 0 until it begins.
   uint32_t OwnerThreadId() const { return owner_id_; }
   uint32_t ThreadId() const { return thread_id_; }
 
@@ -80,7 +80,8 @@ class CBaseThread {
   void threadBody();
   bool isSelf() const;
   bool mayBeWaitedFor() const;
-  void join();
+  int waitThreadEnd(bool request_stop);
+  void join(bool request_stop);
 
   Mutex control_;  // starting, joining and clearing exclude each other; never taken on the thread itself
   pthread_t handle_ MIRN_GUARDED_BY(control_) = {};

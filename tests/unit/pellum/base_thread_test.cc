@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <barrier>
 #include <chrono>
 #include <functional>
 #include <string>
@@ -154,6 +155,50 @@ TEST(BaseThread, StoppingFromManyThreadsAtOnceJoinsOnce) {
     }
     ASSERT_FALSE(thread.IsRunning());
   }
+}
+
+// Several Stops beside a Run: a request that a new run has cleared must be made again, or Stop would join a thread that
+// nobody ends. A failure is a hang.
+TEST(BaseThread, StoppingWhileSomebodyStartsItAnewEndsTheNewRunToo) {
+  class Yielding : public CBaseThread {
+   public:
+    ~Yielding() override { Stop(); }
+
+   protected:
+    int ThreadLoop() override {
+      std::this_thread::yield();
+      return 1;
+    }
+  };
+  constexpr int kRounds = 200;
+  constexpr int kStoppers = 3;
+  Yielding thread;
+  std::barrier round_begins(kStoppers + 1);
+  std::atomic<int> stopped{0};
+  std::vector<std::thread> stoppers;
+  for (int i = 0; i < kStoppers; ++i) {
+    stoppers.emplace_back([&] {
+      for (int round = 0; round < kRounds; ++round) {
+        round_begins.arrive_and_wait();
+        EXPECT_EQ(thread.Stop(), 1);
+        ++stopped;
+      }
+    });
+  }
+  for (int round = 1; round <= kRounds; ++round) {
+    EXPECT_EQ(thread.Run(), 1);
+    round_begins.arrive_and_wait();
+    // One Stop each, so that nobody else ends the run that a Stop waits for.
+    while (stopped < round * kStoppers) {
+      EXPECT_EQ(thread.Run(), 1);
+    }
+  }
+  for (std::thread& stopper : stoppers) {
+    stopper.join();
+  }
+  EXPECT_EQ(thread.Stop(), 1);
+  EXPECT_FALSE(thread.IsRunning());
+  EXPECT_FALSE(thread.StopRequested());
 }
 
 // A plain class: it can be destroyed while its run-once thread is known to have left.
