@@ -25,12 +25,14 @@ void respond(FlBinaryMessenger* messenger, FlBinaryMessengerResponseHandle* hand
 // What waits for the application's answer to a message of ours.
 using ReplyFunction = std::function<void(std::span<const uint8_t>)>;
 
-void onSent(GObject* messenger, GAsyncResult* result, gpointer user_data) {
-  const std::unique_ptr<ReplyFunction> reply(static_cast<ReplyFunction*>(user_data));
+constexpr char kReplyKey[] = "flutter-mirn-reply";
+
+void onSent(GObject* messenger, GAsyncResult* result, gpointer cancellable) {
+  const auto& reply = *static_cast<ReplyFunction*>(g_object_get_data(static_cast<GObject*>(cancellable), kReplyKey));
   g_autoptr(GError) error = nullptr;
   g_autoptr(GBytes) bytes =
       fl_binary_messenger_send_on_channel_finish(reinterpret_cast<FlBinaryMessenger*>(messenger), result, &error);
-  (*reply)(bytes != nullptr ? view(bytes) : std::span<const uint8_t>());
+  reply(bytes != nullptr ? view(bytes) : std::span<const uint8_t>());
 }
 
 }  // namespace
@@ -120,8 +122,12 @@ void FlMessengerAdapter::send(std::string_view channel, std::span<const uint8_t>
   if (reply == nullptr) {
     fl_binary_messenger_send_on_channel(messenger_, name.c_str(), bytes, nullptr, nullptr, nullptr);
   } else {
-    fl_binary_messenger_send_on_channel(messenger_, name.c_str(), bytes, nullptr, onSent,
-                                        new ReplyFunction(std::move(reply)));
+    // Nobody cancels it: it only carries the function. The message's task holds it up to the callback, and without an
+    // engine, where there is neither, both go right here.
+    g_autoptr(GCancellable) carrier = g_cancellable_new();
+    g_object_set_data_full(G_OBJECT(carrier), kReplyKey, new ReplyFunction(std::move(reply)),
+                           [](gpointer function) { delete static_cast<ReplyFunction*>(function); });
+    fl_binary_messenger_send_on_channel(messenger_, name.c_str(), bytes, carrier, onSent, carrier);
   }
 }
 

@@ -28,6 +28,7 @@ class FlMessengerAdapter final : public BinaryMessenger {
   FlMessengerAdapter(const FlMessengerAdapter&) = delete;
   FlMessengerAdapter& operator=(const FlMessengerAdapter&) = delete;
 
+  // After the engine's end nothing is sent, and `reply` goes without being called.
   void send(std::string_view channel, std::span<const uint8_t> message,
             std::function<void(std::span<const uint8_t>)> reply) override;
   void setMessageHandler(std::string_view channel, std::shared_ptr<BinaryMessageHandler> handler) override;

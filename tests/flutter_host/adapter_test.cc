@@ -2,6 +2,7 @@
 #include <flutter_mirn/flutter_mirn_plugin.h>
 #include <flutter_mirn/flutter_mirn_plugin_c_api.h>
 
+#include "linux/fl_messenger.h"
 #include "plugin_fixture.h"
 
 namespace mirn {
@@ -45,6 +46,74 @@ TEST(FlutterRegistration, BothClassesHaveTypesOfTheirOwn) {
   EXPECT_TRUE(g_type_is_a(flutter_mirn_plugin_c_api_get_type(), G_TYPE_OBJECT));
   EXPECT_TRUE(g_type_is_a(flutter_mirn_plugin_get_type(), G_TYPE_OBJECT));
   EXPECT_NE(flutter_mirn_plugin_c_api_get_type(), flutter_mirn_plugin_get_type());
+}
+
+// The direction that no command uses: from native code to the application.
+class FlutterMessenger : public testing::Test {
+ protected:
+  FlutterMessenger() {
+    watchGlibLog();
+    g_autoptr(FlPluginRegistrar) registrar = fl_plugin_registry_get_registrar_for_plugin(engine_.registry(), "Test");
+    adapter_ = std::make_unique<FlMessengerAdapter>(fl_plugin_registrar_get_messenger(registrar), [] {});
+    engine_.setDartHandler("events", [this](const MessageBytes& message) {
+      received_.push_back(message);
+      return MessageBytes{7, 8};
+    });
+  }
+  ~FlutterMessenger() override { EXPECT_EQ(glibCriticals(), 0U); }
+
+  // What a waiting function holds; expired once the function is gone.
+  std::function<void(std::span<const uint8_t>)> waiting() {
+    auto held = std::make_shared<int>(0);
+    held_ = held;
+    return [this, held](std::span<const uint8_t> reply) { replies_.emplace_back(reply.begin(), reply.end()); };
+  }
+
+  StandinEngine engine_;
+  std::unique_ptr<FlMessengerAdapter> adapter_;
+  std::vector<MessageBytes> received_;
+  std::vector<MessageBytes> replies_;
+  std::weak_ptr<int> held_;
+};
+
+TEST_F(FlutterMessenger, AMessageReachesTheApplicationAndItsAnswerComesBack) {
+  const MessageBytes message = {1, 2, 3};
+  adapter_->send("events", message, waiting());
+  EXPECT_FALSE(held_.expired());
+  ASSERT_TRUE(runLoopUntil([this] { return !replies_.empty(); }, kPatience));
+  EXPECT_EQ(received_, std::vector<MessageBytes>(1, message));
+  EXPECT_EQ(replies_, std::vector<MessageBytes>(1, {7, 8}));
+  EXPECT_TRUE(runLoopUntil([this] { return held_.expired(); }, kPatience));
+}
+
+TEST_F(FlutterMessenger, NobodyOnTheChannelIsAnAnswerWithoutBytes) {
+  adapter_->send("elsewhere", MessageBytes{1}, waiting());
+  ASSERT_TRUE(runLoopUntil([this] { return !replies_.empty(); }, kPatience));
+  EXPECT_EQ(replies_, std::vector<MessageBytes>(1));
+}
+
+TEST_F(FlutterMessenger, WithoutAReplyFunctionTheMessageGoesAllTheSame) {
+  adapter_->send("events", MessageBytes{4}, nullptr);
+  ASSERT_TRUE(runLoopUntil([this] { return !received_.empty(); }, kPatience));
+  drainLoop();
+  EXPECT_TRUE(replies_.empty());
+}
+
+TEST_F(FlutterMessenger, AnAnswerMayComeAfterTheAdapterHasGone) {
+  adapter_->send("events", MessageBytes{1}, waiting());
+  adapter_.reset();
+  ASSERT_TRUE(runLoopUntil([this] { return !replies_.empty(); }, kPatience));
+  EXPECT_TRUE(runLoopUntil([this] { return held_.expired(); }, kPatience));
+}
+
+TEST_F(FlutterMessenger, AfterTheEnginesEndTheFunctionGoesUncalled) {
+  engine_.shutdown();
+  adapter_->send("events", MessageBytes{1}, waiting());
+  adapter_->send("events", MessageBytes{1}, nullptr);
+  EXPECT_TRUE(held_.expired());
+  drainLoop();
+  EXPECT_TRUE(received_.empty());
+  EXPECT_TRUE(replies_.empty());
 }
 
 }  // namespace
