@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "platform/linux/v4l2_formats.h"
+#include "platform/linux/valid_text.h"
 
 namespace mirn {
 namespace {
@@ -72,10 +73,10 @@ V4l2Look V4l2Device::lookThrough(int fd) {
 
 std::string V4l2Device::localizedName() const {
   if (!info_.product.empty()) {
-    return info_.product;
+    return validText(info_.product);
   }
   MutexGuard guard(nodeLock_);
-  return cardName_.empty() ? info_.card : cardName_;
+  return validText(cardName_.empty() ? info_.card : cardName_);
 }
 
 bool V4l2Device::isConnected() const {

@@ -395,6 +395,29 @@ TEST_F(V4l2DeviceTest, TheNameIsTheProductOrTheCard) {
   EXPECT_EQ(other.localizedName(), "Seen When Opened");
 }
 
+// Applications throw at texts that are not UTF-8. A card's name has 31 bytes, wherever the 31st falls.
+TEST_F(V4l2DeviceTest, TheNameIsValidTextWhateverTheDriverSays) {
+  const std::string filler(29, 'x');
+  const std::vector<std::pair<std::string, std::string>> cards = {
+      {filler + "\xC3\xA9", filler + "\xC3\xA9"},                 // the whole character fits
+      {filler + "x\xC3\xA9", filler + "x"},                       // one byte of it does
+      {filler + "\xE2\x82\xAC", filler},                          // two do
+      {filler.substr(1) + "\xF0\x9F\x93\xB7", filler.substr(1)},  // three do
+      {"caf\xE9 cam", "caf\xEF\xBF\xBD cam"},
+      {"\xFF", "\xEF\xBF\xBD"},
+  };
+  for (const auto& [card, name] : cards) {
+    V4l2NodeInfo info = nodeInfo(kPath, "");
+    info.card = card.substr(0, 31);
+    EXPECT_EQ(V4l2Device(info, calls_).localizedName(), name) << "from sysfs";
+    calls_->node(kPath).card = card;
+    V4l2Device opened(nodeInfo(kPath, ""), calls_);
+    opened.look();
+    EXPECT_EQ(opened.localizedName(), name) << "from the driver";
+  }
+  EXPECT_EQ(V4l2Device(nodeInfo(kPath, "Nuvra \xC3 Mirn"), calls_).localizedName(), "Nuvra \xEF\xBF\xBD Mirn");
+}
+
 TEST_F(V4l2DeviceTest, TheFormatListIsTheSameObjectsUntilItChanges) {
   const auto before = device_->formats();
   device_->look();
