@@ -192,6 +192,78 @@ def test_pasting_from_the_clipboard_and_cancelling(desktop):
     expect(console_files > 0, "there is a log to look into")
 
 
+def offer_paste(console, text):
+    """The dialog with the text in it; it has the focus, so that nothing is released any more once it types."""
+    console.say("paste " + text.encode().hex())
+    console.wait("the dialog's focus", lambda s: not s["active"])
+    console.drawn("Type text")
+
+
+def expect_capitals_cut_short(state, text):
+    typed = typed_text(state)
+    expect(typed and typed != text and text.startswith(typed), "a part, and that as it is: '%s'" % typed)
+
+
+def test_a_refused_paste_says_how_far_it_came(desktop):
+    console = Console(desktop, PROGRAM, "--virtual-faults", "refuse@40+/c3")
+    console.ready()
+    text = "HELLO THERE " * 10
+    offer_paste(console, text)
+    console.say("type")
+    state = console.wait("the end", lambda s: not s["typing"] and s["text"])
+    expect_capitals_cut_short(state, text)
+    shown = [line for line in console.texts() if "refused a key press" in line]
+    expect(len(shown) == 1 and shown[0].startswith("The device refused a key press or didn't answer; typing stopped after ")
+           and shown[0].endswith(" of 120 characters."), "the dialog's words: %s" % console.texts())
+    expect(console.close() == 0, "the console ends cleanly")
+
+
+def test_a_new_proxy_ends_a_paste_aloud(desktop):
+    console = Console(desktop, PROGRAM)
+    console.ready()
+    text = "CAPITALS" * 250
+    offer_paste(console, text)
+    console.say("type")
+    console.wait("a part of the text", lambda s: typed_text(s))
+    console.say("action reconnect")
+    state = console.wait("the end", lambda s: not s["typing"] and s["info"] and holds_nothing(s))
+    expect_capitals_cut_short(state, text)
+    expect(any(line.startswith("All keys were let go in the middle; typing stopped after ") for line in console.texts()),
+           "the dialog's words: %s" % console.texts())
+
+
+def test_losing_the_focus_ends_a_paste_aloud(desktop):
+    console = Console(desktop, PROGRAM)
+    console.ready()
+    text = "CAPITALS" * 250
+    offer_paste(console, text)
+    # Without its dialog the text is typed under the eyes of the main window.
+    desktop.xdotool("key", "alt+F4")
+    console.wait("the main window's focus", lambda s: s["active"])
+    console.say("type")
+    console.wait("a part of the text", lambda s: typed_text(s))
+    desktop.xdotool("windowminimize", console.window)
+    state = console.wait("the end", lambda s: not s["typing"] and holds_nothing(s))
+    expect_capitals_cut_short(state, text)
+
+
+def test_a_silent_pointer_renews_no_proxy_under_a_paste(desktop):
+    # No pointer record is ever answered, which calls for a new proxy again and again.
+    console = Console(desktop, PROGRAM, "--virtual-faults", "drop@*/c2")
+    console.ready()
+    text = "CAPITALS" * 250
+    offer_paste(console, text)
+    console.say("type")
+    before = console.wait("a part of the text", lambda s: typed_text(s))["exchanges"]
+    console.wait("the end", lambda s: not s["typing"], 120)
+    sent = console.say("sent %d" % before)["sent"]
+    expect("keys" in sent, "nothing was typed after the beginning")
+    # What comes behind the last key is the renewal that had to wait.
+    typing = sent[:len(sent) - sent[::-1].index("keys")]
+    expect("handshake" not in typing, "a handshake in the middle of %d records" % len(typing))
+    console.wait("the whole text", lambda s: typed_text(s) == text)
+
+
 def test_a_silent_device_leaves_the_window_usable(desktop):
     # Nothing is ever answered: after the second failure the pause is ten seconds.
     console = Console(desktop, PROGRAM, "--virtual-faults", "drop@*")

@@ -158,6 +158,7 @@ def test_pasting_two_thousand_characters(desktop):
     desktop.xdotool("windowsize", console.window, 640, 480)  # little to draw: the device's pace counts
     text = "".join("%04d Lorem ipsum, dolor sit AMET; (consectetur) " % i for i in range(60))[:2000]
     console.say("paste " + text.encode().hex())
+    console.wait("the dialog's focus", lambda s: not s["active"])
     keep(desktop, "paste_dialog", console, "Type text")
     console.say("type")
     console.wait("typing", lambda s: s["typing"])
