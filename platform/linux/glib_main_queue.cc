@@ -68,12 +68,17 @@ void GlibMainQueue::runWaiting() {
   }
   for (; turn > 0; --turn) {
     std::shared_ptr<QueueTask> task;
+    bool more = false;
     {
       MutexGuard guard(lock_);
       if (tasks_.empty()) {
         return;  // a nested loop took them
       }
       task = tasks_.pop();
+      more = !tasks_.empty();
+    }
+    if (more) {
+      g_source_set_ready_time(source_, 0);  // for a loop that the task may run itself
     }
     task->run();
   }

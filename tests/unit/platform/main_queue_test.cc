@@ -81,6 +81,29 @@ TEST(MainQueueTest, ATaskMayRunTheLoopItself) {
   EXPECT_TRUE(inner);
 }
 
+// Posted before the loop ran, so in the same turn as the one that runs the loop.
+TEST(MainQueueTest, TasksBehindATaskThatRunsTheLoopRunInThere) {
+  std::vector<int> order;
+  bool last = false;
+  mainQueue().post([&] {
+    order.push_back(1);
+    // Without waiting: a queue that forgot its tasks would hang here for ever.
+    for (int turn = 0; turn < 100 && !last; ++turn) {
+      g_main_context_iteration(g_main_context_default(), FALSE);
+    }
+    order.push_back(4);
+  });
+  mainQueue().post([&] { order.push_back(2); });
+  mainQueue().post([&] {
+    order.push_back(3);
+    last = true;
+  });
+  while (order.size() < 4) {
+    g_main_context_iteration(g_main_context_default(), FALSE);
+  }
+  EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 4}));
+}
+
 TEST(MainQueueTest, KnowsItsThreadWhileTheLoopRuns) {
   bool current = false;
   bool done = false;
