@@ -2,13 +2,11 @@
 
 #include <glib.h>
 
+#include <algorithm>
 #include <atomic>
 
 namespace mirn {
 namespace {
-
-// Conditions may be made true by other threads that know nothing of the loop: it looks again this often.
-constexpr guint kLookAgainMs = 2;
 
 std::atomic<bool> g_quit{false};
 
@@ -33,9 +31,10 @@ class Ticker {
 
 }  // namespace
 
-bool runLoopUntil(const std::function<bool()>& done, std::chrono::milliseconds limit) {
+bool runLoopUntil(const std::function<bool()>& done, std::chrono::milliseconds limit,
+                  std::chrono::milliseconds look_again) {
   const auto end = std::chrono::steady_clock::now() + limit;
-  const Ticker ticker(kLookAgainMs);
+  const Ticker ticker(static_cast<guint>(std::min(look_again, limit).count()));
   while (!done()) {
     if (std::chrono::steady_clock::now() >= end) {
       return done();

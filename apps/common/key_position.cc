@@ -203,6 +203,12 @@ std::optional<std::vector<int>> virtualKeysOfChord(std::string_view chord, std::
   return keys;
 }
 
+bool deviceHasKey(int virtual_key) {
+  return isModifierKey(virtual_key) || std::any_of(kPositions.begin(), kPositions.end(), [&](const KeyPosition& key) {
+           return key.on_device && key.virtual_key == virtual_key;
+         });
+}
+
 bool isModifierKey(int virtual_key) {
   return (virtual_key >= 16 && virtual_key <= 18) || virtual_key == 91 || virtual_key == 92 ||
          (virtual_key >= 160 && virtual_key <= 165);

@@ -32,6 +32,9 @@ std::optional<int> virtualKeyByName(std::string_view name);
 // "ctrl+alt+del" -> its codes in the order of pressing; nothing when one part is unknown, which `unknown` then holds.
 std::optional<std::vector<int>> virtualKeysOfChord(std::string_view chord, std::string* unknown);
 
+// The device has a key for this code. It knows Shift, Ctrl and Alt in their generic codes, too.
+bool deviceHasKey(int virtual_key);
+
 // Shift, Ctrl, Alt and the Windows keys, in their generic and their left and right codes.
 bool isModifierKey(int virtual_key);
 

@@ -58,6 +58,9 @@ std::optional<int> Context::needKeyboard() {
   if (!session().connectKeyboard()) {
     return keyboardTrouble();
   }
+  // A program that ends before the release went out would leave held what a crash left held.
+  constexpr std::chrono::milliseconds kRelease{2000};
+  runLoopUntil([&] { return session().releasesAnswered(); }, kRelease);
   return std::nullopt;
 }
 

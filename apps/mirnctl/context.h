@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "apps/common/session.h"
+#include "apps/common/stop_request.h"
 #include "apps/common/virtual_world.h"
 #include "apps/mirnctl/report.h"
 
@@ -40,7 +41,12 @@ class Context {
   std::optional<int> prepare();
   Session& session();
 
-  // The device is there and its keyboard interface answers; else the exit status, with everything said.
+  // From now on a signal doesn't end the program; who works for long asks for it.
+  void heedSignals() { stop_.emplace(); }
+  int signal() const { return stop_ ? stop_->signal() : 0; }  // 0 = none
+
+  // The device is there, its keyboard interface answers, and what a crash left held is let go; else the exit status,
+  // with everything said.
   std::optional<int> needKeyboard();
   // The picture runs and its first frame came, in `first`.
   std::optional<int> needPicture(const std::string& quality, bool best_color, std::chrono::milliseconds limit,
@@ -55,6 +61,7 @@ class Context {
   Report report_;
   VirtualWorld* world_ = nullptr;
   std::unique_ptr<Session> session_;
+  std::optional<StopRequest> stop_;
 };
 
 }  // namespace mirn

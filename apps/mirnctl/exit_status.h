@@ -14,6 +14,9 @@ enum ExitStatus : int {
   kExitData = 7,          // a file or text can't be read, written or used
   kExitIncomplete = 8,    // doctor: plugged in and open to us, but not complete
   kExitNotUpdated = 9,    // upgrade: the device does not run a new version afterwards
+
+  // Above this: ended by the signal of that number, after what was held on the target has been let go.
+  kExitSignal = 128,
 };
 
 }  // namespace mirn

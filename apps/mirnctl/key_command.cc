@@ -11,7 +11,15 @@ namespace {
 
 // The device holds six keys beside the modifiers.
 constexpr size_t kKeySlots = 6;
-constexpr std::chrono::milliseconds kPatience{5000};
+
+std::string keyName(int virtual_key) {
+  for (const KeyPosition& key : keyPositions()) {
+    if (key.virtual_key == virtual_key) {
+      return key.name;
+    }
+  }
+  return std::to_string(virtual_key);
+}
 
 std::string faultOf(const std::string& chord) {
   std::string unknown;
@@ -19,6 +27,15 @@ std::string faultOf(const std::string& chord) {
   if (!keys) {
     return "Unknown key \"" + printable(unknown) + "\" in \"" + printable(chord) +
            "\"; \"mirnctl key --list\" shows all names.";
+  }
+  for (auto key = keys->begin(); key != keys->end(); ++key) {
+    if (!deviceHasKey(*key)) {
+      return "The device has no such key: " + keyName(*key) + ".";
+    }
+    // A key that is held already can't be pressed; the two Enter keys are one to the device.
+    if (std::find(keys->begin(), key, *key) != key) {
+      return "\"" + printable(chord) + "\" holds one key twice.";
+    }
   }
   auto plain =
       static_cast<size_t>(std::count_if(keys->begin(), keys->end(), [](int key) { return !isModifierKey(key); }));
@@ -39,9 +56,8 @@ int runKey(Context& context, const std::vector<std::string>& chords) {
   for (const std::string& chord : chords) {
     playChord(input, chord);
   }
-  if (!input.wait(kPatience)) {
-    input.letGo();
-    return context.report().failure(kExitDevice, "The Mirn refused a key or didn't answer.");
+  if (!input.wait()) {
+    return input.failure(context.report(), "The Mirn refused a key or didn't answer.");
   }
   std::string text = "pressed";
   for (const std::string& chord : chords) {

@@ -95,6 +95,12 @@ int runLatency(Context& context, const LatencyOptions& options) {
   if (auto trouble = context.needPicture(options.quality, false, std::chrono::seconds(5), &first)) {
     return *trouble;
   }
+  if (keyboardIsElsewhere()) {
+    return context.report().failure(kExitDevice,
+                                    "The picture and the keyboard interface belong to two devices: the pointer of a "
+                                    "computer that is not on the screen would move.",
+                                    fields);
+  }
   auto echo = std::make_shared<InputEcho>();
   auto change = std::make_shared<PictureChange>();
   context.session().engine().setFrameListener([echo, change](int64_t /*id*/, const PixelBufferRef& picture) {

@@ -29,6 +29,8 @@ void addGlobalOptions(CLI::App& app, GlobalOptions& options) {
       ->group(group);
   app.add_flag("--virtual-busy", world.busy, "Its camera is held by another program")->group(group);
   app.add_flag("--virtual-no-signal", world.no_signal, "Its camera never delivers a picture")->group(group);
+  app.add_flag("--virtual-mismatch", world.mismatch, "Its camera belongs to another device than its keyboard")
+      ->group(group);
   app.add_option("--virtual-version", world.version, "Firmware version it starts with")->group(group);
   app.add_option("--virtual-pull-after", options.pull_after_ms, "Milliseconds until it is unplugged")->group(group);
   app.add_option("--virtual-plug-after", options.plug_after_ms, "Milliseconds until it is plugged in again")
@@ -79,7 +81,8 @@ int errorDescriptor([[maybe_unused]] const CLI::App& app, [[maybe_unused]] const
 constexpr const char* kFooter =
     "Exit status: 0 done; 1 the device refused or didn't answer; 2 wrong arguments; 3 not plugged in;\n"
     "4 no permission; 5 busy in another program; 6 no picture; 7 a file or text can't be used;\n"
-    "8 doctor found it incomplete; 9 the firmware was not updated.";
+    "8 doctor found it incomplete; 9 the firmware was not updated;\n"
+    "128+N ended by signal N, after letting go of what was held.";
 
 int run(int argc, char** argv, int output) {
   GlobalOptions options;
@@ -110,16 +113,17 @@ int run(int argc, char** argv, int output) {
     }
     return Report(output, STDERR_FILENO, options.json).failure(kExitUsage, message + " (see mirnctl --help)");
   }
-  // Raw messages find the environment as it is.
-  std::optional<PrivateTempDir> temporary;
-  if (!app.got_subcommand("channel")) {
-    temporary.emplace();
-  }
   options.use_virtual = options.use_virtual || namesVirtualOption(app);
   for (const std::string& half : options.denied) {
     (half == "hid" ? options.virtual_options.hid_denied : options.virtual_options.denied) = true;
   }
   Context context(options, output, errorDescriptor(app, options));
+  // An upgrade alone writes a temporary file, and no signal must leave it (or half an image) behind.
+  std::optional<PrivateTempDir> temporary;
+  if (app.got_subcommand("upgrade")) {
+    context.heedSignals();
+    temporary.emplace();
+  }
   if (auto trouble = context.prepare()) {
     return *trouble;
   }
@@ -131,6 +135,11 @@ int run(int argc, char** argv, int output) {
 
 int main(int argc, char** argv) {
   std::setlocale(LC_CTYPE, "");
+  mirn::ignoreBrokenPipes();
   int output = mirn::reserveStandardOutput();
-  return mirn::run(argc, argv, output);
+  int status = mirn::run(argc, argv, output);
+  if (status > mirn::kExitSignal) {
+    mirn::endBySignal(status - mirn::kExitSignal);
+  }
+  return status;
 }

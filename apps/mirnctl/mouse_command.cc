@@ -1,3 +1,4 @@
+#include <charconv>
 #include <memory>
 
 #include "apps/common/pointer_map.h"
@@ -7,8 +8,6 @@
 
 namespace mirn {
 namespace {
-
-constexpr std::chrono::milliseconds kPatience{5000};
 
 struct MouseOptions {
   int x = 0;
@@ -20,19 +19,26 @@ struct MouseOptions {
   std::vector<int> at = {kFullScale / 2, kFullScale / 2};
 };
 
+// "1920x1080" and nothing besides.
+bool readScreen(const std::string& text, int& width, int& height) {
+  const char* end = text.data() + text.size();
+  auto [cross, wrong] = std::from_chars(text.data(), end, width);
+  if (wrong != std::errc() || cross == end || *cross != 'x') {
+    return false;
+  }
+  auto [rest, wrong_too] = std::from_chars(cross + 1, end, height);
+  return wrong_too == std::errc() && rest == end && width >= 1 && height >= 1 && width <= kFullScale &&
+         height <= kFullScale;
+}
+
 // Device position from the options; false with a message when it makes no sense.
 bool place(const MouseOptions& options, int& x, int& y, std::string& fault) {
   int width = kFullScale + 1;
   int height = kFullScale + 1;
   bool pixels = !options.screen.empty();
-  if (pixels) {
-    size_t cross = options.screen.find('x');
-    width = std::atoi(options.screen.c_str());
-    height = cross == std::string::npos ? 0 : std::atoi(options.screen.c_str() + cross + 1);
-    if (width < 1 || height < 1 || width > kFullScale || height > kFullScale) {
-      fault = "\"" + printable(options.screen) + "\" is no screen size; write it like 1920x1080.";
-      return false;
-    }
+  if (pixels && !readScreen(options.screen, width, height)) {
+    fault = "\"" + printable(options.screen) + "\" is no screen size; write it like 1920x1080.";
+    return false;
   }
   if (x < 0 || y < 0 || x >= width || y >= height) {
     fault = "The position " + std::to_string(x) + "," + std::to_string(y) + " is outside 0.." +
@@ -68,8 +74,8 @@ int runMouse(Context& context, const MouseOptions& options, int x, int y, const 
     input.mouseButton(release, x, y);
   }
   act(input, x, y);
-  if (!input.wait(kPatience)) {
-    return context.report().failure(kExitDevice, "The Mirn refused a pointer command or didn't answer.");
+  if (!input.wait()) {
+    return input.failure(context.report(), "The Mirn refused a pointer command or didn't answer.");
   }
   Json fields = {{"x", x}, {"y", y}};
   fields.update(more);

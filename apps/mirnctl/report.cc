@@ -1,6 +1,7 @@
 #include "apps/mirnctl/report.h"
 
 #include "apps/common/program_start.h"
+#include "apps/common/stop_request.h"
 #include "apps/common/utf8.h"
 
 namespace mirn {
@@ -39,14 +40,23 @@ int Report::failure(ExitStatus status, const std::string& message, const Json& f
   return status;
 }
 
-void Report::line(const std::string& text, const Json& fields) {
-  writeAll(descriptor_, json_ ? dumped(fields) : text + "\n");
+int Report::stopped(int signal, const std::string& message, const Json& fields) {
+  return failure(static_cast<ExitStatus>(kExitSignal + signal),
+                 "Stopped by " + std::string(signalName(signal)) + ". " + message, fields);
+}
+
+bool Report::line(const std::string& text, const Json& fields) {
+  return writeAll(descriptor_, json_ ? dumped(fields) : text + "\n");
 }
 
 void Report::text(const std::string& text) {
   if (!json_) {
     writeAll(descriptor_, text);
   }
+}
+
+void Report::note(const std::string& message) {
+  writeAll(error_descriptor_, "mirnctl: " + message + "\n");
 }
 
 std::string printable(const std::string& text) {

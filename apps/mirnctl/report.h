@@ -25,9 +25,13 @@ class Report {
   int success(const std::string& text, const Json& fields);
   // One clear line: "mirnctl: MESSAGE" on standard error, or {"ok": false, "status": .., "error": ..} as output.
   int failure(ExitStatus status, const std::string& message, const Json& fields = Json::object());
-  // A line on the way (an event, progress): the text or the object, never both.
-  void line(const std::string& text, const Json& fields);
+  // The command was ended by a signal; `message` says how that leaves things.
+  int stopped(int signal, const std::string& message, const Json& fields = Json::object());
+  // A line on the way (an event, progress): the text or the object, never both. False when the reader is gone.
+  bool line(const std::string& text, const Json& fields);
   void text(const std::string& text);
+  // A line for the person on standard error, whatever the form of the output: "mirnctl: MESSAGE".
+  void note(const std::string& message);
 
  private:
   int descriptor_;

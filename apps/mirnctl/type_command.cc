@@ -53,15 +53,14 @@ int runType(Context& context, TypeOptions options) {
   AnsweredInput input(context.session());
   TypingRun run(plan, input, keysAnswered(), hostLinkStatistics().keyboardFailed);
   auto advance = [&] {
-    return run.advance(keysAnswered(), hostLinkStatistics().keyboardFailed, std::chrono::steady_clock::now()) !=
-           TypingRun::State::kTyping;
+    return input.signal() != 0 || run.advance(keysAnswered(), hostLinkStatistics().keyboardFailed,
+                                              std::chrono::steady_clock::now()) != TypingRun::State::kTyping;
   };
   // The run gives up by itself when the device falls silent.
   while (!runLoopUntil(advance, std::chrono::hours(1))) {
   }
   if (run.state() != TypingRun::State::kDone) {
-    input.letGo();
-    return context.report().failure(kExitDevice, run.failure(), {{"typed", run.charactersDone()}});
+    return input.failure(context.report(), run.failure(), {{"typed", run.charactersDone()}});
   }
   Json fields = {{"typed", run.charactersDone()}};
   if (!plan.untypable.empty()) {

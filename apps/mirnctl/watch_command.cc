@@ -23,34 +23,35 @@ std::string isoTime() {
   return result;
 }
 
-void say(Context& context, const WatchOptions& options, bool present) {
+// False when nobody reads any more.
+bool say(Context& context, const WatchOptions& options, bool present) {
   std::string word = present ? "plugged-in" : "unplugged";
   std::string time = options.no_time ? "" : isoTime();
   Json fields = {{"event", word}};
   if (!options.no_time) {
     fields["time"] = time;
   }
-  context.report().line((time.empty() ? "" : time + " ") + word, fields);
+  return context.report().line((time.empty() ? "" : time + " ") + word, fields);
 }
 
 int runWatch(Context& context, const WatchOptions& options) {
   using Steady = std::chrono::steady_clock;
   bool present = context.session().isPlugged();
-  say(context, options, present);
+  bool read = say(context, options, present);
   Steady::time_point end = Steady::now() + std::chrono::seconds(options.seconds);
   int events = 0;
-  while (options.count == 0 || events < options.count) {
+  while (read && (options.count == 0 || events < options.count)) {
     // The monitor's flag changes on its own thread; the library has no callback for it.
     constexpr std::chrono::milliseconds kEvery{50};
-    if (runLoopUntil([&] { return context.session().isPlugged() != present; }, kEvery)) {
+    if (runLoopUntil([&] { return context.session().isPlugged() != present; }, kEvery, kEvery)) {
       present = !present;
       ++events;
-      say(context, options, present);
+      read = say(context, options, present);
     } else if (options.seconds != 0 && Steady::now() >= end) {
       break;
     }
   }
-  return kExitOk;
+  return read ? kExitOk : context.report().failure(kExitData, "Can't write to standard output.");
 }
 
 }  // namespace

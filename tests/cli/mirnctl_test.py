@@ -69,6 +69,12 @@ CASES = [
     ("key", 0, "--virtual key ctrl+alt+del enter", None),
     ("key_json", 0, "--virtual --json key a 0x42", None),
     ("key_unknown", 2, "--virtual key ctrl+nokey", None),
+    ("key_twice", 2, "--virtual key ctrl+a+a", None),
+    ("key_enter_twice", 2, "--virtual key enter+kpenter", None),
+    ("key_absent", 2, "--virtual key a shift+pause", None),
+    ("key_absent_printscreen_json", 2, "--virtual --json key printscreen", None),
+    ("key_absent_number", 2, "--virtual key 200", None),
+    ("key_generic_modifiers", 0, "--virtual key 0x10+a 17+18+b", None),
     ("key_many", 2, "--virtual key a+b+c+d+e+f+g", None),
     ("key_none", 2, "--virtual key", None),
     ("key_list", 0, "--virtual key --list", None),
@@ -89,10 +95,15 @@ CASES = [
     ("mouse_move_screen", 0, "--virtual mouse move --screen 1920x1080 1919 0", None),
     ("mouse_move_outside", 2, "--virtual mouse move 32768 0", None),
     ("mouse_move_bad_screen", 2, "--virtual mouse move --screen wide 1 1", None),
+    ("mouse_move_screen_junk", 2, "--virtual mouse move --screen 1920x1080junk 1 1", None),
+    ("mouse_move_screen_huge", 2, "--virtual mouse move --screen 1920x4294968376 1 1", None),
+    ("mouse_move_screen_half", 2, "--virtual mouse move --screen 1920x 1 1", None),
     ("mouse_click", 0, "--virtual mouse click 5 6 --button right", None),
     ("mouse_click_double_json", 0, "--virtual --json mouse click 5 6 --double", None),
     ("mouse_click_bad_button", 2, "--virtual mouse click 5 6 --button fourth", None),
     ("mouse_wheel", 0, "--virtual mouse wheel 3 --at 10 20", None),
+    # Steady answers for six seconds: longer than the patience with a silent device.
+    ("mouse_wheel_slow", 0, "--virtual --virtual-faults delay=20@*/c2 mouse wheel 300", None),
     ("mouse_wheel_json", 0, "--virtual --json mouse wheel -2", None),
     ("mouse_silent", 1, "--virtual --virtual-faults drop@4+/c2 mouse move 1 1", None),
     ("snapshot", 0, "--virtual snapshot shot.png", None),
@@ -135,6 +146,8 @@ CASES = [
     ("unknown", 2, "frobnicate", None),
     ("unknown_json", 2, "--json frobnicate", None),
     ("bad_faults", 2, "--virtual --virtual-faults nonsense info", None),
+    ("latency_mismatch", 1, "--virtual --virtual-mismatch latency --count 2", None),
+    ("latency_mismatch_answers", 0, "--virtual --virtual-mismatch latency --count 2 --answers-only", None),
 ]
 
 MEASURED = [
