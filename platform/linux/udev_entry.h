@@ -16,6 +16,8 @@ struct UdevUsbEntry {
   std::string syspath;             // /sys/devices/.../1-1
   std::optional<int64_t> vendor;   // 0..0xffff, none when the device tells none
   std::optional<int64_t> product;  // likewise
+
+  bool operator==(const UdevUsbEntry&) const = default;
 };
 
 // "1209/1/100" (hexadecimal, no leading zeros: vendor, product, release), as the kernel writes PRODUCT= into the

@@ -145,17 +145,17 @@ void UdevNotificationPort::deliver(UsbNotification type, const UdevUsbEntry& ent
 }
 
 void UdevNotificationPort::makeGoodLostEvents() {
-  events_lost_ = false;
-  const std::map<std::string, UdevUsbEntry> before = std::move(attached_);
-  attached_.clear();
+  const std::map<std::string, UdevUsbEntry> before = std::exchange(attached_, {});
   std::vector<UdevUsbEntry> now;
   if (!enumerate(&now)) {
     attached_ = before;
-    return;
+    return;  // still lost: the next event is the next chance
   }
-  // Removals first: with a device attached the last word is its arrival.
+  events_lost_ = false;
+  // Removals first: with a device attached the last word is its arrival. Another device on the same port is a removal.
   for (const auto& [syspath, entry] : before) {
-    if (attached_.count(syspath) == 0) deliver(UsbNotification::kTerminate, entry);
+    const auto there = attached_.find(syspath);
+    if (there == attached_.end() || there->second != entry) deliver(UsbNotification::kTerminate, entry);
   }
   for (const UdevUsbEntry& entry : now) deliver(UsbNotification::kMatched, entry);
 }

@@ -65,6 +65,7 @@ class UdevNotificationPort : public UsbNotificationPort {
   void addNotification(UsbNotification type, UsbNotificationCallback callback, void* refcon, UsbIterator iterator);
 
   // The kernel has dropped events: behind those that still wait, what has changed in sysfs is told in their place.
+  // Where sysfs can't be read then, behind the next event.
   void eventsWereLost() { events_lost_ = true; }
 
  private:
