@@ -212,8 +212,6 @@ bool CaptureDevice::setActiveFormat(const CaptureFormatRef& format, CaptureError
   } else if (!isConnected()) {
     failure = makeError(ENODEV, nodeName(), "the device is gone", "Plug it in and open again.");
   } else if (replaceFormat(format, &failure)) {
-    activeFormat_ = format;
-    formatChoices_.fetch_add(1, std::memory_order_release);
     return true;
   }
   systemLog("set format %s failed: %s", describe(*format).c_str(), failure.localizedDescription().c_str());
@@ -229,6 +227,11 @@ bool CaptureDevice::replaceFormat(const CaptureFormatRef& format, CaptureError* 
     user->flush();
   }
   const bool applied = applyFormat(*format, error);
+  if (applied) {
+    // Also when the frames don't start again below: the device has it.
+    activeFormat_ = format;
+    formatChoices_.fetch_add(1, std::memory_order_release);
+  }
   if (applied && user) {
     user->onFormat(*format);
   }

@@ -111,12 +111,13 @@ class CaptureDevice : public std::enable_shared_from_this<CaptureDevice> {
 
   /// Makes `format` (one of formats()) active. When frames are flowing: stops, sets, starts again; no frame of the old
   /// format is delivered after it returned. False, and nothing changed, for null (an empty slot) and without the
-  /// configuration lock; false with a message in the system log when the device refuses. Not from a delegate call that
-  /// runs on a work queue (it waits for that call to end).
+  /// configuration lock; false with a message in the system log when the device refuses, or takes the format (which is
+  /// active then) and can't start the frames again. Not from a delegate call that runs on a work queue (it waits for
+  /// that call to end).
   bool setActiveFormat(const CaptureFormatRef& format, CaptureError* error = nullptr) MIRN_EXCLUDES(control_);
   /// Null before anything was set.
   CaptureFormatRef activeFormat() const MIRN_EXCLUDES(control_);
-  /// Rises with each successful setActiveFormat(): how a session sees that somebody chose.
+  /// Rises with each format that setActiveFormat() makes active: how a session sees that somebody chose.
   uint64_t formatChoices() const { return formatChoices_.load(std::memory_order_acquire); }
 
   // For CaptureDeviceInput and CaptureSession.
@@ -174,6 +175,17 @@ class CaptureDevice : public std::enable_shared_from_this<CaptureDevice> {
   std::atomic<uint64_t> formatChoices_{0};
 };
 
+namespace detail {
+inline constinit std::atomic<size_t> g_liveInputs{0};
+
+struct LiveInput {
+  LiveInput() { g_liveInputs.fetch_add(1); }
+  ~LiveInput() { g_liveInputs.fetch_sub(1); }
+  LiveInput(const LiveInput&) = delete;
+  LiveInput& operator=(const LiveInput&) = delete;
+};
+}  // namespace detail
+
 /// A device opened for a session. Releasing the last reference closes the device. Thread-safe.
 class CaptureDeviceInput {
  public:
@@ -187,8 +199,15 @@ class CaptureDeviceInput {
 
  private:
   explicit CaptureDeviceInput(std::shared_ptr<CaptureDevice> device) : device_(std::move(device)) {}
+
+  const detail::LiveInput live_;
   std::shared_ptr<CaptureDevice> device_;
 };
+
+/// Inputs that are alive, whoever holds them. Any thread.
+inline size_t liveCaptureInputs() {
+  return detail::g_liveInputs.load();
+}
 
 /// One captured frame as the delegate gets it. `imageBuffer` may be null.
 struct SampleBuffer {

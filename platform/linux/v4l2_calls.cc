@@ -6,8 +6,10 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 
 namespace mirn {
 namespace {
@@ -41,10 +43,16 @@ class SystemV4l2Calls : public V4l2Calls {
 
   V4l2Wait wait(int fd, int wakeFd, int timeoutMs) override {
     std::array<pollfd, 2> watched = {{{fd, POLLIN, 0}, {wakeFd, POLLIN, 0}}};
-    const int ready = ::poll(watched.data(), watched.size(), timeoutMs);
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point end = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    int ready = ::poll(watched.data(), watched.size(), timeoutMs);
+    while (ready < 0 && (errno == EINTR || errno == EAGAIN)) {
+      const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
+      ready = ::poll(watched.data(), watched.size(), std::max(0, static_cast<int>(left.count())));
+    }
     V4l2Wait result;
     if (ready < 0) {
-      result.failed = errno != EINTR && errno != EAGAIN;
+      result.failed = true;
       return result;
     }
     result.woken = watched[1].revents != 0;

@@ -166,7 +166,28 @@ int V4l2Device::setFormat(int32_t width, int32_t height, FourCharCode pixelForma
   return code;
 }
 
+CaptureInterval V4l2Device::interval() const {
+  v4l2_streamparm parameters{};
+  parameters.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+  if (calls_->control(openDescriptor(), VIDIOC_G_PARM, &parameters) != 0) {
+    return {};
+  }
+  const v4l2_fract& time = parameters.parm.capture.timeperframe;
+  return {time.numerator, time.denominator};
+}
+
+void V4l2Device::setInterval(const CaptureInterval& interval) {
+  if (interval.numerator != 0) {
+    v4l2_streamparm parameters{};
+    parameters.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    parameters.parm.capture.timeperframe = {interval.numerator, interval.denominator};
+    // A driver without a choice of rates refuses; it then has one rate.
+    calls_->control(openDescriptor(), VIDIOC_S_PARM, &parameters);
+  }
+}
+
 bool V4l2Device::applyFormat(const CaptureFormat& wanted, CaptureError* error) {
+  const CaptureInterval former = interval();
   FrameLayout layout;
   if (const int code = setFormat(wanted.width, wanted.height, wanted.pixelFormat, layout); code != 0) {
     return fail(code, "setting the format", error);
@@ -174,17 +195,12 @@ bool V4l2Device::applyFormat(const CaptureFormat& wanted, CaptureError* error) {
   if (layout.width != wanted.width || layout.height != wanted.height || layout.pixelFormat != wanted.pixelFormat) {
     if (layout_) {
       setFormat(layout_->width, layout_->height, layout_->pixelFormat, *layout_);
+      setInterval(former);  // setting a format brings the driver's own choice of a rate
     }
     return fail(EINVAL, "setting the format", error);
   }
   layout_ = layout;
-  if (wanted.interval.numerator != 0) {
-    v4l2_streamparm parameters{};
-    parameters.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    parameters.parm.capture.timeperframe = {wanted.interval.numerator, wanted.interval.denominator};
-    // A driver without a choice of rates refuses; it then has one rate.
-    calls_->control(openDescriptor(), VIDIOC_S_PARM, &parameters);
-  }
+  setInterval(wanted.interval);
   return true;
 }
 

@@ -56,6 +56,8 @@ class V4l2Device final : public CaptureDevice, private V4l2StreamUser {
   V4l2Look lookThrough(int fd) MIRN_REQUIRES(nodeLock_);
   int takeOwnership(int fd);
   int setFormat(int32_t width, int32_t height, FourCharCode pixelFormat, FrameLayout& layout);
+  CaptureInterval interval() const;
+  void setInterval(const CaptureInterval& interval);
   bool fail(int code, const char* doing, CaptureError* error) const;
   int openDescriptor() const MIRN_EXCLUDES(nodeLock_);
 

@@ -217,8 +217,15 @@ int FakeV4l2::answer(FakeNode& node, unsigned long request, void* argument) {
       return 0;
     case VIDIOC_S_FMT:
       return setFormat(node, *static_cast<v4l2_format*>(argument));
+    case VIDIOC_G_PARM:
+      static_cast<v4l2_streamparm*>(argument)->parm.capture.timeperframe = node.interval;
+      return 0;
     case VIDIOC_S_PARM:
-      return node.streaming ? EBUSY : 0;
+      if (node.streaming) {
+        return EBUSY;
+      }
+      node.interval = static_cast<v4l2_streamparm*>(argument)->parm.capture.timeperframe;
+      return 0;
     case VIDIOC_REQBUFS:
       return requestBuffers(node, *static_cast<v4l2_requestbuffers*>(argument));
     case VIDIOC_QUERYBUF: {
@@ -296,6 +303,7 @@ int FakeV4l2::setFormat(FakeNode& node, v4l2_format& format) {
   }
   if (size != nullptr) {
     fillFormat(node.format, *size);
+    node.interval = size->rates.empty() ? v4l2_fract{} : v4l2_fract{1, size->rates.front()};
   }
   format.fmt.pix = node.format;
   return 0;

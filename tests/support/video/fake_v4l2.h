@@ -38,6 +38,7 @@ struct FakeNode {
   int openError = 0;
   std::map<unsigned long, int> errors;  // an ioctl that fails with this from now on
   v4l2_pix_format format{};
+  v4l2_fract interval{};  // a new format brings its first rate
 
   // State.
   bool gone = false;

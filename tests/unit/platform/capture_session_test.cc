@@ -237,6 +237,26 @@ TEST_F(CaptureSessionTest, TheHighPresetAppliesAtTheStartUnlessSomebodyChose) {
   EXPECT_EQ(device_->activeFormat(), device_->format(kCaptureYuyv, 1280));
 }
 
+TEST_F(CaptureSessionTest, AFormatThatTheDeviceTookIsActiveEvenWhenItsFramesDontStart) {
+  Parts parts = makeSession(&recorder_, &queue_);
+  ASSERT_TRUE(parts.session->startRunning());
+  device_->lockForConfiguration();
+  ASSERT_TRUE(device_->setActiveFormat(device_->format(kCaptureYuyv, 1280)));
+  const uint64_t choices = device_->formatChoices();
+  device_->startError = ENOSPC;
+  CaptureError error;
+  EXPECT_FALSE(device_->setActiveFormat(device_->format(kCaptureYuyv, 1920), &error));
+  EXPECT_EQ(error.code, ENOSPC);
+  EXPECT_EQ(device_->activeFormat(), device_->format(kCaptureYuyv, 1920));
+  EXPECT_EQ(device_->formatChoices(), choices + 1);
+  EXPECT_FALSE(parts.session->isRunning());
+  EXPECT_EQ(parts.session->statistics().width, 1920);
+  device_->startError = 0;
+  EXPECT_TRUE(parts.session->startRunning());
+  EXPECT_EQ(device_->activeFormat(), device_->format(kCaptureYuyv, 1920));
+  device_->unlockForConfiguration();
+}
+
 TEST_F(CaptureSessionTest, WithoutAPresetTheFormatStays) {
   Parts parts = makeSession(&recorder_, &queue_);
   parts.session->startRunning();

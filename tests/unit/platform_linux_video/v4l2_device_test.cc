@@ -165,6 +165,22 @@ TEST_F(V4l2DeviceTest, AFormatTheDriverAdjustsIsRefusedAndTheFormerComesBack) {
   EXPECT_TRUE(session_->isRunning());
 }
 
+TEST_F(V4l2DeviceTest, AfterARefusedFormatTheFormerComesWithItsRate) {
+  calls_->node(kPath).sizes = {{V4L2_PIX_FMT_YUYV, 64, 32, {30, 60}}};
+  ASSERT_EQ(device_->look(), V4l2Look::kCapture);
+  ASSERT_TRUE(open());
+  device_->lockForConfiguration();
+  ASSERT_TRUE(device_->setActiveFormat(format(kCaptureYuyv, 64)));
+  ASSERT_EQ(calls_->node(kPath).interval.denominator, 60U);
+  const auto unknown =
+      std::make_shared<const CaptureFormat>(CaptureFormat{kCaptureYuyv, 640, 480, kPixelFormatYuvs, {1, 15}});
+  EXPECT_FALSE(device_->setActiveFormat(unknown));
+  EXPECT_EQ(calls_->node(kPath).format.width, 64U);
+  EXPECT_EQ(calls_->node(kPath).interval.numerator, 1U);
+  EXPECT_EQ(calls_->node(kPath).interval.denominator, 60U);
+  EXPECT_TRUE(session_->isRunning());
+}
+
 struct BadFrame {
   const char* name;
   size_t bytes;
