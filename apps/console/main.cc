@@ -3,6 +3,7 @@
 
 #include <clocale>
 #include <cstdio>
+#include <filesystem>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -10,6 +11,7 @@
 
 #include "apps/common/program_start.h"
 #include "apps/common/settings.h"
+#include "apps/common/stop_request.h"
 #include "apps/common/virtual_world.h"
 #include "apps/console/console_window.h"
 #include "apps/console/menus.h"
@@ -113,9 +115,24 @@ bool parse(const std::vector<std::string>& arguments, Options& options, std::str
   return true;
 }
 
-int runWindow(const Options& options, VirtualWorld* world, int output) {
+// Nothing is held on a target yet, or the target is a virtual one: no more than our temporary file is left behind.
+void endAtOnce(const PrivateTempDir& temporary, int signal) {
+  std::error_code ignored;
+  std::filesystem::remove_all(temporary.path(), ignored);
+  endBySignal(signal);
+}
+
+int runWindow(const Options& options, VirtualWorld* world, const PrivateTempDir& temporary, int output) {
   auto application = Gtk::Application::create("org.mirn.Console", Gio::Application::Flags::NON_UNIQUE);
   std::unique_ptr<ConsoleWindow> window;
+  // A signal is the close button: everything held is let go, the settings are kept, an upgrade goes on.
+  const StopRequest stop([&](int signal) {
+    if (window) {
+      window->close();
+    } else {
+      endAtOnce(temporary, signal);
+    }
+  });
   std::unique_ptr<Steering> steering;
   application->signal_activate().connect([&] {
     window =
@@ -134,7 +151,7 @@ int runWindow(const Options& options, VirtualWorld* world, int output) {
   return status;
 }
 
-int run(const std::vector<std::string>& arguments, int output) {
+int run(const std::vector<std::string>& arguments, const PrivateTempDir& temporary, int output) {
   if (!arguments.empty() && (arguments[0] == "--help" || arguments[0] == "-h")) {
     writeAll(output, kHelp);
     return 0;
@@ -158,9 +175,10 @@ int run(const std::vector<std::string>& arguments, int output) {
     }
   }
   if (world != nullptr && !options.scenario.empty()) {
+    const StopRequest stop([&](int signal) { endAtOnce(temporary, signal); });
     return runScenario(*world, options.scenario, output);
   }
-  return runWindow(options, world, output);
+  return runWindow(options, world, temporary, output);
 }
 
 }  // namespace
@@ -168,7 +186,8 @@ int run(const std::vector<std::string>& arguments, int output) {
 
 int main(int argc, char** argv) {
   std::setlocale(LC_ALL, "");
+  mirn::ignoreBrokenPipes();
   mirn::PrivateTempDir temporary;
   int output = mirn::reserveStandardOutput();
-  return mirn::run(std::vector<std::string>(argv + 1, argv + argc), output);
+  return mirn::run(std::vector<std::string>(argv + 1, argv + argc), temporary, output);
 }

@@ -5,13 +5,14 @@
 """
 import os
 import shutil
+import signal
 import subprocess
 import sys
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from cases import OUTPUT, PROGRAM, expect, firmware, keep, main, typed_text  # noqa: E402
 from cases import expect_only_releases  # noqa: E402
-from desktop import Console, WaylandDesktop, private_folder  # noqa: E402
+from desktop import PATIENCE, Console, WaylandDesktop, private_folder  # noqa: E402
 
 FULL_SCALE = 32767
 
@@ -305,6 +306,38 @@ def test_settings_are_remembered(desktop):
     console.wait("the same picture and window",
                  lambda s: s["picture"] == [1280, 720] and s["format"] == "YUYV" and s["window"] == size)
     keep(desktop, "settings_remembered", console)
+
+
+def test_a_signal_is_the_close_button(desktop):
+    temporary = os.path.join(desktop.folder, "temporary")
+    os.mkdir(temporary)
+    desktop.environment["TMPDIR"] = temporary
+    for number in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):
+        quality, size = ("1080P", [1920, 1080]) if number == signal.SIGINT else ("720P", [1280, 720])
+        console = Console(desktop, PROGRAM)
+        console.ready()
+        console.say("action quality " + quality)
+        console.wait(quality, lambda s, size=size: s["picture"] == size)
+        expect([name for name in os.listdir(temporary) if name.startswith("mirn-")], "there is a private directory")
+        console.process.send_signal(number)
+        expect(console.process.wait(PATIENCE) == 0, "%s ends the console cleanly" % number.name)
+        settings = open(os.path.join(desktop.folder, "settings.ini"), encoding="utf-8").read()
+        expect("=" + quality in settings, "%s: the settings are kept, not %s" % (number.name, settings))
+        expect(not [name for name in os.listdir(temporary) if name.startswith("mirn-")], "nothing stays in TMPDIR")
+
+
+def test_a_signal_does_not_break_an_upgrade(desktop):
+    console = Console(desktop, PROGRAM, "--virtual-faults", "unplug@10/c7")
+    console.ready()
+    console.say("upgrade " + firmware(desktop.folder, "2.5.0"))
+    console.say("start")
+    console.wait("the unplugging", lambda s: s["condition"] == "not-plugged-in")
+    console.process.send_signal(signal.SIGTERM)
+    console.wait("the refusal", lambda s: "the window stays" in s["said"] and s["upgrading"])
+    console.say("plug")
+    console.wait("a result", lambda s: not s["upgrading"] and s["upgrade"])
+    console.process.send_signal(signal.SIGTERM)
+    expect(console.process.wait(PATIENCE) == 0, "afterwards the console ends cleanly")
 
 
 def test_picture_to_the_clipboard(desktop):
