@@ -80,7 +80,7 @@ bool MirnManager::open() {
     return false;
   }
   captureSession_->addOutput(videoOutput_);
-  return captureSession_->startRunning();
+  return captureSession_->startRunning();  // a device whose frames don't start is told, too: that is meant
 }
 
 // The last match of each kind wins: devices list the fastest last. A slot without a match keeps what it held.
@@ -160,7 +160,8 @@ MirnSize MirnManager::getSize() {
 
 void MirnManager::captureOutput(CaptureVideoOutput& /*output*/, const SampleBuffer& sampleBuffer,
                                 const CaptureConnection& /*connection*/) {
-  // The ids are taken first: a host may destroy a texture from another thread, or from inside the calls below.
+  // The ids are taken first: a host may destroy a texture from another thread between the calls below. From inside them
+  // it must not: each holds the textures' lock over the engine's call.
   liveTextureIds(frameTextureIds_);
   for (const int64_t id : frameTextureIds_) {
     updateTexture(id, sampleBuffer.imageBuffer);

@@ -91,7 +91,7 @@ bool CameraManager::open() {
   captureSession->addOutput(videoOutput);
   videoOutput->setSampleBufferDelegate(this, &globalWorkQueue());
   captureSession->commitConfiguration();
-  return captureSession->startRunning();
+  return captureSession->startRunning();  // a device whose frames don't start is told, too: that is meant
 }
 
 // The messages name another size than the one sought: that is meant.
@@ -126,7 +126,7 @@ bool CameraManager::setResolution(int64_t width, int64_t height) {
   bool active = false;
   if (format) {
     active = captureDevice->setActiveFormat(format, &error);
-    if (!active) {
+    if (!active) {  // a driver may refuse what it lists: told and printed, which is meant
       printLine("Error setting resolution: " + error.localizedDescription());
     }
   } else {

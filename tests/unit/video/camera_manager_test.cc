@@ -87,6 +87,20 @@ TEST_F(CameraManagerTest, WithoutTheDeviceOpenFailsWithoutAWord) {
   EXPECT_FALSE(camera_.captureDevice);
 }
 
+TEST_F(CameraManagerTest, WithoutTheDeviceTheOneOfTheLastOpeningStays) {
+  auto device = system_.add("Nuvra Mirn");
+  ASSERT_TRUE(camera_.open());
+  const std::shared_ptr<CaptureSession> session = camera_.captureSession;
+  system_.list.clear();
+  system_.add("Another Camera");
+  printed();
+  EXPECT_FALSE(camera_.open());
+  EXPECT_EQ(printed(), "");
+  EXPECT_EQ(camera_.captureDevice, device);
+  EXPECT_EQ(camera_.captureSession, session);
+  EXPECT_TRUE(device->streaming);
+}
+
 TEST_F(CameraManagerTest, OpensTheFirstOfThatNameAt720P) {
   system_.add("Another Camera");
   auto first = system_.add("Nuvra Mirn", test::usualFormats(), "first");

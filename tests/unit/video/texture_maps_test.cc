@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <stdexcept>
 #include <vector>
 
 #include "tests/support/video/fake_registry.h"
@@ -49,6 +50,19 @@ TEST_F(TextureMapsTest, AnIdInOneMapOnlyIsIgnored) {
   EXPECT_TRUE(registry_->events().empty());
   MutexGuard guard(g_MacOSTextureLock);
   g_TextureRegistryMgr.clear();
+}
+
+// A lock left held would keep every later call waiting for ever, the frame's own thread first of all.
+TEST_F(TextureMapsTest, ARegistryThatThrowsLeavesTheMapsUsable) {
+  auto texture = MirnTexture::init();
+  const std::weak_ptr<MirnTexture> watched = texture;
+  insertTexture(6, std::move(texture), registry_);
+  registry_->onFrame = [](int64_t /*id*/) { throw std::runtime_error("no engine"); };
+  EXPECT_THROW(updateTexture(6, frame_), std::runtime_error);
+  EXPECT_EQ(watched.lock()->copyPixelBuffer(), frame_);
+  destroyTexture(6);
+  EXPECT_TRUE(watched.expired());
+  EXPECT_EQ(registry_->events(), (std::vector<std::string>{"frame 6", "unregister 6"}));
 }
 
 TEST_F(TextureMapsTest, DestroyingUnregistersAndForgets) {
