@@ -11,15 +11,19 @@
 namespace mirn {
 
 PrivateTempDir::PrivateTempDir() {
-  if (std::getenv("TMPDIR") != nullptr) {
+  const char* given = std::getenv("TMPDIR");
+  std::string above = given != nullptr ? given : "";
+  if (above.ends_with('/')) {
     return;
   }
-  std::string pattern = "/tmp/mirn-XXXXXX";
-  if (mkdtemp(pattern.data()) == nullptr) {
-    return;
+  for (const std::string& folder : {above, std::string("/tmp")}) {
+    std::string pattern = folder + "/mirn-XXXXXX";
+    if (!folder.empty() && mkdtemp(pattern.data()) != nullptr) {
+      path_ = pattern + "/";
+      setenv("TMPDIR", path_.c_str(), 1);
+      return;
+    }
   }
-  path_ = pattern + "/";
-  setenv("TMPDIR", path_.c_str(), 1);
 }
 
 PrivateTempDir::~PrivateTempDir() {

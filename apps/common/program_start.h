@@ -6,9 +6,10 @@
 
 namespace mirn {
 
-// The library writes its temporary image to TMPDIR, taken as it stands with the file's name right behind it. Where
-// TMPDIR is unset, this makes a private directory (mode 0700) and sets TMPDIR to it with a slash at the end; the
-// destructor removes both. Where it is set it stays as it is. Make one at the start of main().
+// The library writes its temporary image to TMPDIR, taken as it stands with the file's name right behind it: without a
+// slash at the end the file would stand beside that directory. Unless TMPDIR ends in a slash, this makes a private
+// directory (mode 0700) below it, or below /tmp where it is unset or nothing can be made in it, and sets TMPDIR to that
+// one with a slash at the end; the destructor removes the directory. Make one at the start of main().
 class PrivateTempDir {
  public:
   PrivateTempDir();
@@ -16,7 +17,7 @@ class PrivateTempDir {
   PrivateTempDir(const PrivateTempDir&) = delete;
   PrivateTempDir& operator=(const PrivateTempDir&) = delete;
 
-  // Empty when TMPDIR was set already or nothing could be made.
+  // Empty when TMPDIR can be used as it is or nothing could be made.
   const std::string& path() const { return path_; }
 
  private:

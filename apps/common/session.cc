@@ -1,9 +1,5 @@
 #include "apps/common/session.h"
 
-#include <cerrno>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <utility>
 
 #include "apps/common/held_keys.h"
@@ -186,45 +182,6 @@ UpgradeFacts Session::upgradeFacts() {
 
 bool keyboardIsElsewhere() {
   return compareTopology(hostHidTopologyPath(), hostCaptureTopologyPath()).elsewhere;
-}
-
-UpgradeFile checkUpgradeFile(const std::string& path) {
-  UpgradeFile file;
-  file.path = path;
-  file.hex = isHexPath(path);
-  auto refuse = [&](std::string reason) {
-    file.reason = std::move(reason);
-    return file;
-  };
-  std::error_code error;
-  if (!std::filesystem::is_regular_file(path, error)) {
-    return refuse(error ? path + ": " + error.message() : path + " is no regular file.");
-  }
-  file.file_bytes = std::filesystem::file_size(path, error);
-  if (error) {
-    return refuse(path + ": " + error.message());
-  }
-  if (!std::ifstream(path, std::ios::binary)) {
-    return refuse(path + ": " + std::strerror(errno));
-  }
-  file.image_bytes = file.file_bytes;
-  if (file.hex) {
-    HostHexCheck check = hostCheckHexFile(path);
-    if (!check.exact) {
-      return refuse(path + (check.line != 0 ? ", line " + std::to_string(check.line) : "") + ": " + check.reason);
-    }
-    file.image_bytes = check.imageBytes;
-  }
-  file.chunks = chunksOf(file.image_bytes);
-  if (file.chunks == 0) {
-    return refuse(path + " is empty.");
-  }
-  if (file.chunks > kMostChunks) {
-    return refuse(path + " is too large: the device takes at most " + std::to_string(kMostChunks) +
-                  " chunks of 1024 bytes.");
-  }
-  file.ok = true;
-  return file;
 }
 
 }  // namespace mirn

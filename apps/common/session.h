@@ -94,7 +94,4 @@ class Session {
 // The open keyboard interface and the open camera belong to two devices.
 bool keyboardIsElsewhere();
 
-// Reads the file's size and checks it strictly.
-UpgradeFile checkUpgradeFile(const std::string& path);
-
 }  // namespace mirn

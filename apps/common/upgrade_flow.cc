@@ -8,11 +8,8 @@ namespace mirn {
 namespace {
 
 constexpr uint64_t kChunkBytes = 1024;
-
-bool endsAtFirst(const std::string& path, const std::string& ending) {
-  size_t place = path.find(ending);
-  return place != std::string::npos && place + ending.size() == path.size();
-}
+// A refusal comes at once; a chunk that nobody answers holds the ones behind it for longer than this.
+constexpr std::chrono::seconds kSilence{5};
 
 double seconds(std::chrono::steady_clock::duration time) {
   return std::chrono::duration<double>(time).count();
@@ -20,23 +17,22 @@ double seconds(std::chrono::steady_clock::duration time) {
 
 }  // namespace
 
-bool isHexPath(const std::string& path) {
-  return endsAtFirst(path, ".hex") || endsAtFirst(path, ".HEX");
-}
-
 uint64_t chunksOf(uint64_t image_bytes) {
   return image_bytes / kChunkBytes + (image_bytes % kChunkBytes != 0 ? 1 : 0);
 }
 
-UpgradeFlow::UpgradeFlow(UpgradeFile file, std::string version_before, const UpgradeFacts& facts)
+UpgradeFlow::UpgradeFlow(UpgradeFile file, std::string version_before, const UpgradeFacts& facts,
+                         std::chrono::seconds replug_patience)
     : file_(std::move(file)),
       version_before_(std::move(version_before)),
+      replug_patience_(replug_patience),
       base_answered_(facts.answered),
       base_failed_(facts.failed) {}
 
 void UpgradeFlow::start(int64_t command_result, Time now) {
   started_ = now;
   last_chunk_ = now;
+  last_look_ = now;
   if (command_result != 1) {
     finish(UpgradeResult::kNotStarted);
   }
@@ -56,36 +52,75 @@ uint64_t UpgradeFlow::chunksTaken() const {
 }
 
 void UpgradeFlow::update(const UpgradeFacts& facts, Time now) {
-  present_ = facts.present;
+  note(facts, now);
+  switch (state_) {
+    case UpgradeState::kSending:
+      return updateSending(now);
+    case UpgradeState::kUnplugged:
+      return updateUnplugged(now);
+    case UpgradeState::kSettling:
+      return updateSettling(now);
+    case UpgradeState::kFinished:
+      return;
+  }
+}
+
+void UpgradeFlow::note(const UpgradeFacts& facts, Time now) {
+  bool silent = last_look_ - last_chunk_ >= kSilence;
+  last_look_ = now;
+  uint64_t taken_before = chunksTaken();
+  bool failed_before = failed_ > 0;
   uint64_t answered = facts.answered - base_answered_;
   if (answered != answered_) {
     last_chunk_ = now;
   }
   answered_ = answered;
   failed_ = facts.failed - base_failed_;
-  if (state_ == UpgradeState::kSending) {
-    if (!present_) {
-      noteUnplugging(now);
-    } else if (answered_ >= file_.chunks || now - last_chunk_ > kChunkPatience) {
-      state_ = UpgradeState::kSettling;
-      settling_since_ = now;
-    }
-    return;
+  if (failed_ > 0 && !failed_before) {
+    // After a silence others may have been taken behind it already.
+    refused_chunk_ = (silent ? taken_before : chunksTaken()) + 1;
   }
-  if (state_ == UpgradeState::kUnplugged) {
-    if (present_) {
-      state_ = UpgradeState::kSettling;
-      settling_since_ = now;
-    } else if (now - *unplugged_at_ > kReplugPatience) {
-      finish(UpgradeResult::kUnplugged);
-    }
-  } else if (!present_ && failed_ > 0 && !wasUnplugged()) {
-    // The chunks that were queued can fail faster than the bus tells that the device has left. One that has taken them
-    // all and leaves is restarting.
+  if (facts.present != present_ && state_ == UpgradeState::kSettling) {
+    settling_since_ = now;
+    left_ = left_ || allTaken();
+    version_after_.clear();
+  }
+  present_ = facts.present;
+}
+
+void UpgradeFlow::updateSending(Time now) {
+  if (!present_ && !allTaken()) {
+    noteUnplugging(now);  // one that has taken them all and leaves is restarting
+  } else if (allTaken() || failed_ > 0 || now - last_chunk_ > kChunkPatience) {
+    settle(now);
+  }
+}
+
+void UpgradeFlow::updateUnplugged(Time now) {
+  if (allTaken()) {
+    // The last answer was counted after the bus had told that the device left.
+    unplugged_at_.reset();
+    left_ = true;
+  }
+  if (allTaken() || present_) {
+    settle(now);
+  } else if (now - *unplugged_at_ > replug_patience_) {
+    finish(UpgradeResult::kUnplugged);
+  }
+}
+
+void UpgradeFlow::updateSettling(Time now) {
+  if (!present_ && !allTaken() && !wasUnplugged()) {
+    // The chunks that were queued can fail faster than the bus tells that the device has left.
     noteUnplugging(now);
-  } else if (state_ == UpgradeState::kSettling && now - settling_since_ > kHandshakePatience) {
+  } else if (version_after_.empty() && now - settling_since_ > kHandshakePatience) {
     finish(wasUnplugged() ? UpgradeResult::kUnplugged : UpgradeResult::kNotAnswering);
   }
+}
+
+void UpgradeFlow::settle(Time now) {
+  state_ = UpgradeState::kSettling;
+  settling_since_ = now;
 }
 
 void UpgradeFlow::noteUnplugging(Time now) {
@@ -95,19 +130,32 @@ void UpgradeFlow::noteUnplugging(Time now) {
 }
 
 bool UpgradeFlow::wantsHandshake(Time now) const {
-  return state_ == UpgradeState::kSettling && present_ && (!last_try_ || now - *last_try_ >= kHandshakeEvery);
+  if (state_ != UpgradeState::kSettling || !present_) {
+    return false;
+  }
+  if (!version_after_.empty()) {
+    return now - settling_since_ >= kRestartPatience;
+  }
+  return !last_try_ || now - *last_try_ >= kHandshakeEvery;
 }
 
 void UpgradeFlow::handshake(const std::optional<std::string>& version, Time now) {
   last_try_ = now;
-  if (state_ != UpgradeState::kSettling || !version || version->empty()) {
+  if (state_ != UpgradeState::kSettling) {
     return;
   }
-  version_after_ = *version;
-  if (version_after_ != version_before_) {
+  version_after_ = version.value_or("");
+  if (version_after_.empty()) {
+    return;
+  }
+  if (wasUnplugged()) {
+    finish(UpgradeResult::kUnplugged);
+  } else if (!allTaken()) {
+    finish(UpgradeResult::kRefused);
+  } else if (version_after_ != version_before_) {
     finish(UpgradeResult::kUpdated);
-  } else {
-    finish(wasUnplugged() ? UpgradeResult::kUnplugged : UpgradeResult::kSameVersion);
+  } else if (left_ || now - settling_since_ >= kRestartPatience) {
+    finish(UpgradeResult::kSameVersion);
   }
 }
 
@@ -128,6 +176,7 @@ UpgradeStatus UpgradeFlow::status(Time now) const {
   status.chunk = unplugged_at_ ? answered_at_unplug_ : chunksTaken();
   status.total = file_.chunks;
   status.failed = std::min(failed_, file_.chunks);
+  status.all_taken = allTaken();
   status.percent =
       file_.chunks == 0 ? 0 : 100.0 * static_cast<double>(status.chunk) / static_cast<double>(file_.chunks);
   double time = seconds((state_ == UpgradeState::kSending ? now : last_chunk_) - started_);
@@ -142,8 +191,7 @@ UpgradeStatus UpgradeFlow::status(Time now) const {
 }
 
 std::string UpgradeFlow::resultText() const {
-  std::string sent = std::to_string(wasUnplugged() ? answered_at_unplug_ : chunksTaken()) + " of " +
-                     std::to_string(file_.chunks) + " chunks";
+  std::string of_all = " of " + std::to_string(file_.chunks);
   switch (result_) {
     case UpgradeResult::kNone:
       return "";
@@ -152,19 +200,32 @@ std::string UpgradeFlow::resultText() const {
     case UpgradeResult::kSameVersion:
       return "The device answers with version " + version_after_ +
              ", the one it had before: either the file carries this same version, or the device kept its old firmware.";
+    case UpgradeResult::kRefused:
+      return (refused_chunk_ != 0
+                  ? "The device refused chunk " + std::to_string(refused_chunk_) + of_all + " or didn't answer it (" +
+                        std::to_string(failed_) + (failed_ == 1 ? " chunk" : " chunks") + " failed)"
+                  : "The device took " + std::to_string(chunksTaken()) + of_all + " chunks and no more") +
+             ", so the upgrade was broken off. It answers with version " + version_after_ + ". Start it again.";
     case UpgradeResult::kNotStarted:
-      return "The upgrade could not be started; nothing was sent.";
+      return "The upgrade could not be started; the device keeps the firmware it has.";
     case UpgradeResult::kNotAnswering:
-      return (chunksTaken() == file_.chunks ? "Everything was sent" : "The device took " + sent) +
+      return (allTaken() ? "Everything was sent"
+                         : "The device took " + std::to_string(chunksTaken()) + of_all + " chunks") +
              ", but it doesn't answer any more. Unplug it, plug it in again and look at the version it shows.";
     case UpgradeResult::kUnplugged:
-      return version_after_.empty()
-                 ? "The device was unplugged after " + sent +
-                       " and doesn't answer. Plug it in, look at the version it shows, and start the upgrade again."
-                 : "The device was unplugged after " + sent + "; it is back with version " + version_after_ +
-                       ", so the upgrade has not happened. Start it again.";
+      return unpluggedText();
   }
   return "";
+}
+
+std::string UpgradeFlow::unpluggedText() const {
+  std::string begin = "The device was unplugged after " + std::to_string(answered_at_unplug_) + " of " +
+                      std::to_string(file_.chunks) + " chunks";
+  if (version_after_.empty()) {
+    return begin + " and doesn't answer. Plug it in, look at the version it shows, and start the upgrade again.";
+  }
+  return begin + "; it is back with version " + version_after_ +
+         (version_after_ == version_before_ ? ", so the upgrade has not happened" : "") + ". Start it again.";
 }
 
 const char* upgradeResultWord(UpgradeResult result) {
@@ -173,6 +234,8 @@ const char* upgradeResultWord(UpgradeResult result) {
       return "updated";
     case UpgradeResult::kSameVersion:
       return "same-version";
+    case UpgradeResult::kRefused:
+      return "refused";
     case UpgradeResult::kNotStarted:
       return "not-started";
     case UpgradeResult::kNotAnswering:

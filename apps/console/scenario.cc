@@ -16,6 +16,7 @@
 #include "apps/common/text_typing.h"
 #include "apps/common/topology_check.h"
 #include "apps/common/typing_run.h"
+#include "apps/common/upgrade_file.h"
 #include "host/main_loop.h"
 #include "virtual/frame_strip.h"
 

@@ -3,6 +3,8 @@
 #include <array>
 #include <cstdio>
 
+#include "apps/common/upgrade_file.h"
+
 namespace mirn {
 namespace {
 
@@ -42,7 +44,7 @@ UpgradeDialog::UpgradeDialog(Gtk::Window& parent, Session& session, DeviceLink& 
   set_child(box_);
   start_.signal_clicked().connect(sigc::mem_fun(*this, &UpgradeDialog::start));
   close_.signal_clicked().connect([this] { close(); });
-  // The window stays while chunks are sent: closing it could not stop them.
+  // The window stays while chunks are sent: going now would leave the device with half an image.
   signal_close_request().connect(
       [this] {
         if (flow_ && flow_->state() == UpgradeState::kUnplugged) {
@@ -105,14 +107,18 @@ bool UpgradeDialog::tick() {
   Steady::time_point now = Steady::now();
   flow_->update(session_.upgradeFacts(), now);
   show(flow_->status(now));
-  if (flow_->wantsHandshake(now)) {
+  // One tick later, so that the window shows why: the new proxy waits for the chunk that is on its way.
+  bool due = flow_->wantsHandshake(now);
+  if (due && handshake_due_) {
     std::optional<std::string> version;
     if (session_.connectKeyboard()) {
       std::optional<DeviceInfo> info = session_.info();
       version = info ? std::optional<std::string>(info->version) : std::nullopt;
     }
     flow_->handshake(version, Steady::now());
+    due = false;
   }
+  handshake_due_ = due;
   if (flow_->state() != UpgradeState::kFinished) {
     return true;
   }
@@ -137,7 +143,7 @@ void UpgradeDialog::show(const UpgradeStatus& status) {
       state_.set_text("Sending. Don't unplug the device.");
       break;
     case UpgradeState::kSettling:
-      state_.set_text("All is sent. Waiting for the device to answer with its version.");
+      state_.set_text(settlingText(status));
       break;
     case UpgradeState::kUnplugged:
       state_.set_text("The device was unplugged in the middle. Plug it in again; closing this window gives up.");
@@ -145,6 +151,17 @@ void UpgradeDialog::show(const UpgradeStatus& status) {
     case UpgradeState::kFinished:
       break;
   }
+}
+
+std::string UpgradeDialog::settlingText(const UpgradeStatus& status) const {
+  std::string happened = "The device took " + std::to_string(status.chunk) + " of " + std::to_string(status.total) +
+                         " chunks and no more, so the upgrade is broken off.";
+  if (status.all_taken) {
+    happened = "All is sent.";
+  } else if (flow_->wasUnplugged()) {
+    happened = "The device is plugged in again.";
+  }
+  return happened + " Waiting for it to answer with its version.";
 }
 
 void UpgradeDialog::finish() {

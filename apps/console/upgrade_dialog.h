@@ -31,6 +31,7 @@ class UpgradeDialog : public Gtk::Window {
  private:
   bool tick();
   void show(const UpgradeStatus& status);
+  std::string settlingText(const UpgradeStatus& status) const;
   void finish();
 
   Session& session_;
@@ -39,6 +40,7 @@ class UpgradeDialog : public Gtk::Window {
   UpgradeFile file_;
   std::unique_ptr<UpgradeFlow> flow_;
   std::string outcome_;
+  bool handshake_due_ = false;
   sigc::connection timer_;
   Gtk::Box box_{Gtk::Orientation::VERTICAL};
   Gtk::Label file_label_;

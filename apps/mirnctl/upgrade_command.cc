@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "apps/common/program_start.h"
+#include "apps/common/upgrade_file.h"
 #include "apps/common/upgrade_flow.h"
 #include "apps/mirnctl/commands.h"
 #include "host/main_loop.h"
@@ -95,23 +96,34 @@ std::optional<std::string> greet(Session& session) {
   return info ? std::optional<std::string>(info->version) : std::nullopt;
 }
 
-void follow(Context& context, UpgradeFlow& flow, Progress& progress, int replug_seconds) {
+// A signal ends nothing here: half an image is no firmware. Nothing is on its way while the device is unplugged,
+// though, so then it ends the wait.
+void heedSignal(Context& context, UpgradeFlow& flow, Progress& progress, bool& said) {
+  if (context.signal() == 0) {
+    return;
+  }
+  flow.giveUp();
+  if (flow.state() != UpgradeState::kFinished && !said) {
+    said = true;
+    progress.finish();
+    context.report().note(std::string(signalName(context.signal())) +
+                          " doesn't stop an upgrade: the device would be left with half a firmware. It goes on.");
+  }
+}
+
+void follow(Context& context, UpgradeFlow& flow, Progress& progress) {
   constexpr std::chrono::milliseconds kEvery{20};
   bool said_unplugged = false;
-  Steady::time_point unplugged;
+  bool said_signal = false;
   while (flow.state() != UpgradeState::kFinished) {
     runLoopFor(kEvery);
     Steady::time_point now = Steady::now();
     flow.update(context.session().upgradeFacts(), now);
     progress.show(flow.status(now));
-    if (flow.state() == UpgradeState::kUnplugged) {
-      if (!said_unplugged) {
-        said_unplugged = true;
-        unplugged = now;
-        progress.say("The device was unplugged. Waiting for it to come back.");
-      } else if (now - unplugged > std::chrono::seconds(replug_seconds)) {
-        flow.giveUp();
-      }
+    heedSignal(context, flow, progress, said_signal);
+    if (flow.state() == UpgradeState::kUnplugged && !said_unplugged) {
+      said_unplugged = true;
+      progress.say("The device was unplugged. Waiting for it to come back.");
     }
     if (flow.wantsHandshake(now)) {
       flow.handshake(greet(context.session()), Steady::now());
@@ -121,17 +133,27 @@ void follow(Context& context, UpgradeFlow& flow, Progress& progress, int replug_
 }
 
 int judgeResult(Context& context, const UpgradeFlow& flow, const UpgradeOptions& options) {
+  const std::string& expected = options.expected_version;
   Json fields = fileFields(flow.file());
   fields["result"] = upgradeResultWord(flow.result());
   fields["version_before"] = printable(flow.versionBefore());
   fields["version_after"] = printable(flow.versionAfter());
-  bool expected = !options.expected_version.empty();
-  bool good = expected ? flow.versionAfter() == options.expected_version : flow.result() == UpgradeResult::kUpdated;
+  fields["failed_chunks"] = flow.status(Steady::now()).failed;
+  if (!expected.empty()) {
+    fields["expected_version"] = printable(expected);
+  }
+  // An expected version counts only where the device took the whole file.
+  bool whole = flow.result() == UpgradeResult::kUpdated || flow.result() == UpgradeResult::kSameVersion;
+  bool good = expected.empty() ? flow.result() == UpgradeResult::kUpdated : whole && flow.versionAfter() == expected;
+  std::string text = flow.resultText();
   if (good) {
-    return context.report().success(flow.resultText() + "\n", fields);
+    return context.report().success(text + "\n", fields);
+  }
+  if (!expected.empty() && flow.versionAfter() != expected) {
+    text += " Expected: version " + expected + ".";
   }
   bool silent = flow.result() == UpgradeResult::kNotAnswering || flow.result() == UpgradeResult::kNotStarted;
-  return context.report().failure(silent ? kExitDevice : kExitNotUpdated, flow.resultText(), fields);
+  return context.report().failure(silent ? kExitDevice : kExitNotUpdated, text, fields);
 }
 
 int runUpgrade(Context& context, const UpgradeOptions& options) {
@@ -150,10 +172,15 @@ int runUpgrade(Context& context, const UpgradeOptions& options) {
     return context.report().failure(kExitDevice, "The Mirn doesn't answer.");
   }
   context.report().text(fileText(file));
-  UpgradeFlow flow(file, before->version, context.session().upgradeFacts());
+  drainLoop();
+  if (context.signal() != 0) {
+    return context.report().stopped(context.signal(), "Nothing of the firmware was sent.");
+  }
+  UpgradeFlow flow(file, before->version, context.session().upgradeFacts(),
+                   std::chrono::seconds(options.replug_seconds));
   flow.start(context.session().startUpgrade(file.path), Steady::now());
   Progress progress(context.report());
-  follow(context, flow, progress, options.replug_seconds);
+  follow(context, flow, progress);
   return judgeResult(context, flow, options);
 }
 

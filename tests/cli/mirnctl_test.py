@@ -131,14 +131,23 @@ CASES = [
     ("upgrade_bad_json", 7, "--virtual --json upgrade bad.hex", None),
     ("upgrade_missing", 7, "--virtual upgrade missing.hex", None),
     ("upgrade_empty", 7, "--virtual upgrade empty.bin", None),
+    ("upgrade_hex_name", 7, "--virtual upgrade fw.Hex", None),
+    ("upgrade_hex_text", 7, "--virtual upgrade --check text.bin", None),
+    ("upgrade_hex_folder_json", 7, "--virtual --json upgrade d.hex/fw.hex", None),
     ("upgrade_denied", 4, "--virtual --virtual-denied=hid upgrade long.hex", None),
     ("upgrade", 0, "--virtual upgrade long.hex", None),
     ("upgrade_json", 0, "--virtual --json upgrade --expect 2.0 long.hex", None),
     ("upgrade_other_version", 9, "--virtual upgrade --expect 9.9 long.hex", None),
     ("upgrade_same", 9, "--virtual --virtual-version 2.0 upgrade long.hex", None),
+    ("upgrade_same_expected", 0, "--virtual --virtual-version 2.0 upgrade --expect 2.0 long.hex", None),
+    ("upgrade_refused", 9, "--virtual --virtual-faults refuse@3/c7 upgrade long.hex", None),
+    ("upgrade_refused_expected_json", 9,
+     "--virtual --virtual-faults refuse@3/c7 --json upgrade --expect 1.0.0 long.hex", None),
     ("upgrade_unplugged", 9, "--virtual --virtual-faults unplug@2/c7 upgrade --replug 0 long.hex", None),
     ("latency", 0, "--virtual latency --count 5", None),
     ("latency_json", 0, "--virtual --json latency --count 5 --answers-only", None),
+    ("latency_mismatch", 1, "--virtual --virtual-mismatch latency --count 2", None),
+    ("latency_mismatch_answers", 0, "--virtual --virtual-mismatch latency --count 2 --answers-only", None),
     ("channel", 0, "--virtual channel", "07056f70656e00\nzz\nwait 1\n"),
     ("help", 0, "--help", None),
     ("version", 0, "--version", None),
@@ -146,8 +155,6 @@ CASES = [
     ("unknown", 2, "frobnicate", None),
     ("unknown_json", 2, "--json frobnicate", None),
     ("bad_faults", 2, "--virtual --virtual-faults nonsense info", None),
-    ("latency_mismatch", 1, "--virtual --virtual-mismatch latency --count 2", None),
-    ("latency_mismatch_answers", 0, "--virtual --virtual-mismatch latency --count 2 --answers-only", None),
 ]
 
 MEASURED = [
@@ -157,6 +164,9 @@ MEASURED = [
     (re.compile(r"^ +(<=|>) .*$", re.M), "  # bar"),
     (re.compile(r"(  # bar\n)+"), "  # bars\n"),
     (re.compile(r"(chunk \d+ of \d+, .*KiB/s.*\n)+"), "chunk #\n"),
+    # How many were under way before the rest was dropped.
+    (re.compile(r"\d+ chunks? failed"), "# failed"),
+    (re.compile(r'"failed_chunks":[1-9]\d*'), '"failed_chunks":#'),
 ]
 
 
@@ -191,11 +201,32 @@ def run_case(name, status, arguments, given):
     return faults + compare(name, "out", out)
 
 
+def temporary_directory_faults():
+    """A HEX file is converted below TMPDIR, with or without a slash at its end, and nothing stays anywhere near."""
+    faults = []
+    for given in ("plain/temp", "slash/temp/", "missing/temp"):
+        kept = {"slash/temp/": ["velkin_temp.bin"]}.get(given, [])
+        if not given.startswith("missing"):
+            os.makedirs(given)
+        done = subprocess.run([PROGRAM, "--virtual", "upgrade", "--expect", "2.0", "long.hex"], capture_output=True,
+                              timeout=60, env=dict(os.environ, TMPDIR=os.path.abspath(given)
+                                                   + ("/" if given.endswith("/") else "")))
+        if done.returncode != 0:
+            faults.append("TMPDIR=%s: status %d; %s" % (given, done.returncode, done.stderr.decode()))
+        folder = given.split("/")[0]
+        left = [file for _, _, files in os.walk(folder) for file in files]
+        if left != kept or sum(len(folders) for _, folders, _ in os.walk(folder)) > 1:
+            faults.append("TMPDIR=%s: %s stays" % (given, left))
+    return faults
+
+
 def main():
     os.chdir(tempfile.mkdtemp(prefix="mirnctl-test-"))
     image = b"MIRN-VERSION=2.0" + bytes(1) + bytes((i * 7) & 0xFF for i in range(6000))
     files = {"good.hex": hex_file(b"MIRN-VERSION=2.0" + bytes(1)), "long.hex": hex_file(image), "empty.bin": "",
-             "raw.bin": "x" * 1025, "bad.hex": HEX_BAD}
+             "raw.bin": "x" * 1025, "bad.hex": HEX_BAD, "fw.Hex": HEX_GOOD, "text.bin": HEX_GOOD,
+             "d.hex/fw.hex": HEX_GOOD}
+    os.mkdir("d.hex")
     for file, text in files.items():
         open(file, "w", newline="").write(text)
     wanted = [a for a in sys.argv[3:] if not a.startswith("--")]
@@ -207,6 +238,11 @@ def main():
         passed, failed = passed + (not faults), failed + bool(faults)
         for fault in faults:
             print("FAILED %s: %s" % (name, fault))
+    if not wanted or "temporary_directory" in wanted:
+        faults = temporary_directory_faults()
+        passed, failed = passed + (not faults), failed + len(faults)
+        for fault in faults:
+            print("FAILED temporary_directory: %s" % fault)
     named = {re.sub(r"\.(out|err)$", "", file) for file in os.listdir(GOLDEN)}
     for stale in sorted(named - {case[0] for case in CASES}):
         print("FAILED: golden/%s belongs to no case" % stale)
