@@ -1,3 +1,4 @@
+import 'dart:typed_data';
 import 'dart:ui';
 
 import 'package:flutter/services.dart';
@@ -9,13 +10,26 @@ void main() {
   const mirn = FlutterMirn();
   final calls = <MethodCall>[];
   final answers = <String, Object?>{};
+  PlatformException? failure;
+
+  // What was called since the beginning of the test, in order.
+  void expectCalls(List<(String, Object?)> expected) {
+    expect(calls.map((call) => call.method), expected.map((call) => call.$1));
+    for (final (index, call) in expected.indexed) {
+      expect(calls[index].arguments, call.$2, reason: call.$1);
+    }
+  }
 
   setUp(() {
     calls.clear();
     answers.clear();
+    failure = null;
     TestDefaultBinaryMessengerBinding.instance.defaultBinaryMessenger
         .setMockMethodCallHandler(FlutterMirn.channel, (call) async {
       calls.add(call);
+      if (failure case final error?) {
+        throw error;
+      }
       return answers[call.method];
     });
   });
@@ -55,15 +69,137 @@ void main() {
     expect(progress!.allSent, isTrue);
   });
 
+  test('a second image is not taken for the first', () {
+    const left = MirnUpgradeProgress(39, 40);
+    final watch = MirnUpgradeWatch(left);
+    expect(watch.allSent(left), isFalse, reason: 'nothing was sent yet');
+    expect(watch.allSent(null), isFalse, reason: 'no connection');
+    expect(watch.allSent(const MirnUpgradeProgress(0, 40)), isFalse);
+    expect(watch.allSent(left), isTrue, reason: 'now it is its own last chunk');
+    // Of another length one poll is enough.
+    expect(MirnUpgradeWatch(left).allSent(const MirnUpgradeProgress(6, 7)),
+        isTrue);
+  });
+
+  test('a first image is watched from nothing', () {
+    final watch = MirnUpgradeWatch(const MirnUpgradeProgress(0, 0));
+    expect(watch.allSent(const MirnUpgradeProgress(0, 0)), isFalse);
+    expect(watch.allSent(const MirnUpgradeProgress(0, 2)), isFalse);
+    expect(watch.allSent(const MirnUpgradeProgress(1, 2)), isTrue);
+    expect(MirnUpgradeWatch(null).allSent(const MirnUpgradeProgress(0, 1)),
+        isTrue);
+    expect(MirnUpgradeWatch(null).allSent(const MirnUpgradeProgress(0, 0)),
+        isFalse);
+  });
+
+  test('a single chunk after a single chunk goes unnoticed', () {
+    final watch = MirnUpgradeWatch(const MirnUpgradeProgress(0, 1));
+    expect(watch.allSent(const MirnUpgradeProgress(0, 1)), isFalse);
+  });
+
   test('arguments travel under their keys', () async {
+    answers['setMirnDevInfo'] = 0;
+    answers['reqUpgradeFirmware'] = 1;
     await mirn.keyDown(65);
+    await mirn.keyUp(66);
+    await mirn.releaseAllKeys();
     await mirn.setVideoQuality(MirnVideoQuality.hd720);
-    mirn.mouseEventButtons(MirnButtonEvent.leftDown, 1, 2);
+    await mirn.bindTexture(0x7f1234567890);
+    await mirn.setLedStatus(3);
+    expect(await mirn.setMirnDevInfo('Büro'), 0);
+    expect(await mirn.reqUpgradeFirmware('/tmp/image.hex'), 1);
+    expectCalls([
+      ('keyDown', {'key': 65}),
+      ('keyUp', {'key': 66}),
+      ('keyUp', {'key': 0}),
+      ('setVideoQuality', {'quality': '720P'}),
+      ('bindTexture', {'textureId': 0x7f1234567890}),
+      ('setLedStatus', {'ledStatus': 3}),
+      ('setMirnDevInfo', {'name': 'Büro'}),
+      ('reqUpgradeFirmware', {'path': '/tmp/image.hex'}),
+    ]);
+  });
+
+  test('pointer commands carry position, button and delta', () async {
+    mirn.mouseMove(1, 2);
+    mirn.mouseEventButtons(MirnButtonEvent.leftDown, 3, 4);
+    mirn.mouseWheel(5, 6, -1);
     await Future<void>.delayed(Duration.zero);
-    expect(calls[0].arguments, {'key': 65});
-    expect(calls[1].arguments, {'quality': '720P'});
-    expect(calls[2].method, 'mouseEventButtons');
-    expect(calls[2].arguments, {'x': 1, 'y': 2, 'type': 'lbdown'});
+    expectCalls([
+      ('mouseMove', {'x': 1, 'y': 2}),
+      ('mouseEventButtons', {'x': 3, 'y': 4, 'type': 'lbdown'}),
+      ('mouseWheel', {'x': 5, 'y': 6, 'delta': -1}),
+    ]);
+  });
+
+  test('a pointer command that fails bothers nobody', () async {
+    failure = PlatformException(code: 'INVALID_ARGUMENT');
+    mirn.mouseMove(1, 2);
+    await Future<void>.delayed(Duration.zero);
+    expect(calls.single.method, 'mouseMove');
+  });
+
+  group('the frame grabber', () {
+    const grabber = MirnFrameGrabber();
+
+    test('sends lists of integers', () async {
+      answers['open'] = true;
+      answers['setResolution'] = true;
+      expect(await grabber.open(), isTrue);
+      expect(await grabber.open(2), isTrue);
+      expect(await grabber.setResolution(1280, 720), isTrue);
+      expectCalls([
+        ('open', [0]),
+        ('open', [2]),
+        ('setResolution', [1280, 720]),
+      ]);
+    });
+
+    test('sends nothing along with the other commands', () async {
+      answers['getPlatformVersion'] = 'macOS Linux';
+      answers['getDeviceList'] = <String>[mirnDeviceName];
+      answers['getWidth'] = 640;
+      answers['getHeight'] = 480;
+      expect(await grabber.getPlatformVersion(), 'macOS Linux');
+      expect(await grabber.getDeviceList(), [mirnDeviceName]);
+      expect(await grabber.getWidth(), 640);
+      expect(await grabber.getHeight(), 480);
+      await grabber.release();
+      expectCalls([
+        for (final method in const [
+          'getPlatformVersion',
+          'getDeviceList',
+          'getWidth',
+          'getHeight',
+          'release',
+        ])
+          (method, null),
+      ]);
+    });
+
+    test('takes a frame apart', () async {
+      final bytes = Uint8List.fromList([1, 2, 3]);
+      answers['captureFrame'] = <String, Object>{
+        'width': 1,
+        'height': 1,
+        'data': bytes,
+      };
+      final frame = await grabber.captureFrame();
+      expect((frame!.width, frame.height), (1, 1));
+      expect(frame.data, bytes);
+      expectCalls([('captureFrame', null)]);
+    });
+
+    test('has no frame before the first, and throws all other errors',
+        () async {
+      failure = PlatformException(code: 'CAPTURE_FAILED');
+      expect(await grabber.captureFrame(), isNull);
+      failure = PlatformException(code: 'INVALID_ARGUMENT');
+      await expectLater(
+          grabber.captureFrame(),
+          throwsA(isA<PlatformException>().having(
+              (error) => error.code, 'code', 'INVALID_ARGUMENT')));
+    });
   });
 
   test('positions cover the full scale', () {

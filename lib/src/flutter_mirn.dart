@@ -113,13 +113,16 @@ class FlutterMirn {
   ///
   /// 1: everything is queued; 0: the file can't be used; -4: no connection, or
   /// the capture device can't be reserved. It answers before the device has
-  /// got the image: follow [getUpgradeProgress], then connect anew and compare
-  /// the version.
+  /// got the image: follow [getUpgradeProgress] with a [MirnUpgradeWatch], then
+  /// connect anew and compare the version. Connecting earlier drops what has
+  /// not been sent yet.
   Future<int> reqUpgradeFirmware(String path) async =>
       (await channel.invokeMethod<int>(
           'reqUpgradeFirmware', <String, Object>{'path': path}))!;
 
-  /// How far sending has come; null without a connection.
+  /// How far sending has come; null without a connection. Never reset: before
+  /// the first chunk of another image is sent it is that of the one before, so
+  /// judge it by a [MirnUpgradeWatch].
   Future<MirnUpgradeProgress?> getUpgradeProgress() async {
     final numbers = await channel.invokeListMethod<int>('getUpgradeProgress');
     return numbers == null || numbers.length < 2

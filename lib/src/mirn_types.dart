@@ -100,7 +100,9 @@ class MirnDeviceInfo {
 /// How far sending a firmware image has come.
 ///
 /// It counts what was sent, not what the device took: judge an upgrade by the
-/// version after a new connection.
+/// version after a new connection. The numbers are never reset: until the first
+/// chunk of another image is sent they are still those of the one before. A
+/// [MirnUpgradeWatch] tells the two apart.
 @immutable
 class MirnUpgradeProgress {
   /// Creates a progress from its two numbers.
@@ -112,7 +114,8 @@ class MirnUpgradeProgress {
   /// Number of chunks; 0 before the first upgrade.
   final int total;
 
-  /// Whether the last chunk was sent.
+  /// Whether the last chunk was sent, of this image or of the one before: see
+  /// [MirnUpgradeWatch].
   bool get allSent => total > 0 && current + 1 >= total;
 
   @override
@@ -126,6 +129,39 @@ class MirnUpgradeProgress {
 
   @override
   String toString() => 'MirnUpgradeProgress($current of $total)';
+}
+
+/// Tells when one image was sent, whatever an earlier one has left behind.
+///
+/// ```dart
+/// final watch = MirnUpgradeWatch(await mirn.getUpgradeProgress());
+/// await mirn.reqUpgradeFirmware(path);
+/// while (!watch.allSent(await mirn.getUpgradeProgress())) {
+///   await Future<void>.delayed(const Duration(milliseconds: 200));
+/// }
+/// ```
+///
+/// It needs one poll that shows another pair than the one before the upgrade.
+/// An image of as many chunks as the one before goes unnoticed when no poll
+/// falls between its first and its last chunk, and one of a single chunk after
+/// another of a single chunk always does: give up waiting after a time without
+/// a change.
+class MirnUpgradeWatch {
+  /// Begins with the progress as it is before the image is requested.
+  MirnUpgradeWatch(this._before);
+
+  final MirnUpgradeProgress? _before;
+  bool _moved = false;
+
+  /// Whether the image was sent whole, as far as [now], the newest progress,
+  /// and those of earlier calls tell.
+  bool allSent(MirnUpgradeProgress? now) {
+    if (now == null) {
+      return false;
+    }
+    _moved = _moved || now != (_before ?? const MirnUpgradeProgress(0, 0));
+    return _moved && now.allSent;
+  }
 }
 
 /// One frame of the second plug-in.
