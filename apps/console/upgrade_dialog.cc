@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdio>
+#include <utility>
 
 #include "apps/common/upgrade_file.h"
 
@@ -9,6 +10,23 @@ namespace mirn {
 namespace {
 
 using Steady = std::chrono::steady_clock;
+
+std::filesystem::file_time_type lastWritten(const std::string& path) {
+  std::error_code error;
+  auto time = std::filesystem::last_write_time(path, error);
+  return error ? std::filesystem::file_time_type{} : time;
+}
+
+bool sameFacts(const UpgradeFile& left, const UpgradeFile& right) {
+  return left.ok == right.ok && left.hex == right.hex && left.file_bytes == right.file_bytes &&
+         left.image_bytes == right.image_bytes;
+}
+
+// With two of them plugged in the picture may be of the one that would not be upgraded.
+std::string elsewhereReason() {
+  return "The picture comes from the Mirn at USB port " + hostCaptureTopologyPath() +
+         ", but the firmware would go to the one at port " + hostHidTopologyPath() + ". Unplug one of them first.";
+}
 
 }  // namespace
 
@@ -65,7 +83,13 @@ void UpgradeDialog::offer(const std::string& path) {
     present();
     return;
   }
-  file_ = checkUpgradeFile(path);
+  written_ = lastWritten(path);  // before it is read: a change from here on is seen at the start
+  offerFile(checkUpgradeFile(path), "");
+  present();
+}
+
+void UpgradeDialog::offerFile(const UpgradeFile& file, const std::string& news) {
+  file_ = file;
   outcome_.clear();
   progress_.set_fraction(0);
   progress_.set_text(" ");
@@ -77,15 +101,26 @@ void UpgradeDialog::offer(const std::string& path) {
     file_label_.set_text(file_.path + "\n" + (file_.hex ? "Intel HEX, checked. " : "Raw image, sent as it is. ") +
                          std::to_string(file_.image_bytes) + " bytes go out in " + std::to_string(file_.chunks) +
                          " chunks of 1024 bytes.");
-    state_.set_text(link_.info() ? "The device runs version " + link_.info()->version +
-                                       ". Don't unplug it while it is upgraded. Start now?"
-                                 : "The device doesn't answer: it can't be upgraded now.");
+    std::string state = "The device doesn't answer: it can't be upgraded now.";
+    if (keyboardIsElsewhere()) {
+      state = elsewhereReason() + " Nothing is sent.";
+    } else if (link_.info()) {
+      state = news + "The device runs version " + link_.info()->version +
+              ". Don't unplug it while it is upgraded. Start now?";
+    }
+    state_.set_text(state);
   }
-  present();
 }
 
 void UpgradeDialog::start() {
   if (running() || !file_.ok || !link_.info()) {
+    return;
+  }
+  auto shown = std::exchange(written_, lastWritten(file_.path));
+  UpgradeFile now = checkUpgradeFile(file_.path);
+  bool changed = !sameFacts(now, file_) || shown != written_;
+  if (changed || keyboardIsElsewhere()) {
+    offerFile(now, changed ? "The file has changed since it was checked. " : "");
     return;
   }
   start_.set_sensitive(false);

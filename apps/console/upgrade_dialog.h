@@ -7,6 +7,7 @@
 #include <gtkmm/progressbar.h>
 #include <gtkmm/window.h>
 
+#include <filesystem>
 #include <memory>
 #include <string>
 
@@ -24,12 +25,14 @@ class UpgradeDialog : public Gtk::Window {
   // Checks the file and shows what would be sent. Ignored while an upgrade runs.
   void offer(const std::string& path);
   bool running() const { return flow_ != nullptr; }
-  // For steering from outside: presses the start button.
+  // For steering from outside: presses the start button. The file is checked once more: one that has changed since it
+  // was shown is shown anew, and nothing goes out.
   void start();
   const std::string& outcome() const { return outcome_; }
 
  private:
   bool tick();
+  void offerFile(const UpgradeFile& file, const std::string& news);
   void show(const UpgradeStatus& status);
   std::string settlingText(const UpgradeStatus& status) const;
   void finish();
@@ -38,6 +41,7 @@ class UpgradeDialog : public Gtk::Window {
   DeviceLink& link_;
   InputController& input_;
   UpgradeFile file_;
+  std::filesystem::file_time_type written_{};  // the file, when it was checked
   std::unique_ptr<UpgradeFlow> flow_;
   std::string outcome_;
   bool handshake_due_ = false;

@@ -220,6 +220,48 @@ def test_upgrade_refuses_a_broken_file(desktop):
     expect_only_releases(console, before)
 
 
+def chunks_sent(console, before):
+    return console.say("sent %d" % before)["sent"].count("chunk")
+
+
+def test_upgrade_looks_at_the_file_again(desktop):
+    # A build that goes on behind the dialog: first another image, then half a file, then a whole one again.
+    console = Console(desktop, PROGRAM)
+    before = console.ready()["exchanges"]
+    path = firmware(desktop.folder, "2.5.0")
+    console.say("upgrade " + path)
+    console.wait("the dialog", lambda s: not s["active"])
+    firmware(desktop.folder, "2.6.0")
+    console.say("start")
+    expect(not console.state()["upgrading"] and chunks_sent(console, before) == 0, "nothing goes out unseen")
+    expect(any(text.startswith("The file has changed since it was checked. ") for text in console.texts()),
+           "the dialog says so: %s" % console.texts())
+    keep(desktop, "upgrade_changed", console, "Firmware upgrade")
+    whole = open(path, newline="").read()
+    open(path, "w", newline="").write(whole[:len(whole) // 2])
+    console.say("start")
+    expect(not console.state()["upgrading"] and chunks_sent(console, before) == 0, "half a file doesn't go out")
+    expect(any(text.startswith("This file can't be used. ") for text in console.texts()), "the dialog says so")
+    open(path, "w", newline="").write(whole)
+    console.say("upgrade " + path)
+    console.say("start")
+    state = console.wait("the result", lambda s: not s["upgrading"] and s["upgrade"], 120)
+    expect(state["version"] == "2.6.0", state["upgrade"])
+
+
+def test_no_upgrade_of_a_device_that_is_not_on_the_screen(desktop):
+    console = Console(desktop, PROGRAM, "--virtual-mismatch")
+    before = console.wait("picture and device", lambda s: s["blocked"] and s["info"])["exchanges"]
+    console.say("upgrade " + firmware(desktop.folder, "2.5.0"))
+    keep(desktop, "upgrade_elsewhere", console, "Firmware upgrade")
+    words = "The picture comes from the Mirn at USB port virtual-2, but the firmware would go to the one at port virtual-1."
+    expect(any(text.startswith(words) for text in console.texts()), "the ports are told: %s" % console.texts())
+    console.say("start")
+    state = console.state()
+    expect(not state["upgrading"] and state["version"] == "1.0.0" and chunks_sent(console, before) == 0,
+           "the device that is not on the screen is left alone")
+
+
 def test_unplugging_and_replugging(desktop):
     console = Console(desktop, PROGRAM)
     console.ready()
