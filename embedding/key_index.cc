@@ -66,12 +66,14 @@ struct Hasher {
     return hashElements(hash, elements);
   }
   uint64_t operator()(const ValueList& list) const {
+    keyElementsVisited() += list.size();
     uint64_t result = hash;
     for (const Value& element : list) result = mix(result, hashKey(element));
     return result;
   }
   // A set: the order of the pairs must not show.
   uint64_t operator()(const ValueMap& map) const {
+    keyElementsVisited() += map.size();
     uint64_t sum = 0;
     for (const auto& [key, value] : map) sum += mix(hashKey(key), hashKey(value));
     return mix(hash, sum);
@@ -89,8 +91,12 @@ struct NanFinder {
     }
     return false;
   }
-  bool operator()(const ValueList& list) const { return std::any_of(list.begin(), list.end(), anywhere); }
+  bool operator()(const ValueList& list) const {
+    keyElementsVisited() += list.size();
+    return std::any_of(list.begin(), list.end(), anywhere);
+  }
   bool operator()(const ValueMap& map) const {
+    keyElementsVisited() += map.size();
     return std::any_of(map.begin(), map.end(),
                        [](const auto& pair) { return anywhere(pair.first) || anywhere(pair.second); });
   }
@@ -108,6 +114,11 @@ uint32_t upperHalf(uint64_t hash) {
 
 }  // namespace
 
+uint64_t& keyElementsVisited() {
+  constinit thread_local uint64_t count = 0;
+  return count;
+}
+
 uint64_t hashKey(const Value& key) {
   // An int32 and an int64 of the same number are one key, so they start alike.
   const size_t kind = std::holds_alternative<int64_t>(key) ? Value(int32_t{0}).index() : key.index();
@@ -115,10 +126,16 @@ uint64_t hashKey(const Value& key) {
 }
 
 KeyIndex::KeyIndex(const ValueMap& map, bool indexed) : map_(map), indexed_(indexed) {
-  if (indexed_) rebuild(std::bit_ceil(map.size() * 2 + 16));
+  if (indexed_) beginIndex();
 }
 
-size_t KeyIndex::find(const Value& key) const {
+void KeyIndex::beginIndex() {
+  indexed_ = true;
+  rebuild(std::bit_ceil(map_.size() * 2 + 16));
+}
+
+size_t KeyIndex::find(const Value& key) {
+  if (!indexed_ && (key.asList() != nullptr || key.asMap() != nullptr)) beginIndex();
   if (!indexed_) {
     for (size_t i = 0; i < map_.size(); ++i) {
       if (sameKey(map_[i].first, key)) return i;

@@ -11,8 +11,9 @@
 namespace mirn {
 
 // An index over the keys of a map that grows while it is being filled. Borrows the map. With `indexed` false it
-// searches the map from its head instead: better for a few keys. Its hash is seeded once for each process, so that a
-// message can't be made to fit it.
+// searches the map from its head instead, which is better for a few keys, up to the first list or map that it is asked
+// for: to compare those pair by pair, at each level of maps that are keys of maps, would take far more than their size.
+// Its hash is seeded once for each process, so that a message can't be made to fit it.
 class KeyIndex {
  public:
   static constexpr size_t kNone = std::numeric_limits<size_t>::max();
@@ -20,7 +21,7 @@ class KeyIndex {
   explicit KeyIndex(const ValueMap& map, bool indexed);
 
   // The position of an equal key, or kNone.
-  size_t find(const Value& key) const;
+  size_t find(const Value& key);
 
   // To be told after a pair was appended to the map.
   void appended();
@@ -31,6 +32,7 @@ class KeyIndex {
     uint32_t hash = 0;  // the upper half: only keys that agree in it are compared
   };
 
+  void beginIndex();
   void insert(size_t position);
   void rebuild(size_t slots);
 
@@ -41,5 +43,9 @@ class KeyIndex {
 
 // Equal keys have equal hashes.
 uint64_t hashKey(const Value& key);
+
+// Elements of generic lists and pairs of maps that hashing and comparing have gone through on this thread so far. Tests
+// hold it against the size of what was decoded.
+uint64_t& keyElementsVisited();
 
 }  // namespace mirn

@@ -1,5 +1,5 @@
 // The engine's standard message codec and standard method codec, byte for byte.
-// Two ways to read a message: into owning Values, and in place through MessageView, which looks at the bytes and copies
+// Two ways to read a message: into owning Values, and in place through ValueView, which looks at the bytes and copies
 // nothing. Both go through the same walk, so they accept and refuse exactly the same messages.
 // All functions are reentrant. Nothing here throws except std::bad_alloc.
 #pragma once

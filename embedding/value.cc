@@ -10,6 +10,7 @@ constexpr size_t kSmallMap = 16;
 
 bool sameMap(const ValueMap& left, const ValueMap& right) {
   if (left.size() != right.size()) return false;
+  keyElementsVisited() += left.size();
   KeyIndex index(right, right.size() > kSmallMap);
   for (const auto& [key, value] : left) {
     const size_t at = index.find(key);
@@ -20,6 +21,7 @@ bool sameMap(const ValueMap& left, const ValueMap& right) {
 
 bool sameList(const ValueList& left, const ValueList& right) {
   if (left.size() != right.size()) return false;
+  keyElementsVisited() += left.size();
   for (size_t i = 0; i < left.size(); ++i) {
     if (!sameKey(left[i], right[i])) return false;
   }

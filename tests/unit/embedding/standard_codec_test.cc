@@ -6,6 +6,7 @@
 #include <limits>
 #include <random>
 
+#include "embedding/key_index.h"
 #include "tests/unit/embedding/allocation_count.h"
 #include "tests/unit/embedding/notation.h"
 #include "tests/unit/embedding/plain_decoder.h"
@@ -253,6 +254,33 @@ TEST(StandardCodec, MapsThatAreKeysOfMapsReadInLinearTime) {
     const bool findable = std::holds_alternative<int32_t>(innermost);
     ASSERT_EQ(back.asMap()->size(), findable ? 21U : 22U);
     EXPECT_EQ(*back.asMap()->at(20).second.asText(), findable ? "last" : "first");
+  }
+}
+
+// Sixteen pairs, few enough for a search from the head, whose keys are such maps again. Two of one depth differ in
+// their last pair alone, so that comparing them goes through nearly all of them.
+Value mapOfSmallMaps(int depth, int number) {
+  if (depth == 0) return number;
+  ValueMap map;
+  for (int i = 0; i < 15; ++i) map.emplace_back(mapOfSmallMaps(depth - 1, i), Value());
+  map.emplace_back(mapOfSmallMaps(depth - 1, 15 + number), Value());
+  return map;
+}
+
+// Counted, not timed: each level hashes what is below it a few times and compares hardly anything.
+TEST(StandardCodec, SmallMapsThatAreKeysOfMapsTakeWorkLikeTheirSize) {
+  uint64_t pairs = 0;
+  uint64_t below = 1;
+  for (int depth = 1; depth <= 4; ++depth) {
+    below *= 16;
+    pairs += below;
+    const std::vector<uint8_t> bytes = encodeMessage(mapOfSmallMaps(depth, 0));
+    const uint64_t before = keyElementsVisited();
+    Value back;
+    ASSERT_EQ(decodeMessage(bytes, &back), CodecError::kNone);
+    const uint64_t visited = keyElementsVisited() - before;
+    EXPECT_LE(visited, pairs * 4 * static_cast<uint64_t>(depth)) << depth;
+    EXPECT_EQ(back.asMap()->size(), 16U);
   }
 }
 
