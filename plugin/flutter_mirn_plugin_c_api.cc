@@ -1,6 +1,7 @@
 #include "plugin/flutter_mirn_plugin_c_api.h"
 
 #include <array>
+#include <iterator>
 #include <string>
 #include <utility>
 #include <vector>
@@ -51,169 +52,160 @@ constexpr ArgumentType kText = ArgumentType::kText;
 
 // What the channel offers, in the order in which it is documented. The asymmetries between the rows are meant:
 // applications depend on each of them.
-constexpr auto
-    kCommands =
-        std::to_array<MainCommand>(
-            {
-                {.name = "createTexture",
-                 .reply = ReplyKind::kInt64,
-                 .run = [](Plug& plugin, const Args&,
-                           MethodResult& result) { result.successInt64(plugin.createTexture()); }},
-                {.name = "releaseTexture",
-                 .reply = ReplyKind::kNull,
-                 .run =
-                     [](Plug&, const Args&, MethodResult& result) {
-                       Plug::releaseTexture();
-                       result.success();
-                     }},
-                {.name = "getDeviceList",
-                 .reply = ReplyKind::kTextList,
-                 .run = [](Plug&, const Args&, MethodResult& result) { answerTexts(result, mirn_->getDeviceList()); }},
-                {.name = "isVidPidExist",
-                 .reply = ReplyKind::kBool,
-                 .run = [](Plug&, const Args&, MethodResult& result) { result.successBool(mirn_->getDeviceExist()); }},
-                {.name = "initKmProxy",
-                 .reply = ReplyKind::kBool,
-                 .run = [](Plug&, const Args&, MethodResult& result) { result.successBool(mirn_->initKmProxy()); }},
-                {.name = "setVideoQuality",
-                 .arguments = {{{"quality", kText}}},
-                 .notDictionary = Instead::kZero,
-                 .keyMissing = Instead::kForward,
-                 .reply = ReplyKind::kBool,
-                 .run =
-                     [](Plug&, const Args& arguments, MethodResult& result) {
-                       const std::string quality(arguments.text(0));
-                       result.successBool(mirn_->setVideoQuality(arguments.has(0) ? &quality : nullptr));
-                     }},
-                {.name = "setLedStatus",
-                 .arguments = {{{"ledStatus", kInt32}}},
-                 .notDictionary = Instead::kErrorObject,
-                 .keyMissing = Instead::kForward,
-                 .reply = ReplyKind::kNull,
-                 .run =
-                     [](Plug&, const Args& arguments, MethodResult& result) {
-                       mirn_->setLedStatus(arguments.int32(0));
-                       result.success();
-                     }},
-                {.name = "getMirnDevInfo",
-                 .reply = ReplyKind::kTextList,
-                 .run = [](Plug&, const Args&, MethodResult& result) { answerTexts(result, mirn_->getMirnDevInfo()); }},
-                {.name = "setMirnDevInfo",
-                 .arguments = {{{"name", kText}}},
-                 .notDictionary = Instead::kMinusTwo,
-                 .keyMissing = Instead::kMinusThree,
-                 .reply = ReplyKind::kInt32,
-                 .run =
-                     [](Plug&, const Args& arguments, MethodResult& result) {
-                       mirn_->setMirnDevInfo(std::string(arguments.text(0)));
-                       result.successInt32(0);  // also when the device refused it
-                     }},
-                {.name = "reqUpgradeFirmware",
-                 .arguments = {{{"path", kText}}},
-                 .notDictionary = Instead::kMinusTwo,
-                 .keyMissing = Instead::kMinusThree,
-                 .reply = ReplyKind::kInt32,
-                 .run =
-                     [](Plug&, const Args& arguments, MethodResult& result) {
-                       result.successInt32(mirn_->reqUpgradeFirmware(std::string(arguments.text(0))));
-                     }},
-                {.name = "open",
-                 .reply = ReplyKind::kBool,
-                 .run = [](Plug&, const Args&, MethodResult& result) { result.successBool(mirn_->open()); }},
-                {.name = "release",
-                 .reply = ReplyKind::kNull,
-                 .run =
-                     [](Plug&, const Args&, MethodResult& result) {
-                       mirn_->close();
-                       result.success();
-                     }},
-                {.name = "bindTexture",
-                 .arguments = {{{"textureId", kInt64}}},
-                 .notDictionary = Instead::kErrorObject,
-                 .keyMissing = Instead::kErrorObject,
-                 .reply = ReplyKind::kNull,
-                 .run =
-                     [](Plug&, const Args& arguments, MethodResult& result) {
-                       mirn_->bindTexture(arguments.int64(0));
-                       result.success();
-                     }},
-                {.name = "normalColor",
-                 .reply = ReplyKind::kNull,
-                 .run =
-                     [](Plug&, const Args&, MethodResult& result) {
-                       mirn_->normalColor();
-                       result.success();
-                     }},
-                {.name = "bestColor",
-                 .reply = ReplyKind::kNull,
-                 .run =
-                     [](Plug&, const Args&, MethodResult& result) {
-                       mirn_->bestColor();
-                       result.success();
-                     }},
-                // A missing key is key 0, which lets every held key go.
-                {.name = "keyUp",
-                 .arguments = {{{"key", kInt32}}},
-                 .notDictionary = Instead::kErrorObject,
-                 .keyMissing = Instead::kForward,
-                 .reply = ReplyKind::kNull,
-                 .run =
-                     [](Plug&, const Args& arguments, MethodResult& result) {
-                       mirn_->keyUp(arguments.int32(0));
-                       result.success();
-                     }},
-                {.name = "keyDown",
-                 .arguments = {{{"key", kInt32}}},
-                 .notDictionary = Instead::kErrorObject,
-                 .keyMissing = Instead::kNull,
-                 .reply = ReplyKind::kNull,
-                 .run =
-                     [](Plug&, const Args& arguments, MethodResult& result) {
-                       mirn_->keyDown(arguments.int32(0));
-                       result.success();
-                     }},
-                // The three pointer commands let their reply go: the application does not wait for it.
-                {.name = "mouseMove",
-                 .arguments = {{{"x", kInt32}, {"y", kInt32}}},
-                 .notDictionary = Instead::kErrorObject,
-                 .keyMissing = Instead::kNoReply,
-                 .reply = ReplyKind::kNoReply,
-                 .run = [](Plug&, const Args& arguments,
-                           MethodResult&) { mirn_->mouseMove(arguments.int32(0), arguments.int32(1)); }},
-                {.name = "mouseEventButtons",
-                 .arguments = {{{"x", kInt32}, {"y", kInt32}, {"type", kText}}},
-                 .notDictionary = Instead::kErrorObject,
-                 .keyMissing = Instead::kNoReply,
-                 .reply = ReplyKind::kNoReply,
-                 .run =
-                     [](Plug&, const Args& arguments, MethodResult&) {
-                       mirn_->mouseEventButtons(arguments.text(2), arguments.int32(0), arguments.int32(1));
-                     }},
-                {.name = "mouseWheel",
-                 .arguments = {{{"x", kInt32}, {"y", kInt32}, {"delta", kInt32}}},
-                 .notDictionary = Instead::kErrorObject,
-                 .keyMissing = Instead::kNoReply,
-                 .reply = ReplyKind::kNoReply,
-                 .run =
-                     [](Plug&, const Args& arguments, MethodResult&) {
-                       mirn_->mouseWheel(arguments.int32(0), arguments.int32(1), arguments.int32(2));
-                     }},
-                {.name = "getSize",
-                 .reply = ReplyKind::kSizeMap,
-                 .run = [](Plug&, const Args&, MethodResult& result) { answerSize(result, mirn_->getSize()); }},
-                {.name = "getUpgradeProgress",
-                 .reply = ReplyKind::kIntegerList,
-                 .run = [](Plug&, const Args&,
-                           MethodResult& result) { answerIntegers(result, mirn_->getUpgradeProgress()); }},
-            });
+constexpr MainCommand kCommands[] = {
+    {.name = "createTexture",
+     .reply = ReplyKind::kInt64,
+     .run = [](Plug& plugin, const Args&, MethodResult& result) { result.successInt64(plugin.createTexture()); }},
+    {.name = "releaseTexture",
+     .reply = ReplyKind::kNull,
+     .run =
+         [](Plug&, const Args&, MethodResult& result) {
+           Plug::releaseTexture();
+           result.success();
+         }},
+    {.name = "getDeviceList",
+     .reply = ReplyKind::kTextList,
+     .run = [](Plug&, const Args&, MethodResult& result) { answerTexts(result, mirn_->getDeviceList()); }},
+    {.name = "isVidPidExist",
+     .reply = ReplyKind::kBool,
+     .run = [](Plug&, const Args&, MethodResult& result) { result.successBool(mirn_->getDeviceExist()); }},
+    {.name = "initKmProxy",
+     .reply = ReplyKind::kBool,
+     .run = [](Plug&, const Args&, MethodResult& result) { result.successBool(mirn_->initKmProxy()); }},
+    {.name = "setVideoQuality",
+     .arguments = {{{"quality", kText}}},
+     .notDictionary = Instead::kZero,
+     .keyMissing = Instead::kForward,
+     .reply = ReplyKind::kBool,
+     .run =
+         [](Plug&, const Args& arguments, MethodResult& result) {
+           const std::string quality(arguments.text(0));
+           result.successBool(mirn_->setVideoQuality(arguments.has(0) ? &quality : nullptr));
+         }},
+    {.name = "setLedStatus",
+     .arguments = {{{"ledStatus", kInt32}}},
+     .notDictionary = Instead::kErrorObject,
+     .keyMissing = Instead::kForward,
+     .reply = ReplyKind::kNull,
+     .run =
+         [](Plug&, const Args& arguments, MethodResult& result) {
+           mirn_->setLedStatus(arguments.int32(0));
+           result.success();
+         }},
+    {.name = "getMirnDevInfo",
+     .reply = ReplyKind::kTextList,
+     .run = [](Plug&, const Args&, MethodResult& result) { answerTexts(result, mirn_->getMirnDevInfo()); }},
+    {.name = "setMirnDevInfo",
+     .arguments = {{{"name", kText}}},
+     .notDictionary = Instead::kMinusTwo,
+     .keyMissing = Instead::kMinusThree,
+     .reply = ReplyKind::kInt32,
+     .run =
+         [](Plug&, const Args& arguments, MethodResult& result) {
+           mirn_->setMirnDevInfo(std::string(arguments.text(0)));
+           result.successInt32(0);  // also when the device refused it
+         }},
+    {.name = "reqUpgradeFirmware",
+     .arguments = {{{"path", kText}}},
+     .notDictionary = Instead::kMinusTwo,
+     .keyMissing = Instead::kMinusThree,
+     .reply = ReplyKind::kInt32,
+     .run =
+         [](Plug&, const Args& arguments, MethodResult& result) {
+           result.successInt32(mirn_->reqUpgradeFirmware(std::string(arguments.text(0))));
+         }},
+    {.name = "open",
+     .reply = ReplyKind::kBool,
+     .run = [](Plug&, const Args&, MethodResult& result) { result.successBool(mirn_->open()); }},
+    {.name = "release",
+     .reply = ReplyKind::kNull,
+     .run =
+         [](Plug&, const Args&, MethodResult& result) {
+           mirn_->close();
+           result.success();
+         }},
+    {.name = "bindTexture",
+     .arguments = {{{"textureId", kInt64}}},
+     .notDictionary = Instead::kErrorObject,
+     .keyMissing = Instead::kErrorObject,
+     .reply = ReplyKind::kNull,
+     .run =
+         [](Plug&, const Args& arguments, MethodResult& result) {
+           mirn_->bindTexture(arguments.int64(0));
+           result.success();
+         }},
+    {.name = "normalColor",
+     .reply = ReplyKind::kNull,
+     .run =
+         [](Plug&, const Args&, MethodResult& result) {
+           mirn_->normalColor();
+           result.success();
+         }},
+    {.name = "bestColor",
+     .reply = ReplyKind::kNull,
+     .run =
+         [](Plug&, const Args&, MethodResult& result) {
+           mirn_->bestColor();
+           result.success();
+         }},
+    // A missing key is key 0, which lets every held key go.
+    {.name = "keyUp",
+     .arguments = {{{"key", kInt32}}},
+     .notDictionary = Instead::kErrorObject,
+     .keyMissing = Instead::kForward,
+     .reply = ReplyKind::kNull,
+     .run =
+         [](Plug&, const Args& arguments, MethodResult& result) {
+           mirn_->keyUp(arguments.int32(0));
+           result.success();
+         }},
+    {.name = "keyDown",
+     .arguments = {{{"key", kInt32}}},
+     .notDictionary = Instead::kErrorObject,
+     .keyMissing = Instead::kNull,
+     .reply = ReplyKind::kNull,
+     .run =
+         [](Plug&, const Args& arguments, MethodResult& result) {
+           mirn_->keyDown(arguments.int32(0));
+           result.success();
+         }},
+    // The three pointer commands let their reply go: the application does not wait for it.
+    {.name = "mouseMove",
+     .arguments = {{{"x", kInt32}, {"y", kInt32}}},
+     .notDictionary = Instead::kErrorObject,
+     .keyMissing = Instead::kNoReply,
+     .reply = ReplyKind::kNoReply,
+     .run = [](Plug&, const Args& arguments,
+               MethodResult&) { mirn_->mouseMove(arguments.int32(0), arguments.int32(1)); }},
+    {.name = "mouseEventButtons",
+     .arguments = {{{"x", kInt32}, {"y", kInt32}, {"type", kText}}},
+     .notDictionary = Instead::kErrorObject,
+     .keyMissing = Instead::kNoReply,
+     .reply = ReplyKind::kNoReply,
+     .run = [](Plug&, const Args& arguments,
+               MethodResult&) { mirn_->mouseEventButtons(arguments.text(2), arguments.int32(0), arguments.int32(1)); }},
+    {.name = "mouseWheel",
+     .arguments = {{{"x", kInt32}, {"y", kInt32}, {"delta", kInt32}}},
+     .notDictionary = Instead::kErrorObject,
+     .keyMissing = Instead::kNoReply,
+     .reply = ReplyKind::kNoReply,
+     .run = [](Plug&, const Args& arguments,
+               MethodResult&) { mirn_->mouseWheel(arguments.int32(0), arguments.int32(1), arguments.int32(2)); }},
+    {.name = "getSize",
+     .reply = ReplyKind::kSizeMap,
+     .run = [](Plug&, const Args&, MethodResult& result) { answerSize(result, mirn_->getSize()); }},
+    {.name = "getUpgradeProgress",
+     .reply = ReplyKind::kIntegerList,
+     .run = [](Plug&, const Args&, MethodResult& result) { answerIntegers(result, mirn_->getUpgradeProgress()); }},
+};
 
 constexpr auto commandNames() {
-  std::array<std::string_view, kCommands.size()> names;
+  std::array<std::string_view, std::size(kCommands)> names;
   for (size_t i = 0; i < names.size(); ++i) names[i] = kCommands[i].name;
   return names;
 }
 
-constexpr PerfectIndex<kCommands.size()> kIndex(commandNames());
+constexpr PerfectIndex<std::size(kCommands)> kIndex(commandNames());
 static_assert(kIndex.valid(), "two command names are alike in length, first and last eight bytes");
 
 void answerInstead(Instead instead, MethodResult& result) {
@@ -296,6 +288,7 @@ void FlutterMirnPluginCApi::detachFromEngine(PluginRegistrar& /*registrar*/) {
 void FlutterMirnPluginCApi::releaseTexture() {}
 
 int64_t FlutterMirnPluginCApi::createTexture() {
+  if (textures_ == nullptr) return 0;  // an engine that draws nothing
   std::shared_ptr<MirnTexture> texture = MirnTexture::init();
   const int64_t id = textures_->registerTexture(texture);
   if (id != 0) insertTexture(id, std::move(texture), textures_);  // 0: refused, and nobody would ever draw it

@@ -27,7 +27,7 @@ class FlutterMirnPluginCApi : public Plugin {
   // Does nothing: textures stay until destroyTexture takes them, and the manager survives the engine. That is meant.
   static void releaseTexture();
 
-  // A new texture under a new id of the registry; 0, and no texture, when the engine refuses it.
+  // A new texture under a new id of the registry; 0, and no texture, when the engine refuses it or has no registry.
   int64_t createTexture();
 
   const std::shared_ptr<TextureRegistry>& textures() const { return textures_; }

@@ -13,6 +13,9 @@ namespace {
 // before and after every static object.
 constinit Mutex g_manager_lock;
 
+// On the thread that has made the manager: the platform thread.
+constinit thread_local bool t_owns_manager = false;
+
 }  // namespace
 
 constinit MirnManager* mirn_ = nullptr;
@@ -21,6 +24,7 @@ void createManager() {
   if (mirn_ != nullptr) return;
   setFreeMirnManager(&releaseManager);
   MirnManager* manager = MirnManager::init().release();
+  t_owns_manager = true;
   MutexGuard guard(g_manager_lock);
   mirn_ = manager;
 }
@@ -31,6 +35,9 @@ void reportProgress(int32_t current, int32_t total) {
 }
 
 void releaseManager() {
+  // exit() was called on another thread, and nothing stops the platform thread meanwhile: it may be inside a command.
+  // The manager stays as it is until the process has ended.
+  if (!t_owns_manager) return;
   MirnManager* manager = nullptr;
   {
     MutexGuard guard(g_manager_lock);

@@ -22,8 +22,10 @@ bool proxyAlive() {
   return mirn_ != nullptr && mirn_->kmproxy() != nullptr;
 }
 
+// By the manager, by the camera of a second plug-in, or by the host itself.
 bool captureInUse() {
-  return mirn_ != nullptr && (mirn_->captureSession() != nullptr || mirn_->captureDevice() != nullptr);
+  return liveCaptureInputs() > 0 ||
+         (mirn_ != nullptr && (mirn_->captureSession() != nullptr || mirn_->captureDevice() != nullptr));
 }
 
 // "/sys/devices/.../usb1/1-4/1-4.2" -> "1-4.2"; what is no path stays as it is.

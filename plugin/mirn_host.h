@@ -66,8 +66,8 @@ MIRN_EXPORT HostLinkStatistics hostLinkStatistics();
 
 // Virtual back ends instead of the real ones; nullptr = the real ones again. They are borrowed and must live as long as
 // they are installed and as anything made from them. Never installed by default. Install before the first command that
-// reaches for the device: the answer is false, and nothing changes, while a proxy, a capture session or the USB monitor
-// holds on to the one that would be replaced.
+// reaches for the device: the answer is false, and nothing changes, while a proxy, a capture session (of either
+// plug-in) or the USB monitor holds on to the one that would be replaced.
 MIRN_EXPORT bool hostInstallHidFunctions(const HidFunctions* functions);
 MIRN_EXPORT bool hostInstallCaptureSystem(CaptureSystem* system);
 MIRN_EXPORT bool hostInstallUsbRegistry(UsbRegistry* registry);

@@ -27,8 +27,9 @@ struct MirnSize {
 };
 
 // Bound to the platform thread, except setProcess (any thread). Every operation can be called at any time: without a
-// device it does nothing or answers the "missing" value named beside it. No operation throws, except initkmproxy and
-// initKmProxy, which let pass what is no standard exception.
+// device it does nothing or answers the "missing" value named beside it. What the device layer throws (out of memory,
+// no thread to be had) passes through, with two exceptions: connecting answers false to every standard exception, and
+// getMirnDevInfo an empty list to any exception of its question, though not of the connecting before it.
 class MirnManager : public SampleBufferDelegate {
  public:
   // A manager with a listener and an initialised HID library; no device is opened.

@@ -9,6 +9,7 @@
 #include "plugin/mirn_host.h"
 #include "plugin/registration.h"
 #include "tests/integration/channel/channel_world.h"
+#include "tests/integration/channel/file_reads.h"
 #include "tests/unit/embedding/notation.h"
 #include "video/mirn_texture.h"
 
@@ -245,6 +246,37 @@ TEST_F(WithADevice, AnUpgradeNeedsTheCameraForItself) {
   std::filesystem::remove(path);
 }
 
+// Nobody may change the picture's format while the image is read and queued, to its last byte.
+TEST_F(WithADevice, AnUpgradeHoldsTheConfigurationWhileItReadsItsFile) {
+  ASSERT_EQ(world_.reply("open"), success(true));
+  const std::string path = temporaryFile("image3.bin", std::string(2500, 'i'));
+  const FileReads reads(path, [this] { return world_.setup().camera().configurationLocks(); });
+  EXPECT_EQ(world_.reply("reqUpgradeFirmware", ValueMap{{"path", path}}), success(1));
+  const std::vector<int> locks = reads.observed();
+  EXPECT_GE(locks.size(), 4U) << "three chunks and the end";
+  EXPECT_EQ(locks, std::vector<int>(locks.size(), 1));
+  EXPECT_EQ(world_.setup().camera().configurationLocks(), 0);
+  std::filesystem::remove(path);
+}
+
+// A key that occurs twice has its last value; a null is no value.
+TEST_F(WithADevice, ADoubledArgumentWithALastNullIsMissing) {
+  mirn().setName("Before");
+  EXPECT_EQ(world_.reply("setMirnDevInfo", ValueMap{{"name", "Other"}, {"name", Value()}}), success(-3));
+  EXPECT_EQ(mirn().name(), "Before");
+  EXPECT_EQ(world_.reply("setMirnDevInfo", ValueMap{{"name", Value()}, {"name", "After"}}), success(0));
+  EXPECT_EQ(mirn().name(), "After");
+  EXPECT_EQ(world_.reply("setMirnDevInfo", ValueMap{{"name", "Other"}, {"name", 7}}), success(-3)) << "no text";
+  EXPECT_EQ(world_.reply("keyDown", ValueMap{{"key", 65}, {"key", Value()}}), success());
+  EXPECT_EQ(world_.reply("mouseMove", ValueMap{{"x", 1}, {"y", 2}, {"y", Value()}}), "no-reply");
+  EXPECT_EQ(world_.reply("bindTexture", ValueMap{{"textureId", 1}, {"textureId", Value()}}), argumentsError());
+  EXPECT_EQ(world_.reply("keyDown", ValueMap{{"key", Value()}, {"key", 66}}), success());
+  const auto records = atLeast<VirtualKeyboard>(1);
+  ASSERT_EQ(records.size(), 1U) << "the key without a value was not pressed";
+  EXPECT_EQ(records[0].keys, (Keys{5}));
+  EXPECT_TRUE(world_.received<VirtualMouse>(begin_).empty());
+}
+
 TEST_F(WithADevice, PresenceFollowsThePlug) {
   EXPECT_EQ(world_.reply("isVidPidExist"), success(true));
   world_.unplug();
@@ -403,41 +435,6 @@ TEST(OpeningFails, HostsLearnWhereAndWhy) {
   EXPECT_EQ(world.reply("release"), success());
   EXPECT_EQ(world.reply("open"), success(true));
   EXPECT_EQ(hostLastOpenError().code, 0);
-}
-
-TEST(SecondPlugin, GrabsFrames) {
-  WorldOptions options;
-  options.second_plugin = true;
-  ChannelWorld world(options);
-  EXPECT_EQ(world.reply("getDeviceList"), success(ValueList{"Nuvra Mirn"}));
-  EXPECT_EQ(world.reply("captureFrame"), hexOf(encodeError("CAPTURE_FAILED", "No frame available", Value())));
-  EXPECT_EQ(world.reply("open", ValueList{7, 8, 9}), success(true));
-  EXPECT_TRUE(world.eventually([&] { return world.reply("captureFrame").starts_with("00"); }));
-  EXPECT_EQ(world.reply("setResolution", ValueList{1920, 1080}), success(true));
-  EXPECT_EQ(world.reply("setResolution", ValueList{1921, 1080}), success(false));
-  EXPECT_EQ(world.reply("getWidth"), success(640));
-  EXPECT_EQ(world.reply("getHeight"), success(480));
-  EXPECT_EQ(world.reply("release"), success());
-  EXPECT_EQ(world.reply("setResolution", ValueList{1920, 1080}), success(false)) << "no device is held";
-  // The last frame stays. Its bytes: a map of three, both sizes as 32-bit integers, then 921,600 bytes.
-  EXPECT_TRUE(world.reply("captureFrame")
-                  .starts_with("000d03"
-                               "07057769647468"
-                               "0380020000"
-                               "0706686569676874"
-                               "03e0010000"
-                               "070464617461"
-                               "08ff00100e00"));
-  const Value frame = world.value("captureFrame");
-  ASSERT_EQ(frame.asMap()->size(), 3U);
-  EXPECT_EQ(*(*frame.asMap())[0].first.asText(), "width");
-  EXPECT_TRUE(alike((*frame.asMap())[0].second, int32_t{640}));
-  EXPECT_EQ(*(*frame.asMap())[1].first.asText(), "height");
-  EXPECT_TRUE(alike((*frame.asMap())[1].second, int32_t{480}));
-  EXPECT_EQ(*(*frame.asMap())[2].first.asText(), "data");
-  EXPECT_EQ(std::get<std::vector<uint8_t>>((*frame.asMap())[2].second).size(), 921600U);
-  EXPECT_EQ(world.reply("open", ValueList{0}), success(true));
-  EXPECT_EQ(world.reply("release"), success());
 }
 
 TEST(HexCheck, TellsExactFilesFromOthers) {

@@ -4,10 +4,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <thread>
 #include <vector>
 
 #include "platform/hid_functions.h"
@@ -58,10 +60,16 @@ int statusOfChild(const std::function<void()>& body) {
 // A world of a child; here for the calls that come after the end.
 ChannelWorld* g_left = nullptr;
 
-// Goes after every other static object: there is no manager any more.
+// What a child's main thread still does while another thread has called exit().
+enum class MainThread { kUninvolved, kWorking, kDone };
+std::atomic<MainThread> g_main_thread{MainThread::kUninvolved};
+
+// Goes after every other static object: there is no manager any more, unless the main thread is still at work with it.
 struct AfterTheManager {
   ~AfterTheManager() {
-    if (g_left != nullptr)
+    if (g_main_thread != MainThread::kUninvolved) {
+      while (g_main_thread != MainThread::kDone) std::this_thread::yield();
+    } else if (g_left != nullptr)
       demand(g_left->reply("keyDown", ValueMap{{"key", 67}}) == "not-implemented", kAnsweredWrongly);
   }
 };
@@ -205,6 +213,30 @@ TEST_F(ProcessExitDeathTest, CallsBeforeAndAfterTheManagersEndBreakNothing) {
   }));
   EXPECT_LE(sent().size(), 2U) << "the call that found nobody must not reach the device";
   expectNoRelease();
+}
+
+// The main thread waits for an answer of the device; the process ends meanwhile, and it goes on to the very end.
+TEST_F(ProcessExitDeathTest, OnAnotherThreadLeavesACommandItsManager) {
+  expectClean(statusOfChild([this] {
+    ChannelWorld& world = begin({});
+    demand(world.reply("open") == success(true), kAnsweredWrongly);
+    demand(world.reply("isVidPidExist") == success(true), kAnsweredWrongly);
+    FaultPlan plan;
+    std::string error;
+    demand(FaultPlan::parse("drop@*", &plan, &error), kStateNotReached);
+    world.mirn().setFaultPlan(plan);
+    g_main_thread = MainThread::kWorking;
+    std::thread([&world] {
+      while (world.received<VirtualHandshake>().size() < 2) std::this_thread::yield();
+      std::exit(0);
+    }).detach();
+    demand(world.reply("initKmProxy") == success(false), kAnsweredWrongly);
+    demand(world.reply("getUpgradeProgress") == success(ValueList{}), kAnsweredWrongly);
+    demand(world.reply("setVideoQuality", ValueMap{{"quality", "720P"}}) == success(true), kAnsweredWrongly);
+    demand(world.reply("getSize") == success(ValueMap{{"width", 1280.0}, {"height", 720.0}}), kAnsweredWrongly);
+    g_main_thread = MainThread::kDone;
+    while (true) pause();  // up to the end on the other thread
+  }));
 }
 
 }  // namespace

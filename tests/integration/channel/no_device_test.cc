@@ -215,5 +215,10 @@ TEST(TwoPlugins, TheOneRegisteredLastServesTheName) {
   EXPECT_EQ(world.reply("getWidth"), success(640));
 }
 
+TEST(WithoutADevice, AnEngineWithoutARegistryOfTexturesGetsZero) {
+  ChannelWorld world(noDevice());
+  EXPECT_EQ(FlutterMirnPluginCApi::initWithTextures(nullptr)->createTexture(), 0);
+}
+
 }  // namespace
 }  // namespace mirn::test
