@@ -7,7 +7,8 @@ set(MIRN_FALLBACK_VENDOR_ID 0x16c0 CACHE STRING "Second vendor identifier that i
 
 # The USB monitor reads identifiers as signed 16-bit numbers, so 0x8000 and above would never match.
 foreach(identifier MIRN_VENDOR_ID MIRN_PRODUCT_ID MIRN_FALLBACK_VENDOR_ID)
-  if(NOT ${identifier} MATCHES "^(0[xX][0-9a-fA-F]+|[0-9]+)$")
+  # No zeros in front: 010 is ten here and eight in the header.
+  if(NOT ${identifier} MATCHES "^(0[xX][0-9a-fA-F]+|0|[1-9][0-9]*)$")
     message(FATAL_ERROR "${identifier}=${${identifier}} is not a number. Give it like 0x1209.")
   endif()
   math(EXPR value "${${identifier}}")
