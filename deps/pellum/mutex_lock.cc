@@ -1,5 +1,7 @@
 #include "deps/pellum/mutex_lock.h"
 
+#include <ctime>
+
 namespace mirn {
 
 CMutexLock::CMutexLock(const char* /*name*/) {
@@ -21,6 +23,19 @@ int CMutexLock::LockBriefly() MIRN_NO_THREAD_SAFETY_ANALYSIS {
 #endif
   }
   return Lock();
+}
+
+bool CMutexLock::LockWithin(int milliseconds) MIRN_NO_THREAD_SAFETY_ANALYSIS {
+  constexpr long kNanosecondsOfASecond = 1000000000L;
+  timespec deadline{};
+  clock_gettime(CLOCK_REALTIME, &deadline);
+  deadline.tv_sec += milliseconds / 1000;
+  deadline.tv_nsec += milliseconds % 1000 * 1000000L;
+  if (deadline.tv_nsec >= kNanosecondsOfASecond) {
+    ++deadline.tv_sec;
+    deadline.tv_nsec -= kNanosecondsOfASecond;
+  }
+  return pthread_mutex_timedlock(&mutex_, &deadline) == 0;
 }
 
 }  // namespace mirn

@@ -3,6 +3,8 @@
 
 #include <pthread.h>
 
+#include <mutex>
+
 #include "deps/pellum/thread_annotations.h"
 
 namespace mirn {
@@ -39,6 +41,8 @@ class MIRN_CAPABILITY("mutex") CMutexLock final : public ILockItem {
   // Lock, for a mutex that everybody holds for some ten nanoseconds: looks a few times before it sleeps, since sleeping
   // and being woken takes a thousand times as long.
   int LockBriefly() MIRN_ACQUIRE() MIRN_NO_THREAD_SAFETY_ANALYSIS;
+  // False when it could not be had in time, also when the caller holds it already.
+  bool LockWithin(int milliseconds) MIRN_TRY_ACQUIRE(true) MIRN_NO_THREAD_SAFETY_ANALYSIS;
 
  private:
   pthread_mutex_t mutex_;
@@ -49,6 +53,8 @@ template <typename LockItem>
 class MIRN_SCOPED_CAPABILITY CLockGuard {
  public:
   explicit CLockGuard(LockItem& lock) MIRN_ACQUIRE(lock) : lock_(lock) { lock_.Lock(); }
+  // For one that the caller holds already.
+  CLockGuard(LockItem& lock, std::adopt_lock_t /*held*/) MIRN_REQUIRES(lock) : lock_(lock) {}
   ~CLockGuard() MIRN_RELEASE() { lock_.Unlock(); }
   CLockGuard(const CLockGuard&) = delete;
   CLockGuard& operator=(const CLockGuard&) = delete;

@@ -1,8 +1,12 @@
 #include "deps/pellum/logger/filelog.h"
 
+#include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
+#include <mutex>
 
 #include "deps/pellum/base_assert.h"
 #include "deps/pellum/logger/filelog_line.h"
@@ -16,10 +20,26 @@ constexpr int kRoundsBeforeRelief = 64;
 // With so many bytes waiting, callers wait for the file instead of leaving their lines to the flusher: a slow disk
 // slows them down before it costs them lines. Far below the buffer limit.
 constexpr size_t kWaitingBytesToQueueUp = 128 << 10;
+// A line stands in one of the two buffers: after so many batches it has been written.
+constexpr int kBatchesToOwnLine = 2;
+// How long a file may block before that counts as a failed write: a pipe that nobody reads does for ever.
+constexpr int kPipeMs = 1000;
+constexpr int kFileFreeMs = 1000;
+
+// What has no positions: a pipe or a terminal. No more than it takes without blocking.
+ssize_t writeToPipe(int descriptor, std::string_view bytes) {
+  pollfd ready{descriptor, POLLOUT, 0};
+  const int result = ::poll(&ready, 1, kPipeMs);
+  return result > 0 ? ::write(descriptor, bytes.data(), std::min<size_t>(bytes.size(), PIPE_BUF)) : result;
+}
 
 }  // namespace
 
-filelog::filelog() = default;
+filelog::filelog() {
+  for (std::string& buffer : buffers_) {
+    buffer.reserve(buffer_limit_);
+  }
+}
 
 filelog::~filelog() {
   close();
@@ -68,29 +88,18 @@ int filelog::write_log(int level, const char* format, ...) {
   if (style_ == by_hour) {
     write_file_with_hour({line, length});
   } else {
-    append({line, length});
+    append({line, length}, level == kLogError);
   }
   return 1;
 }
 
-bool filelog::mayLeaveToFlusher(size_t waiting_bytes) const {
-  return write_failures_ > kFailuresToGiveUp ||
-         (flushing_ && !relief_wanted_ && waiting_bytes < kWaitingBytesToQueueUp);
-}
-
-void filelog::append(std::string_view line) {
+void filelog::append(std::string_view line, bool at_once) {
   buffer_lock_.LockBriefly();
-  std::string& buffer = buffers_[1 - fill_index_];
-  if (buffer.size() + line.size() < buffer_limit_) {
-    buffer.append(line);
-  }
-  if (mayLeaveToFlusher(buffer.size())) {
+  const Turn turn = elect(line, at_once);
+  if (turn.ticket == 0) {
     buffer_lock_.Unlock();
     return;
   }
-  flushing_ = true;
-  relief_wanted_ = false;
-  const uint64_t ticket = ++ticket_;
   std::string* batch = nullptr;
   // File lock before buffer lock: here it may only be tried. With nobody else about, that saves a round of locking.
   if (file_lock_.TryLock()) {
@@ -99,37 +108,87 @@ void filelog::append(std::string_view line) {
   } else {
     buffer_lock_.Unlock();
     file_lock_.Lock();
-    batch = nextBatch(ticket, 0, false);
+    batch = nextBatch(turn, false);
   }
-  write_file_with_fixedsize(ticket, batch);
-  file_lock_.Unlock();
+  const CMutexLockGuard file(file_lock_, std::adopt_lock);
+  write_file_with_fixedsize(turn, batch);
 }
 
-void filelog::write_file_with_fixedsize(uint64_t ticket, std::string* batch) {
-  for (int rounds = 1; batch; ++rounds) {
-    const bool written = writeBatch(*batch);
-    batch = nextBatch(ticket, rounds, written);
+// Takes the line in. No ticket when somebody else will write it, or nobody.
+filelog::Turn filelog::elect(std::string_view line, bool at_once) noexcept {
+  std::string& buffer = buffers_[1 - fill_index_];
+  if (buffer.size() + line.size() < buffer_limit_) {
+    buffer.append(line);
+  }
+  const bool must_stay = at_once || write_through_;
+  const bool relieves = must_stay || !flushing_ || relief_wanted_ || buffer.size() >= kWaitingBytesToQueueUp;
+  if (write_failures_ > kFailuresToGiveUp || !relieves) {
+    return {};
+  }
+  return newTurn(must_stay ? kBatchesToOwnLine : 0);
+}
+
+filelog::Turn filelog::newTurn(int owed) noexcept {
+  flushing_ = true;
+  relief_wanted_ = false;
+  return {++ticket_, owed};
+}
+
+void filelog::write_file_with_fixedsize(Turn turn, std::string* batch) {
+  try {
+    while (batch) {
+      const bool written = writeBatch(*batch);
+      turn.written += written ? 1 : 0;
+      batch = nextBatch(turn, written);
+    }
+  } catch (...) {  // no memory for a file name: somebody else may try
+    abandon(turn);
+    throw;
   }
 }
 
 // The end of one round and the start of the next, in one step for all who append. Null: leave.
-std::string* filelog::nextBatch(uint64_t ticket, int rounds_done, bool last_one_written) {
+std::string* filelog::nextBatch(const Turn& turn, bool last_one_written) noexcept {
   std::string* batch = nullptr;
   buffer_lock_.LockBriefly();
   if (last_one_written) {
     fill_index_ = 1 - fill_index_;
   }
-  if (ticket == ticket_) {  // else relieved: the newer one is waiting for the file lock
-    batch = write_failures_ > kFailuresToGiveUp ? nullptr : selectBuffer();
+  const bool relieved = turn.ticket != ticket_;  // by a newer one, which is waiting for the file lock
+  if (write_failures_ <= kFailuresToGiveUp && (!relieved || turn.written < turn.owed)) {
+    batch = selectBuffer();
+  }
+  if (!relieved) {
     flushing_ = batch != nullptr;
-    relief_wanted_ = flushing_ && rounds_done >= kRoundsBeforeRelief;
+    relief_wanted_ = flushing_ && turn.written >= kRoundsBeforeRelief;
   }
   buffer_lock_.Unlock();
   return batch;
 }
 
+void filelog::abandon(const Turn& turn) noexcept {
+  const CMutexLockGuard lock(buffer_lock_);
+  if (turn.ticket == ticket_) {
+    flushing_ = false;
+  }
+}
+
+void filelog::writeThrough() {
+  if (!file_lock_.LockWithin(kFileFreeMs)) {
+    return;
+  }
+  const CMutexLockGuard file(file_lock_, std::adopt_lock);
+  Turn turn;
+  {
+    const CMutexLockGuard lock(buffer_lock_);
+    write_through_ = true;
+    turn = newTurn(kBatchesToOwnLine);
+  }
+  write_file_with_fixedsize(turn, nextBatch(turn, false));
+}
+
 // The buffer to write, or null when both are empty.
-std::string* filelog::selectBuffer() {
+std::string* filelog::selectBuffer() noexcept {
   if (buffers_[fill_index_].empty()) {
     fill_index_ = 1 - fill_index_;
   }
@@ -142,7 +201,10 @@ bool filelog::writeToFile(std::string_view bytes) {
   const int descriptor = ::fileno(file_);
   auto offset = static_cast<off_t>(bytes_written_);
   while (!bytes.empty()) {
-    const ssize_t written = ::pwrite(descriptor, bytes.data(), bytes.size(), offset);
+    ssize_t written = ::pwrite(descriptor, bytes.data(), bytes.size(), offset);
+    if (written < 0 && errno == ESPIPE) {
+      written = writeToPipe(descriptor, bytes);
+    }
     if (written < 0 && errno == EINTR) {
       continue;
     }

@@ -41,7 +41,8 @@ class filelog {
   // Writes what is buffered, flushes and closes the file. Returns true.
   bool close();
 
-  // One line: thread id, local time with milliseconds, level tag, message (at most 10239 bytes). Returns 1.
+  // One line: thread id, local time with milliseconds, level tag, message (at most 10239 bytes). Returns 1. A line of
+  // level kLogError has been written when the call returns; others may be left to a thread that is writing already.
   int write_log(int level, const char* format, ...) MIRN_PRINTF(3, 4);
   // One line to standard output, whatever mask and enable say. Returns 1.
   int write_log_console(int level, const char* format, ...) MIRN_PRINTF(3, 4);
@@ -62,17 +63,30 @@ class filelog {
   // Writes the text to standard output as it is.
   void debug_output(const char* text);
 
+ protected:
+  // For the end of the process: writes what waits, and from now on every call writes its own line. Changes nothing when
+  // the file isn't free for a second, so that a process whose log is stuck still ends.
+  void writeThrough() MIRN_EXCLUDES(file_lock_, buffer_lock_);
+
  private:
+  // One caller's time at the file.
+  struct Turn {
+    uint64_t ticket = 0;  // 0: none
+    int owed = 0;         // batches that it writes even if it has been relieved
+    int written = 0;      // batches
+  };
+
   // Flushing is one thread's duty at a time. A caller that finds it taken leaves its line to that thread, which looks
   // at the buffers once more, under the buffer lock, before it leaves: nothing stays behind when all callers have
-  // returned.
-  void append(std::string_view line) MIRN_EXCLUDES(file_lock_, buffer_lock_);
-  bool mayLeaveToFlusher(size_t waiting_bytes) const MIRN_REQUIRES(buffer_lock_);
-  void write_file_with_fixedsize(uint64_t ticket, std::string* batch) MIRN_REQUIRES(file_lock_)
+  // returned. Who must not leave its line (`at_once`) relieves that thread.
+  void append(std::string_view line, bool at_once) MIRN_EXCLUDES(file_lock_, buffer_lock_);
+  Turn elect(std::string_view line, bool at_once) noexcept MIRN_REQUIRES(buffer_lock_);
+  Turn newTurn(int owed) noexcept MIRN_REQUIRES(buffer_lock_);
+  void write_file_with_fixedsize(Turn turn, std::string* batch) MIRN_REQUIRES(file_lock_) MIRN_EXCLUDES(buffer_lock_);
+  std::string* nextBatch(const Turn& turn, bool last_one_written) noexcept MIRN_REQUIRES(file_lock_)
       MIRN_EXCLUDES(buffer_lock_);
-  std::string* nextBatch(uint64_t ticket, int rounds_done, bool last_one_written) MIRN_REQUIRES(file_lock_)
-      MIRN_EXCLUDES(buffer_lock_);
-  std::string* selectBuffer() MIRN_REQUIRES(file_lock_, buffer_lock_);
+  void abandon(const Turn& turn) noexcept MIRN_EXCLUDES(buffer_lock_);
+  std::string* selectBuffer() noexcept MIRN_REQUIRES(file_lock_, buffer_lock_);
   bool writeBatch(std::string& batch) MIRN_REQUIRES(file_lock_);
   bool writeToFile(std::string_view bytes) MIRN_REQUIRES(file_lock_);
   void writeRest() MIRN_REQUIRES(file_lock_) MIRN_EXCLUDES(buffer_lock_);
@@ -95,7 +109,8 @@ class filelog {
   std::atomic<uint32_t> file_max_count_{0};
   std::atomic<uint64_t> level_mask_{~0ULL};
   uint32_t fill_index_ MIRN_GUARDED_BY(buffer_lock_) = 0;  // flushed next; lines are appended to the other one
-  // The flusher reads the selected buffer under the file lock alone: nobody else touches that one.
+  // The flusher reads the selected buffer under the file lock alone: nobody else touches that one. Both have their full
+  // size from the beginning, so that appending, under a lock that everybody needs, can't fail.
   std::string buffers_[2];
   CMutexLock buffer_lock_;
   CMutexLock file_lock_;  // taken before buffer_lock_
@@ -106,6 +121,7 @@ class filelog {
 
   bool flushing_ MIRN_GUARDED_BY(buffer_lock_) = false;
   bool relief_wanted_ MIRN_GUARDED_BY(buffer_lock_) = false;  // the flusher has done its share
+  bool write_through_ MIRN_GUARDED_BY(buffer_lock_) = false;  // all lines are written at once
   uint64_t ticket_ MIRN_GUARDED_BY(buffer_lock_) = 0;         // of the newest flusher; it relieves older ones
 };
 

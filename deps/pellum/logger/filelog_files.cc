@@ -142,7 +142,8 @@ void filelog::write_file_with_hour(std::string_view line) {
   CMutexLockGuard file(file_lock_);
   errno = EBADF;  // what no file means
   const size_t written = file_ && !line.empty() ? std::fwrite(line.data(), 1, line.size(), file_) : 0;
-  if (written == 0 || std::fflush(file_) != 0) {
+  // On a full disk the stream takes lines, or the beginning of them, that it can't pass on: those are lost as well.
+  if (written == 0 || written != line.size() || std::fflush(file_) != 0) {
     std::printf("[filelog] write failed(%d), %s:%s\n", errno, kSourcePath, "write_file_with_hour");
   }
 }

@@ -4,6 +4,9 @@
 #define SI_NO_CONVERSION   // 8-bit text alone needs none of the wide converters
 #include <SimpleIni.h>
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
 
 #include "deps/pellum/base_assert.h"
 
@@ -27,8 +30,19 @@ bool mayBeRead(const char* path) {
 flogger& flogger::s_logger = flogger::GetInitance();
 
 flogger& flogger::GetInitance() {
-  static auto* const logger = new flogger;
+  static flogger* const logger = make();
   return *logger;
+}
+
+flogger* flogger::make() {
+  static const pid_t owner = ::getpid();
+  // A forked child has copies of lines that its parent writes, and of locks whose threads it does not have.
+  static_cast<void>(std::atexit([] {
+    if (::getpid() == owner) {
+      GetInitance().writeThrough();
+    }
+  }));
+  return new flogger;
 }
 
 flogger::flogger() {

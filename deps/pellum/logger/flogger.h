@@ -11,7 +11,8 @@ class flogger : public filelog {
   flogger();
 
   // Built during static initialisation, or earlier by the first who asks; never destroyed, so that threads which
-  // outlive main can still log. The name is deliberate.
+  // outlive main can still log. At the end of main it writes what waits, and from then on each line at once: nothing is
+  // lost to the end of the process. The name is deliberate.
   static flogger& GetInitance();
 
   // Reads section "LOGGER" of an INI file, "/etc/dravio.ini" for null. All four values are applied, defaults included;
@@ -21,6 +22,7 @@ class flogger : public filelog {
   void loadcfg(const char* directory, unsigned long level_mask, unsigned long max_size, unsigned short file_max_count);
 
  private:
+  static flogger* make();
   static flogger& s_logger;
 };
 

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <memory>
+#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -100,6 +101,31 @@ TEST(MutexLock, LockBrieflySleepsWhenTheLockIsNotHeldBriefly) MIRN_NO_THREAD_SAF
   lock.Unlock();
   waiter.join();
   EXPECT_TRUE(got_it);
+}
+
+TEST(MutexLock, LockWithinTakesAFreeOneAndGivesUpOnATakenOne) MIRN_NO_THREAD_SAFETY_ANALYSIS {
+  CMutexLock lock;
+  ASSERT_TRUE(lock.LockWithin(60000));
+  EXPECT_FALSE(lock.LockWithin(0)) << "it has it already";
+  std::thread([&]() MIRN_NO_THREAD_SAFETY_ANALYSIS {
+    EXPECT_FALSE(lock.LockWithin(0));
+    EXPECT_FALSE(lock.LockWithin(20));
+  }).join();
+  lock.Unlock();
+  std::thread([&]() MIRN_NO_THREAD_SAFETY_ANALYSIS {
+    ASSERT_TRUE(lock.LockWithin(999));
+    lock.Unlock();
+  }).join();
+}
+
+TEST(MutexLock, AGuardCanAdoptALockThatIsHeld) MIRN_NO_THREAD_SAFETY_ANALYSIS {
+  CMutexLock lock;
+  ASSERT_TRUE(lock.TryLock());
+  { const CMutexLockGuard guard(lock, std::adopt_lock); }
+  std::thread([&]() MIRN_NO_THREAD_SAFETY_ANALYSIS {
+    ASSERT_TRUE(lock.TryLock());
+    lock.Unlock();
+  }).join();
 }
 
 }  // namespace

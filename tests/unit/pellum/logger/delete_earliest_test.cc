@@ -81,6 +81,14 @@ TEST_F(DeleteEarliest, OfEqualTimesTheLaterInTheListingGoes) {
   EXPECT_FALSE(folder.has(last));
 }
 
+TEST_F(DeleteEarliest, AnEmptyNameIsAPartOfEveryName) {
+  add("log.1", 10);
+  add("something else", 30);
+  add(".hidden", 20);
+  delete_earliest_logfile(folder.c_str(), "", 3);
+  EXPECT_THAT(folder.names(), ElementsAre(".hidden", "log.1"));
+}
+
 TEST_F(DeleteEarliest, DanglingLinksAreLeftOut) {
   std::filesystem::create_symlink(folder.file("nowhere"), folder.file("log.link"));
   add("log.1", 10);

@@ -3,9 +3,14 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
+#include <cerrno>
 #include <csignal>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "deps/pellum/logger/filelog.h"
@@ -191,6 +196,90 @@ TEST_F(Failing, ClosingWithWritesThatFailKeepsTheCountRule) {
   EXPECT_TRUE(log.open("u", filelog::fixed_size, false));
   EXPECT_TRUE(log.close());
   EXPECT_EQ(folder.text("u.log"), "");
+}
+
+// What comes out of a pipe until nobody holds it for writing any more.
+class PipeReader {
+ public:
+  explicit PipeReader(const std::string& path)
+      : reader_([this, path] {
+          std::ifstream in(path, std::ios::binary);
+          text_.assign(std::istreambuf_iterator<char>(in), {});
+        }) {}
+  std::string text() {
+    reader_.join();
+    return text_;
+  }
+
+ private:
+  std::string text_;
+  std::thread reader_;
+};
+
+TEST_F(Failing, APipeInPlaceOfTheFileIsWrittenTo) {
+  ASSERT_EQ(::mkfifo(folder.file("t.log").c_str(), 0600), 0);
+  PipeReader reader(folder.file("t.log"));
+  EXPECT_TRUE(log.open("t", filelog::fixed_size, true));
+  const std::string line(10000, 'x');  // more than a pipe takes in one piece
+  std::string expected;
+  for (int i = 0; i < 20; ++i) {
+    EXPECT_EQ(log.write_log(1, "%s", line.c_str()), 1);
+    expected += line;
+  }
+  log.close();
+  std::string messages;
+  std::istringstream lines(reader.text());
+  for (std::string each; std::getline(lines, each);) {
+    messages += messageOf(each);
+  }
+  EXPECT_EQ(messages, expected);
+  EXPECT_THAT(folder.names(), ElementsAre("t.log"));
+}
+
+TEST_F(Failing, APipeThatNobodyReadsHoldsNobodyUp) {
+  ASSERT_EQ(::mkfifo(folder.file("t.log").c_str(), 0600), 0);
+  EXPECT_TRUE(log.open("t", filelog::fixed_size, true));
+  const std::string line(10000, 'x');
+  for (int i = 0; i < 20; ++i) {  // a pipe takes 64 KiB
+    EXPECT_EQ(log.write_log(1, "%s", line.c_str()), 1);
+  }
+  EXPECT_THAT(folder.names(), ElementsAre("t.log", "t.log.1")) << "a failed write rotates";
+  EXPECT_GT(folder.lines("t.log").size(), 10U);
+}
+
+// On a disk of 64 KiB, which is full already.
+void writeHourlyLineOnAFullDisk(const LogFolder& folder) {
+  filelog log;
+  log.Path(folder.file("logs").c_str(), 0);
+  EXPECT_TRUE(log.open("h", filelog::by_hour, false));
+  log.write_log(1, "makes the file");
+  folder.write("logs/filler", std::string(100 << 10, 'f'));
+  const std::string line(5000, 'x');
+  CapturedOutput output;
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(log.write_log(1, "%s", line.c_str()), 1);
+  }
+  EXPECT_THAT(output.text(), HasSubstr("[filelog] write failed(" + std::to_string(ENOSPC) +
+                                       "), deps/pellum/logger/flogger:write_file_with_hour\n"));
+}
+
+TEST_F(Failing, HourlyLineOnAFullDiskIsReportedOnStandardOutput) {
+  if (withSmallDisk(folder.c_str(), [this] { writeHourlyLineOnAFullDisk(folder); }) == OwnMounts::kNotAllowed) {
+    GTEST_SKIP() << "no file system may be mounted here; the case with a file size limit was run";
+  }
+}
+
+// The line is in the stream's own buffer when the flush fails, so it isn't that nothing was taken; it is lost all the
+// same, and that is told.
+TEST_F(Failing, HourlyLineThatOnlyTheFlushLosesIsReportedOnStandardOutput) {
+  log.open("h", filelog::by_hour, false);
+  log.write_log(1, "makes the file");
+  CapturedOutput output;
+  {
+    const FileSizeLimit limit(1);
+    EXPECT_EQ(log.write_log(1, "short"), 1);
+  }
+  EXPECT_THAT(output.text(), HasSubstr("[filelog] write failed(" + std::to_string(EFBIG) + ")"));
 }
 
 }  // namespace

@@ -294,5 +294,35 @@ TEST_F(Rotation, StyleMayChangeBetweenOpens) {
   EXPECT_THAT(folder.lines("t.log"), ElementsAre(EndsWith("fixed")));
 }
 
+TEST_F(Rotation, OpeningWhileAnHourlyFileIsOpenReturnsFalseAndKeepsIt) {
+  log.open("h", filelog::by_hour, false);
+  log.write_log(1, "first");
+  EXPECT_FALSE(log.open("other", filelog::fixed_size, false));
+  EXPECT_FALSE(log.open("other", filelog::by_hour, false));
+  log.write_log(1, "second");
+  size_t lines = 0;
+  for (const std::string& name : folder.names()) {  // two when the hour has just changed
+    EXPECT_TRUE(matches(name, "h\\.[0-9]{10}\\.log")) << name;
+    lines += folder.lines(name).size();
+  }
+  EXPECT_EQ(lines, 2U);
+}
+
+TEST_F(Rotation, MaximumOfZeroWithoutAFileOpensOneAfterTheFirstLine) {
+  log.MaxSize(0);
+  {
+    CapturedOutput output;
+    log.write_log(1, "to output");
+    EXPECT_THAT(output.text(), EndsWith("to output\n"));
+  }
+  EXPECT_THAT(folder.names(), ElementsAre(".log"));
+  EXPECT_EQ(folder.text(".log"), "");
+  CapturedOutput output;
+  log.write_log(1, "to the file");
+  EXPECT_EQ(output.text(), "");
+  EXPECT_THAT(folder.names(), ElementsAre(".log", ".log.1"));
+  EXPECT_THAT(folder.lines(".log.1"), ElementsAre(EndsWith("to the file")));
+}
+
 }  // namespace
 }  // namespace mirn

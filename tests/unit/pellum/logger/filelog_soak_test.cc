@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <map>
@@ -263,6 +264,83 @@ TEST(FilelogSoak, SlowOutputSlowsCallersDownInsteadOfDroppingLines) {
   output.end();
   reader.join();
   EXPECT_EQ(read_lines, static_cast<size_t>(kThreads) * static_cast<size_t>(lines));
+}
+
+// Writes lines beside threads that leave theirs to each other.
+class AmongOthers : public testing::Test {
+ protected:
+  struct Log : filelog {
+    using filelog::writeThrough;
+  };
+
+  AmongOthers() {
+    log.Path(folder.c_str(), 0);
+    log.MaxSize(1UL << 40);
+    EXPECT_TRUE(log.open("t", filelog::fixed_size, false));
+    for (int t = 0; t < 2; ++t) {
+      others_.emplace_back([this] {
+        while (!done_) {
+          log.write_log(1, "noise");
+        }
+      });
+    }
+  }
+  ~AmongOthers() override {
+    done_ = true;
+    for (std::thread& thread : others_) {
+      thread.join();
+    }
+  }
+
+  // Each of three threads calls `write` for its lines, which must be in the file when it returns.
+  template <typename Write>
+  void expectInTheFile(int lines, Write write) {
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 3; ++t) {
+      threads.emplace_back([&, t] {
+        for (int i = 0; i < lines; ++i) {
+          const auto before = std::filesystem::file_size(folder.file("t.log"));
+          write(payload(t, i).c_str());
+          EXPECT_NE(textFrom(before).find(payload(t, i)), std::string::npos) << payload(t, i);
+        }
+      });
+    }
+    for (std::thread& thread : threads) {
+      thread.join();
+    }
+  }
+
+  LogFolder folder;
+  Log log;
+
+ private:
+  // As far as the file reaches now: it grows faster than it is read.
+  std::string textFrom(uintmax_t begin) const {
+    std::string text(std::filesystem::file_size(folder.file("t.log")) - begin, '\0');
+    std::ifstream file(folder.file("t.log"), std::ios::binary);
+    file.seekg(static_cast<std::streamoff>(begin));
+    file.read(text.data(), static_cast<std::streamsize>(text.size()));
+    return text;
+  }
+
+  std::atomic<bool> done_{false};
+  std::vector<std::thread> others_;
+};
+
+TEST_F(AmongOthers, AnErrorLineIsInTheFileWhenItsCallReturns) {
+  expectInTheFile(200, [this](const char* line) { log.write_log(kLogError, "%s", line); });
+}
+
+TEST_F(AmongOthers, AfterWritingThroughThatHoldsForEveryLine) {
+  log.writeThrough();
+  expectInTheFile(200, [this](const char* line) { log.write_log(kLogDebug, "%s", line); });
+}
+
+TEST_F(AmongOthers, WritingThroughWritesWhatWaits) {
+  expectInTheFile(200, [this](const char* line) {
+    log.write_log(kLogInfo, "%s", line);
+    log.writeThrough();
+  });
 }
 
 }  // namespace

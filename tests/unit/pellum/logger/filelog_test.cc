@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <limits>
 #include <string>
@@ -60,6 +61,48 @@ TEST_F(Filelog, LineHasThreadTimeTagAndMessage) {
   EXPECT_EQ(groups[1], std::to_string(::syscall(SYS_gettid)));
   EXPECT_LE(before, groups[2]);
   EXPECT_LE(groups[2], after);
+}
+
+// A time zone for a scope.
+class Zone {
+ public:
+  explicit Zone(const char* zone) {
+    ::setenv("TZ", zone, 1);
+    ::tzset();
+  }
+  ~Zone() {
+    ::unsetenv("TZ");
+    ::tzset();
+  }
+  Zone(const Zone&) = delete;
+  Zone& operator=(const Zone&) = delete;
+};
+
+// A time of three hours after `universal` (seconds), as a line has it.
+std::string threeHoursAfter(time_t universal) {
+  const time_t shifted = universal + 3 * 60 * 60;
+  tm parts{};
+  gmtime_r(&shifted, &parts);
+  char text[64];
+  return {text, std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &parts)};
+}
+
+TEST_F(Filelog, TheTimeIsLocal) {
+  const Zone zone("UTC-3");  // east of Greenwich: later
+  log.open("t", filelog::fixed_size, false);
+  const std::string before = threeHoursAfter(::time(nullptr));
+  // A thread of its own: nothing of an earlier line in another zone is kept.
+  std::string line;
+  std::thread([&] { line = written(1, "m"); }).join();
+  CapturedOutput output;
+  log.write_log_console(1, "m");
+  const std::string console = output.text().substr(0, before.size());
+  const std::string after = threeHoursAfter(::time(nullptr));
+  const std::string in_line = line.substr(line.find('\t') + 1, before.size());
+  EXPECT_LE(before, in_line);
+  EXPECT_LE(in_line, after);
+  EXPECT_LE(before, console);
+  EXPECT_LE(console, after);
 }
 
 TEST_F(Filelog, EachThreadWritesItsOwnId) {

@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -195,19 +196,82 @@ TEST_F(Flogger, NullDirectoryIsReportedAndChangesNothing) {
   EXPECT_THAT(logs.names(), ElementsAre("t.log"));
 }
 
-// The probe logs from threads and a static destructor while the process ends.
-TEST_F(Flogger, OutlivesThreadsAndStaticObjectsAtTheEndOfTheProcess) {
-  const std::string command = std::string(MIRN_EXIT_PROBE) + " " + logs.c_str() + " >/dev/null";
-  for (int i = 0; i < 5; ++i) {
+// What a program leaves in its file that ends while four of its threads log.
+class EndOfTheProcess : public testing::Test {
+ protected:
+  // The messages without the threads'. The last batch of a thread that the end stops may be cut off; all before it is
+  // whole.
+  std::vector<std::string> messagesOfAnEnd(const std::string& how) const {
+    const std::string command = std::string(MIRN_EXIT_PROBE) + " " + logs.c_str() + " " + how + " >/dev/null";
     const int status = std::system(command.c_str());  // NOLINT(cert-env33-c): the test's own program
-    ASSERT_TRUE(WIFEXITED(status)) << status;
-    ASSERT_EQ(WEXITSTATUS(status), 0);
-    // The last batch of a thread that the end of the process stops may be cut off, everything before it is whole.
+    EXPECT_TRUE(WIFEXITED(status)) << status;
+    EXPECT_EQ(WEXITSTATUS(status), 0);
     const std::vector<std::string> lines = logs.lines("exit.log");
-    ASSERT_GT(lines.size(), 400U);
-    for (size_t n = 0; n + 1 < lines.size(); ++n) {
-      ASSERT_EQ(lines[n].front(), '[') << lines[n];
+    EXPECT_GT(lines.size(), 400U);
+    std::vector<std::string> messages;
+    for (size_t n = 0; n < lines.size(); ++n) {
+      if (n + 1 < lines.size()) {
+        EXPECT_EQ(lines[n].front(), '[') << lines[n];
+      }
+      if (messageOf(lines[n]).rfind("thread ", 0) != 0) {
+        messages.push_back(messageOf(lines[n]));
+      }
     }
+    return messages;
+  }
+
+  LogFolder logs;
+};
+
+TEST_F(EndOfTheProcess, LosesNoLineOfAStaticDestructor) {
+  std::vector<std::string> expected;
+  for (int i = 0; i < 100; ++i) {
+    expected.push_back("static destructor " + std::to_string(i));
+  }
+  expected.emplace_back("the very last line");
+  for (int i = 0; i < 5; ++i) {
+    std::vector<std::string> messages = messagesOfAnEnd("return");
+    if (messages.size() > expected.size()) messages.resize(expected.size());  // a thread's line, cut off
+    ASSERT_EQ(messages, expected);
+  }
+}
+
+TEST_F(EndOfTheProcess, LosesNoErrorLine) {
+  for (int i = 0; i < 5; ++i) {
+    ASSERT_THAT(messagesOfAnEnd("at-once"), testing::Contains("the last error"));
+  }
+}
+
+// It has a copy of the buffers and of a lock that may be held.
+TEST_F(EndOfTheProcess, AForkedChildWritesNothingOfItsParents) {
+  flogger::GetInitance().loadcfg(logs.c_str(), ~0UL, 1UL << 30, 0);
+  ASSERT_TRUE(flogger::GetInitance().open("fork", filelog::fixed_size, false));
+  std::atomic<bool> done{false};
+  std::atomic<int> written{0};
+  std::thread writer([&] {
+    while (!done) {
+      flogger::GetInitance().write_log(1, "line %d", written++);
+    }
+  });
+  while (written == 0) {
+    std::this_thread::yield();
+  }
+  for (int i = 0; i < 20; ++i) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+      std::exit(0);  // NOLINT(concurrency-mt-unsafe): what is tested
+    }
+    int status = -1;
+    EXPECT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+  }
+  done = true;
+  writer.join();
+  flogger::GetInitance().close();
+  const std::vector<std::string> lines = logs.lines("fork.log");
+  ASSERT_EQ(lines.size(), static_cast<size_t>(written));
+  for (size_t n = 0; n < lines.size(); ++n) {
+    ASSERT_EQ(messageOf(lines[n]), "line " + std::to_string(n));
   }
 }
 
