@@ -14,6 +14,7 @@
 #include "plugin/mirn_global.h"
 #include "plugin/mirn_manager.h"
 #include "usb/usb_monitor.h"
+#include "usb/usb_scan.h"
 
 namespace mirn {
 namespace {
@@ -35,6 +36,10 @@ std::string busPlace(std::string topology) {
 }
 
 }  // namespace
+
+bool hostDeviceAttached() {
+  return UsbDeviceAttached();
+}
 
 HostSessionStatistics hostSessionStatistics() {
   HostSessionStatistics result;

@@ -14,6 +14,10 @@ class Clock;
 class UsbRegistry;
 struct HidFunctions;
 
+// Whether a Mirn is on the bus now: one look of a few milliseconds, also where "isVidPidExist" says no because one of
+// several Mirns was unplugged.
+MIRN_EXPORT bool hostDeviceAttached();
+
 // How the capture session of the main plug-in is doing. All zero and empty while none is open. Counts belong to one
 // session.
 struct HostSessionStatistics {

@@ -42,6 +42,11 @@ OpenFailure classifyOpenError(int code) {
 }
 
 Condition Diagnosis::update(const DeviceFacts& facts, Time now) {
+  if (facts.open || !facts.present) {
+    without_picture_.reset();
+  } else if (!without_picture_) {
+    without_picture_ = now;
+  }
   if (!facts.open) {
     opened_.reset();
     last_frame_.reset();
@@ -65,7 +70,10 @@ Condition Diagnosis::judge(const DeviceFacts& facts, Time now) {
     return Condition::kNotPluggedIn;
   }
   if (!facts.open) {
-    return facts.failure == OpenFailure::kNone ? Condition::kStarting : ofFailure(facts.failure);
+    if (facts.failure != OpenFailure::kNone && facts.failure != OpenFailure::kNotFound) {
+      return ofFailure(facts.failure);
+    }
+    return now - *without_picture_ < kFirstPicture ? Condition::kStarting : Condition::kNoCamera;
   }
   if (!last_frame_) {
     return now - *opened_ < kFirstPicture ? Condition::kStarting : Condition::kNoSignal;
@@ -96,6 +104,10 @@ Advice adviceFor(Condition condition, const DeviceFacts& facts) {
       return {"busy", "Busy in another program",
               "Another program is using the Mirn's camera" + detail(facts) +
                   ". Close it; \"mirnctl doctor\" says which one it is."};
+    case Condition::kNoCamera:
+      return {"no-camera", "No camera",
+              "The Mirn is plugged in, but its camera was not found. Unplug it and plug it in again; "
+              "\"mirnctl doctor\" says what is missing."};
     case Condition::kOpenFailed:
       return {"open-failed", "Can't open the camera",
               "The Mirn's camera can't be opened" + detail(facts) + ". Unplug the Mirn and plug it in again."};

@@ -14,6 +14,7 @@ enum class Condition {
   kNotPluggedIn,  // no device with the Mirn's identifiers on the bus
   kNoPermission,  // a node is there but may not be opened
   kBusy,          // another program holds the camera
+  kNoCamera,      // the bus shows the Mirn, but the system has no camera of it
   kOpenFailed,    // the camera can't be opened for another reason
   kNoSignal,      // the camera runs and has never delivered a picture
   kStalled,       // pictures came and then stopped
@@ -47,7 +48,8 @@ class Diagnosis {
  public:
   using Time = std::chrono::steady_clock::time_point;
 
-  // A capture stick needs a moment after the start before its first picture.
+  // A capture stick needs a moment after the start before its first picture, and after plugging until its camera is
+  // there.
   static constexpr std::chrono::milliseconds kFirstPicture{2500};
   // Slowest source is 5 pictures a second; several missing ones are no jitter any more.
   static constexpr std::chrono::milliseconds kStallAfter{1500};
@@ -59,6 +61,7 @@ class Diagnosis {
   Condition judge(const DeviceFacts& facts, Time now);
 
   Condition condition_ = Condition::kStarting;
+  std::optional<Time> without_picture_;  // since when it is plugged in and not open
   std::optional<Time> opened_;
   std::optional<Time> last_frame_;
   uint64_t frames_ = 0;

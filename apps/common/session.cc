@@ -1,15 +1,19 @@
 #include "apps/common/session.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "apps/common/held_keys.h"
 #include "apps/common/topology_check.h"
 #include "host/main_loop.h"
 #include "platform/capture.h"
+#include "platform/mirn_identity.h"
 #include "plugin/registration.h"
 
 namespace mirn {
 namespace {
+
+constexpr std::chrono::seconds kLookEvery{1};
 
 // A virtual capture source is this program's own object, and what it reports stays on this side of the library.
 HostOpenError openError() {
@@ -32,7 +36,20 @@ Session::~Session() {
 }
 
 bool Session::isPlugged() {
-  return channel_.call("isVidPidExist").asBool();
+  bool flag = channel_.call("isVidPidExist").asBool();
+  if (std::exchange(flag_, flag) && !flag) {
+    ++departures_;
+    looked_.reset();
+  }
+  if (flag) {
+    return true;
+  }
+  auto now = std::chrono::steady_clock::now();
+  if (!looked_ || now - *looked_ >= kLookEvery) {
+    looked_ = now;
+    on_bus_ = hostDeviceAttached();
+  }
+  return on_bus_;
 }
 
 std::vector<std::string> Session::captureNames() {
@@ -109,6 +126,13 @@ bool Session::openPicture() {
   // A second "open" would make a new session beside the old one.
   closePicture();
   open_ = channel_.call("open").asBool();
+  camera_found_ = true;
+  if (!open_) {
+    // What it made on the way would pass for a session, and hold the camera.
+    channel_.call("release");
+    std::vector<std::string> names = captureNames();
+    camera_found_ = std::find(names.begin(), names.end(), kMirnProductName) != names.end();
+  }
   return open_;
 }
 
@@ -116,6 +140,11 @@ void Session::closePicture() {
   if (std::exchange(open_, false)) {
     channel_.call("release");
   }
+}
+
+bool Session::pictureRuns() const {
+  HostSessionStatistics session = hostSessionStatistics();
+  return open_ && session.open && session.stopCode == 0;
 }
 
 bool Session::setQuality(const std::string& quality) {
@@ -162,10 +191,11 @@ DeviceFacts Session::facts() {
     facts.keyboard_failure = classifyOpenError(refusal_.code);
     facts.keyboard_detail = refusal_.code == 0 ? "" : refusal_.node + ": " + refusal_.reason;
   }
-  HostSessionStatistics session = hostSessionStatistics();
-  facts.open = open_ && session.open && session.stopCode == 0;
-  facts.frames = session.framesCaptured;
-  if (!facts.open) {
+  facts.open = pictureRuns();
+  facts.frames = hostSessionStatistics().framesCaptured;
+  if (!facts.open && !camera_found_) {
+    facts.failure = OpenFailure::kNotFound;  // the last error is of a camera that was there
+  } else if (!facts.open) {
     HostOpenError error = openError();
     facts.failure = classifyOpenError(error.code);
     if (error.code != 0) {

@@ -2,6 +2,7 @@
 // picture goes through them; what they don't carry comes from plugin/mirn_host.h.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -45,7 +46,11 @@ class Session {
   ChannelClient& channel() { return channel_; }
   InputSink& input() { return input_; }
 
-  bool isPlugged();                         // "isVidPidExist"
+  // "isVidPidExist"; while that says no, the bus is asked once a second, because the answer goes with the first of
+  // several Mirns that is unplugged.
+  bool isPlugged();
+  // How often isPlugged() saw that a Mirn went, also when another one stayed.
+  uint64_t departures() const { return departures_; }
   std::vector<std::string> captureNames();  // "getDeviceList"
 
   // "initKmProxy", and right after it the releases; none into another computer than the one on the screen.
@@ -57,8 +62,9 @@ class Session {
   void setLed(int status);
   int led();  // the status byte, -1 when the device doesn't answer
 
-  bool openPicture();  // "open"
+  bool openPicture();  // "open"; one that fails leaves nothing behind
   void closePicture();
+  bool pictureRuns() const;  // opened, and the camera has not stopped by itself
   bool setQuality(const std::string& quality);
   void setColor(bool best);
   // Makes the texture at the first call; its id.
@@ -87,6 +93,11 @@ class Session {
   ChannelInput input_;
   int64_t texture_ = -1;
   bool open_ = false;
+  bool camera_found_ = true;  // when the picture was last opened
+  bool flag_ = false;         // what "isVidPidExist" answered last
+  bool on_bus_ = false;       // what the last look at the bus saw
+  std::optional<std::chrono::steady_clock::time_point> looked_;
+  uint64_t departures_ = 0;
   HostOpenError refusal_;  // of the keyboard interface, when it was last tried
   Releases answered_;      // keyboard and pointer records answered once the last releases are
 };

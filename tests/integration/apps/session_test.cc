@@ -59,9 +59,10 @@ class SessionTest : public testing::Test {
   ~SessionTest() override {
     hostReleaseProxy();
     session_.closePicture();
-    world().setup().camera(0).replug();
-    if (!device().plugged()) {
-      world().replug();
+    for (size_t index : {0U, 1U}) {
+      world().setup().camera(index).setBusy(false);
+      world().setup().camera(index).setDenied(false);
+      world().replug(index);
     }
   }
 
@@ -112,6 +113,7 @@ TEST_F(SessionTest, AfterRepluggingThePointerIsPutBack) {
   put(session_, kX, kY);
   hostReleaseProxy();
   world().unplug();
+  world().unplug(1);
   ASSERT_TRUE(runLoopUntil([&] { return !session_.isPlugged(); }, kPatience));
   world().replug();
   before_ = device().receivedCount();
@@ -170,6 +172,61 @@ TEST_F(SessionTest, AProgramThatLeavesThePointerAloneReleasesKeysAlone) {
   Session keys(Release::kKeys);
   connect(keys);
   EXPECT_THAT(input(), ElementsAre("all keys up"));
+}
+
+class OneOfTwoTest : public SessionTest, public testing::WithParamInterface<size_t> {};
+
+TEST_P(OneOfTwoTest, AMirnThatIsUnpluggedLeavesTheOtherPlugged) {
+  size_t gone = GetParam();
+  auto flag = [&] { return session_.channel().call("isVidPidExist").asBool(); };
+  ASSERT_TRUE(runLoopUntil(flag, kPatience));
+  ASSERT_TRUE(session_.isPlugged());
+  world().unplug(gone);
+  ASSERT_TRUE(runLoopUntil([&] { return !flag(); }, kPatience)) << "the command's answer is of the last event";
+  EXPECT_TRUE(session_.isPlugged());
+  EXPECT_TRUE(session_.facts().present);
+  EXPECT_EQ(session_.departures(), 1U);
+  world().unplug(1 - gone);
+  EXPECT_TRUE(runLoopUntil([&] { return !session_.isPlugged(); }, kPatience));
+  EXPECT_EQ(session_.departures(), 1U) << "the flag had gone before";
+  world().replug(gone);
+  EXPECT_TRUE(runLoopUntil([&] { return session_.isPlugged(); }, kPatience));
+}
+
+INSTANTIATE_TEST_SUITE_P(Either, OneOfTwoTest, testing::Values(0U, 1U));
+
+TEST_F(SessionTest, AnOpenThatFailedLeavesNothingBehindAndCanBeTriedAgain) {
+  struct Trouble {
+    void (VirtualCaptureDevice::*set)(bool);
+    OpenFailure failure;
+  };
+  VirtualCaptureDevice& camera = world().setup().camera(0);
+  for (const Trouble& trouble : {Trouble{&VirtualCaptureDevice::setBusy, OpenFailure::kBusy},
+                                 Trouble{&VirtualCaptureDevice::setDenied, OpenFailure::kPermission}}) {
+    (camera.*trouble.set)(true);
+    EXPECT_FALSE(session_.openPicture());
+    EXPECT_FALSE(session_.pictureRuns());
+    EXPECT_EQ(session_.facts().failure, trouble.failure);
+    EXPECT_FALSE(hostSessionStatistics().open) << "no session object";
+    EXPECT_EQ(hostCaptureTopologyPath(), "") << "no camera";
+    (camera.*trouble.set)(false);
+    EXPECT_TRUE(session_.openPicture());
+    EXPECT_TRUE(session_.pictureRuns());
+    EXPECT_NE(session_.waitForPicture({}, kPatience), nullptr);
+    session_.closePicture();
+  }
+}
+
+TEST_F(SessionTest, ACameraThatIsNotThereIsToldFromOneThatIsRefused) {
+  session_.texture();
+  world().setup().camera(0).setBusy(true);
+  ASSERT_FALSE(session_.openPicture());
+  world().setup().camera(0).unplug();
+  world().setup().camera(1).unplug();
+  EXPECT_FALSE(session_.openPicture());
+  DeviceFacts facts = session_.facts();
+  EXPECT_EQ(facts.failure, OpenFailure::kNotFound);
+  EXPECT_EQ(facts.failure_detail, "") << "the last error was another camera's";
 }
 
 // The first device's camera is away: the second one's is opened beside the first one's keyboard interface.

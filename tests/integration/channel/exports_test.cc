@@ -34,6 +34,7 @@ TEST(SharedLibrary, ShowsItsEntryPointsAndTheHostFunctionsAlone) {
       "mirn::destroyTexture(long)",
       "mirn::registerFlutterMirnPlugin(mirn::PluginRegistrar&)",
       "mirn::registerFlutterMirnPluginCApi(mirn::PluginRegistrar&)",
+      "mirn::hostDeviceAttached()",
       "mirn::hostSessionStatistics()",
       "mirn::hostLastOpenError()",
       "mirn::hostHidRefusal()",

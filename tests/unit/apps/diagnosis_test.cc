@@ -40,6 +40,31 @@ TEST_F(DiagnosisTest, FailedOpensAreToldApart) {
   EXPECT_EQ(at(3), Condition::kOpenFailed);
 }
 
+TEST_F(DiagnosisTest, AMirnWhoseCameraDoesNotAppearIsSaid) {
+  facts_.present = true;
+  for (OpenFailure failure : {OpenFailure::kNotFound, OpenFailure::kNone}) {
+    diagnosis_ = {};
+    facts_.failure = failure;
+    EXPECT_EQ(at(1000), Condition::kStarting) << "a moment between the bus and the node is no fault";
+    EXPECT_EQ(at(3499), Condition::kStarting);
+    EXPECT_EQ(at(3500), Condition::kNoCamera);
+  }
+  facts_.failure = OpenFailure::kBusy;
+  EXPECT_EQ(at(3600), Condition::kBusy);
+}
+
+TEST_F(DiagnosisTest, TheWaitForTheCameraBeginsWithEachPlugging) {
+  facts_.present = true;
+  facts_.failure = OpenFailure::kNotFound;
+  at(0);
+  facts_.present = false;
+  EXPECT_EQ(at(2000), Condition::kNotPluggedIn);
+  facts_.present = true;
+  EXPECT_EQ(at(3000), Condition::kStarting);
+  EXPECT_EQ(at(5499), Condition::kStarting);
+  EXPECT_EQ(at(5500), Condition::kNoCamera);
+}
+
 TEST_F(DiagnosisTest, NoFirstPictureIsNoSignal) {
   running(true, 0);
   EXPECT_EQ(at(0), Condition::kStarting);
@@ -101,7 +126,7 @@ TEST(Advice, EveryTroubleHasItsOwnWordTitleAndAdvice) {
   std::set<std::string> texts;
   for (Condition condition :
        {Condition::kNotPluggedIn, Condition::kNoPermission, Condition::kBusy, Condition::kOpenFailed,
-        Condition::kNoSignal, Condition::kStalled, Condition::kNoKeyboard}) {
+        Condition::kNoCamera, Condition::kNoSignal, Condition::kStalled, Condition::kNoKeyboard}) {
     Advice advice = adviceFor(condition, {});
     EXPECT_TRUE(words.insert(advice.word).second) << advice.word;
     EXPECT_TRUE(texts.insert(advice.text).second) << advice.word;
