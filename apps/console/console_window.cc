@@ -34,7 +34,7 @@ ConsoleWindow::ConsoleWindow(std::string settings_path, bool is_virtual)
       settings_(loadSettings(settings_path_)),
       link_(session_, settings_.quality, settings_.best_color),
       gate_(
-          session_.input(), [this] { return link_.blockedReason().empty(); }, [this] { feed_.echo().sent(); },
+          session_.input(), [this] { return blockedReason().empty(); }, [this] { feed_.echo().sent(); },
           &keyboardIsElsewhere),
       input_(*this, view_, gate_),
       feed_(session_,
@@ -77,6 +77,7 @@ void ConsoleWindow::buildHeader() {
   chord_button_.set_menu_model(chordMenu());
   chord_button_.set_tooltip_text("Key combinations for the target");
   keyboard_button_.set_action_name("win.capture");
+  keyboard_button_.set_focus_on_click(false);  // it toggles what a move of the focus would end
   header_.pack_start(keyboard_button_);
   header_.pack_start(chord_button_);
   header_.pack_end(menu_button_);
@@ -118,7 +119,7 @@ void ConsoleWindow::connect() {
     link_.setTyping(running);
   });
   signal_close_request().connect(sigc::mem_fun(*this, &ConsoleWindow::onClose), false);
-  property_fullscreened().signal_changed().connect([this] { status_.set_visible(!is_fullscreen()); });
+  property_fullscreened().signal_changed().connect(sigc::mem_fun(*this, &ConsoleWindow::onFullscreen));
   constexpr unsigned kFiguresEveryMs = 500;
   overlay_timer_ = Glib::signal_timeout().connect(
       [this] {
@@ -141,10 +142,15 @@ void ConsoleWindow::onLinkChanged() {
   }
   if (!link_.facts().open) {
     view_.clearPicture();
+    feed_.forget();
   }
   if (std::exchange(said_held_back_, heldBack()) != heldBack()) {
     onCaptured();
   }
+}
+
+std::string ConsoleWindow::blockedReason() const {
+  return closing_ ? "The window is being closed." : link_.blockedReason();
 }
 
 bool ConsoleWindow::heldBack() const {
@@ -179,6 +185,15 @@ void ConsoleWindow::onCaptured() {
   }
 }
 
+// Also when the window manager does it: the way out is shown wherever the lines that tell it are not.
+void ConsoleWindow::onFullscreen() {
+  status_.set_visible(!is_fullscreen());
+  if (auto action = lookup_action("fullscreen")) {
+    action->change_state(is_fullscreen());
+  }
+  onCaptured();
+}
+
 void ConsoleWindow::onOverlayTick() {
   if (figures_.get_visible()) {
     figures_.set_text(overlay_text_.compose({hostSessionStatistics(), feed_.changed(), view_.drawn(),
@@ -193,11 +208,10 @@ void ConsoleWindow::say(const std::string& line) {
 }
 
 bool ConsoleWindow::onClose() {
-  if (std::exchange(closing_, true)) {
-    return false;
+  if (closing_) {
+    return true;  // the first one is waiting below, and ends the window
   }
   if (upgrade_.running()) {
-    closing_ = false;
     say("The firmware is being upgraded; the window stays until that is done.");
     return true;
   }
@@ -205,6 +219,10 @@ bool ConsoleWindow::onClose() {
   input_.release();
   HostLinkStatistics before = hostLinkStatistics();
   input_.releaseEverything();
+  // From here on nothing goes down any more, although the loop below still serves the window.
+  closing_ = true;
+  body_.set_can_target(false);
+  link_.setTyping(true);  // what waits is to go out through this proxy
   // A new proxy would discard what waits: give the four releases the time of a healthy device.
   constexpr uint64_t kReleases = 4;
   constexpr std::chrono::milliseconds kPatience{400};

@@ -57,9 +57,12 @@ class ConsoleWindow : public Gtk::ApplicationWindow {
   void connect();
   bool onClose();
   void onLinkChanged();
+  // Why input is held back now, by the link or by the window; empty when it may be sent.
+  std::string blockedReason() const;
   // Picture and keyboard are there, but input may not be sent.
   bool heldBack() const;
   void onCaptured();
+  void onFullscreen();
   void onOverlayTick();
   void say(const std::string& line);
   void copyPicture();

@@ -1,12 +1,16 @@
 #include "apps/console/device_link.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace mirn {
 namespace {
 
 constexpr unsigned kLookEveryMs = 100;
+// After a failure, its number in a row times this, up to the last: who waits for a plug or for the end of another
+// program sees the picture at once, and a camera that is away for long is not asked all the time.
 constexpr std::chrono::milliseconds kPictureEvery{700};
+constexpr unsigned kLongestPicturePause = 3;
 
 }  // namespace
 
@@ -34,13 +38,16 @@ bool DeviceLink::tick() {
 }
 
 void DeviceLink::followPlugging(bool present) {
+  bool one_went = std::exchange(departures_, session_.departures()) != session_.departures();
   if (known_ && present == present_) {
+    if (present && one_went) {
+      followOneOfSeveral();
+    }
     return;
   }
   bool first = !std::exchange(known_, true);
   present_ = present;
-  picture_tried_.reset();
-  keyboard_pace_.reset();
+  tryAtOnce();
   if (!present) {
     if (!first) {
       closeAll();
@@ -49,6 +56,19 @@ void DeviceLink::followPlugging(bool present) {
   } else if (!first) {
     said_.emit("A Mirn was plugged in.");
   }
+}
+
+void DeviceLink::followOneOfSeveral() {
+  // Perhaps the one whose keyboard interface is open; its camera tells by itself.
+  ask_again_ = true;
+  tryAtOnce();
+  said_.emit("A Mirn was unplugged; another one is still there.");
+}
+
+void DeviceLink::tryAtOnce() {
+  picture_tried_.reset();
+  picture_failures_ = 0;
+  keyboard_pace_.reset();
 }
 
 void DeviceLink::closeAll() {
@@ -61,15 +81,17 @@ void DeviceLink::closeAll() {
 }
 
 void DeviceLink::keepPicture(Steady::time_point now) {
-  HostSessionStatistics picture = hostSessionStatistics();
-  bool runs = picture.open && picture.stopCode == 0;
-  if (runs || (picture_tried_ && now - *picture_tried_ < kPictureEvery)) {
+  if (session_.pictureRuns() ||
+      (picture_tried_ && now - *picture_tried_ < kPictureEvery * std::max(picture_failures_, 1U))) {
     return;
   }
   picture_tried_ = now;
+  picture_failures_ = std::min(picture_failures_ + 1, kLongestPicturePause);
   if (session_.openPicture()) {
+    picture_failures_ = 0;
     session_.setQuality(quality_);
     session_.setColor(best_color_);
+    ask_again_ = true;  // another one may have taken the place of the Mirn that had both
   }
 }
 
@@ -86,10 +108,17 @@ void DeviceLink::keepKeyboard(Steady::time_point now) {
     return;
   }
   bool broken = keyboardBroken();
-  if (!broken && info_) {
+  if (!broken && info_ && !ask_again_) {
     return;
   }
+  ask_again_ = false;
   askKeyboard(broken);
+  if (!info_ && !broken) {
+    // Nobody is behind this proxy any more. A new one is made at the next look.
+    hostReleaseProxy();
+    keyboard_gone_.emit();
+    return;
+  }
   // Asking may have taken seconds: the pause counts from its end.
   Steady::time_point end = Steady::now();
   if (info_) {
@@ -123,7 +152,8 @@ void DeviceLink::update(Steady::time_point now) {
   if (upgrading_) {
     blocked = "Input is held back while the firmware is upgraded.";
   } else {
-    blocked = compareTopology(hostHidTopologyPath(), hostCaptureTopologyPath()).reason;
+    // The place of a camera that doesn't run says nothing.
+    blocked = compareTopology(hostHidTopologyPath(), facts_.open ? hostCaptureTopologyPath() : "").reason;
   }
   if (blocked != blocked_) {
     blocked_ = blocked;
@@ -146,8 +176,7 @@ void DeviceLink::setColor(bool best) {
 
 void DeviceLink::reconnect() {
   closeAll();
-  picture_tried_.reset();
-  keyboard_pace_.reset();
+  tryAtOnce();
   tick();
 }
 

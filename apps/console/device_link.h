@@ -59,6 +59,8 @@ class DeviceLink {
 
   bool tick();
   void followPlugging(bool present);
+  void followOneOfSeveral();
+  void tryAtOnce();
   void keepPicture(Steady::time_point now);
   void keepKeyboard(Steady::time_point now);
   void askKeyboard(bool broken);
@@ -77,8 +79,11 @@ class DeviceLink {
   bool known_ = false;
   bool upgrading_ = false;
   bool typing_ = false;
+  bool ask_again_ = false;  // whether the keyboard interface still answers
   uint64_t failures_ = 0;
+  uint64_t departures_ = 0;
   std::optional<Steady::time_point> picture_tried_;
+  unsigned picture_failures_ = 0;  // in a row, as far as they count
   RetryPace keyboard_pace_;
   sigc::connection timer_;
   sigc::signal<void()> changed_;

@@ -49,6 +49,7 @@ InputController::InputController(Gtk::Window& window, PictureView& view, GatedIn
   connectKeyboard(window);
   connectPointer();
   window_.property_is_active().signal_changed().connect(sigc::mem_fun(*this, &InputController::onActive));
+  window_.property_focus_widget().signal_changed().connect(sigc::mem_fun(*this, &InputController::onFocus));
 }
 
 void InputController::connectKeyboard(Gtk::Window& window) {
@@ -119,17 +120,20 @@ void InputController::capture() {
     return;
   }
   captured_ = true;
+  recapture_ = false;
+  after_menu_ = false;
   view_.grab_focus();
   inhibitShortcuts(true);
   captured_changed_.emit();
 }
 
 void InputController::release() {
+  recapture_ = false;
+  after_menu_ = false;
   if (!captured_) {
     return;
   }
   captured_ = false;
-  recapture_ = false;
   releaseEverything();
   inhibitShortcuts(false);
   captured_changed_.emit();
@@ -159,6 +163,21 @@ void InputController::onActive() {
     recapture_ = true;
   } else {
     releaseEverything();
+  }
+}
+
+// What is typed belongs to the widget that shows the caret.
+void InputController::onFocus() {
+  Gtk::Widget* focus = window_.get_focus();
+  if (focus == &view_) {
+    if (std::exchange(after_menu_, false) && window_.is_active()) {
+      capture();
+    }
+  } else if (focus != nullptr && captured_) {
+    release();
+    GtkWidget* widget = focus->gobj();
+    after_menu_ = gtk_widget_get_ancestor(widget, GTK_TYPE_MENU_BUTTON) != nullptr ||
+                  gtk_widget_get_native(widget) != GTK_NATIVE(window_.gobj());
   }
 }
 
@@ -221,22 +240,29 @@ void InputController::onMotion(double x, double y) {
 // A pointer thrown out of the picture rests at the edge that it left over, however far away the last move inside was.
 void InputController::onLeave() {
   // GTK tells no place with the leaving; the pointer's own place now is beyond the edge.
+  if (auto place = pointerPlace()) {
+    onMotion(place->first, place->second);
+  }
+}
+
+std::optional<std::pair<double, double>> InputController::pointerPlace() {
   GdkSurface* surface = gtk_native_get_surface(GTK_NATIVE(window_.gobj()));
   GdkSeat* seat = surface == nullptr ? nullptr : gdk_display_get_default_seat(gdk_surface_get_display(surface));
   GdkDevice* device = seat == nullptr ? nullptr : gdk_seat_get_pointer(seat);
   double x = 0;
   double y = 0;
   if (device == nullptr) {
-    return;
+    return std::nullopt;
   }
   // The answer only says whether the pointer is still over the window; the place is given in both cases.
   gdk_surface_get_device_position(surface, device, &x, &y, nullptr);
   double surface_left = 0;
   double surface_top = 0;
   gtk_native_get_surface_transform(GTK_NATIVE(window_.gobj()), &surface_left, &surface_top);
-  if (window_.translate_coordinates(view_, x - surface_left, y - surface_top, x, y)) {
-    onMotion(x, y);
+  if (!window_.translate_coordinates(view_, x - surface_left, y - surface_top, x, y)) {
+    return std::nullopt;
   }
+  return std::pair(x, y);
 }
 
 void InputController::onButton(guint button, bool down, double x, double y) {
@@ -258,16 +284,21 @@ void InputController::onButton(guint button, bool down, double x, double y) {
 }
 
 bool InputController::onScroll(double /*dx*/, double dy) {
-  if (!view_.picture()) {
+  if (!window_.is_active() || !view_.picture()) {
     return false;
   }
+  release_alone_ = false;
+  // A notch comes without a place, and the last move may be of before the window was active.
+  auto under = pointerPlace();
+  PicturePoint place =
+      under ? view_.devicePosition(under->first, under->second) : PicturePoint{pointer_.x(), pointer_.y()};
   bool pixels = scroll_->get_unit() == Gdk::ScrollUnit::SURFACE;
   int notches = wheel_.add(pixels ? dy / kPixelsPerNotch : dy);
   for (int i = 0; i < (notches < 0 ? -notches : notches); ++i) {
-    input_.mouseWheel(pointer_.x(), pointer_.y(), notches < 0 ? -1 : 1);
+    input_.mouseWheel(place.x, place.y, notches < 0 ? -1 : 1);
   }
   if (notches != 0) {
-    pointer_.settledAt(pointer_.x(), pointer_.y());
+    pointer_.settledAt(place.x, place.y);
   }
   return true;
 }

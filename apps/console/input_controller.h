@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "apps/common/gated_input.h"
 #include "apps/common/held_keys.h"
@@ -17,9 +18,10 @@
 
 namespace mirn {
 
-// The keyboard is captured from a click into the picture until the release key is tapped alone or the window loses the
-// focus: then every key goes to the target and the desktop's shortcuts are inhibited. The pointer acts whenever it is
-// over the picture of an active window. Bound to the main thread; window and view must outlive it.
+// The keyboard is captured from a click into the picture until the release key is tapped alone, the window loses the
+// focus or another widget of it gets the focus: then every key goes to the target and the desktop's shortcuts are
+// inhibited. A menu only borrows the focus. The pointer acts whenever it is over the picture of an active window. Bound
+// to the main thread; window and view must outlive it.
 class InputController {
  public:
   InputController(Gtk::Window& window, PictureView& view, GatedInput& input);
@@ -50,9 +52,12 @@ class InputController {
   void onKeyReleased(guint keyval, guint keycode, Gdk::ModifierType state);
   void onMotion(double x, double y);
   void onLeave();
+  // Of the pointer now, in the view's coordinates, also outside it.
+  std::optional<std::pair<double, double>> pointerPlace();
   void onButton(guint button, bool down, double x, double y);
   bool onScroll(double dx, double dy);
   void onActive();
+  void onFocus();
   void inhibitShortcuts(bool inhibit);
   void scheduleRest();
   bool onRest();
@@ -68,7 +73,8 @@ class InputController {
   const char* release_label_ = "";
   bool release_alone_ = false;
   bool captured_ = false;
-  bool recapture_ = false;
+  bool recapture_ = false;   // when the window is active again
+  bool after_menu_ = false;  // when a menu gives the focus back
   bool pasting_ = false;
   unsigned buttons_ = 0;  // bit n: button n is down
   sigc::connection rest_;

@@ -15,6 +15,7 @@ struct PictureFeed::Shared {
   std::atomic<uint64_t> pictures{0};
   std::atomic<uint64_t> changed_pictures{0};
   PictureChange change;  // raster thread alone
+  std::atomic<bool> forget{false};
 
   Mutex mutex;
   PixelBufferRef newest MIRN_GUARDED_BY(mutex);
@@ -28,6 +29,9 @@ struct PictureFeed::Shared {
 
 void PictureFeed::Shared::look(const std::shared_ptr<Shared>& self, const PixelBufferRef& picture) {
   pictures.fetch_add(1, std::memory_order_relaxed);
+  if (forget.exchange(false, std::memory_order_relaxed)) {
+    change.forget();
+  }
   std::optional<ChangedRows> now = change.changed(picture);
   if (!now) {
     return;
@@ -84,6 +88,12 @@ PictureFeed::~PictureFeed() {
 
 InputEcho& PictureFeed::echo() {
   return shared_->echo;
+}
+
+void PictureFeed::forget() {
+  shared_->forget.store(true, std::memory_order_relaxed);
+  MutexGuard guard(shared_->mutex);
+  shared_->newest = PixelBufferRef();
 }
 
 uint64_t PictureFeed::pictures() const {

@@ -23,6 +23,9 @@ class PictureFeed {
   PictureFeed& operator=(const PictureFeed&) = delete;
 
   InputEcho& echo();
+  // The next picture counts as changed as a whole, whatever came before it: what was shown is shown no more.
+  void forget();
+
   uint64_t pictures() const;  // seen on the raster thread
   uint64_t changed() const;   // of these, those that differed
 

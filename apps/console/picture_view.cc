@@ -43,7 +43,9 @@ void PictureView::onUnrealize() {
 }
 
 void PictureView::setPicture(const PixelBufferRef& picture, const ChangedRows& rows) {
-  if (upload_) {
+  if (!picture_) {
+    pending_ = {0, picture->height() - 1};  // of what was there before nothing is left
+  } else if (upload_) {
     pending_ = {std::min(pending_.first, rows.first), std::max(pending_.last, rows.last)};
   } else {
     pending_ = rows;

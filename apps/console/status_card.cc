@@ -15,6 +15,7 @@ StatusCard::StatusCard() : Gtk::Box(Gtk::Orientation::VERTICAL) {
   text_.set_justify(Gtk::Justification::CENTER);
   reconnect_.set_action_name("win.reconnect");
   reconnect_.set_halign(Gtk::Align::CENTER);
+  reconnect_.set_focus_on_click(false);  // it stands over the picture, which keeps the keyboard
   append(title_);
   append(text_);
   append(reconnect_);

@@ -126,6 +126,10 @@ std::string Steering::look(const std::string& command, const std::string& rest) 
   if (command == "sent") {
     return dump(sentAfter(world_.mirn(), std::strtoull(rest.c_str(), nullptr, 10)));
   }
+  if (command == "typed") {
+    size_t index = std::strtoull(rest.c_str(), nullptr, 10) - 1;
+    return dump({{"text", index < world_.setup().size() ? world_.target(index).text() : ""}});
+  }
   if (command == "where") {
     return dump(placeJson(findLabel(rest)));
   }
@@ -152,6 +156,27 @@ std::string Steering::answer(const std::string& line) {
   return seen.empty() ? act(line) : seen;
 }
 
+// What happens to a stick; `number` counts from 1.
+bool Steering::happen(const std::string& event, size_t number) {
+  size_t index = number - 1;
+  if (index >= world_.setup().size()) {
+    return false;
+  }
+  VirtualCaptureDevice& camera = world_.setup().camera(index);
+  if (event == "unplug") {
+    world_.unplug(index);
+  } else if (event == "plug") {
+    world_.replug(index);
+  } else if (event == "busy" || event == "free") {
+    camera.setBusy(event == "busy");
+  } else if (event == "deny" || event == "allow") {
+    camera.setDenied(event == "deny");
+  } else {
+    return false;
+  }
+  return true;
+}
+
 std::string Steering::act(const std::string& line) {
   std::istringstream words(line);
   std::string command;
@@ -159,10 +184,11 @@ std::string Steering::act(const std::string& line) {
   std::string second;
   words >> command >> first >> second;
   Json done = {{"ok", true}};
-  if (command == "unplug") {
-    world_.unplug();
-  } else if (command == "plug") {
-    world_.replug();
+  if (happen(command, first.empty() ? 1 : std::strtoull(first.c_str(), nullptr, 10))) {
+    return dump(done);
+  }
+  if (command == "meanwhile") {
+    Glib::signal_idle().connect_once([this, later = line.substr(line.find(' ') + 1)] { act(later); });
   } else if (command == "paste") {
     window_.pasteText(fromHex(first));
   } else if (command == "type") {
@@ -179,6 +205,8 @@ std::string Steering::act(const std::string& line) {
     } else {
       window_.activate_action("win." + first, Glib::Variant<Glib::ustring>::create(second));
     }
+  } else if (command == "fullscreen") {
+    first == "on" ? window_.fullscreen() : window_.unfullscreen();
   } else if (command == "resize") {
     window_.set_default_size(std::stoi(first), std::stoi(second));
   } else if (command == "screenshot") {
@@ -188,10 +216,19 @@ std::string Steering::act(const std::string& line) {
     window_.close();
     done.update(sentAfter(world_.mirn(), before));
     done["held"] = heldOn(world_.mirn());
+    done["said"] = window_.said();
   } else {
     done = {{"ok", false}};
   }
   return dump(done);
+}
+
+bool Steering::ticked(const char* action) const {
+  bool on = false;
+  if (auto switch_action = std::dynamic_pointer_cast<Gio::SimpleAction>(window_.lookup_action(action))) {
+    switch_action->get_state(on);
+  }
+  return on;
 }
 
 std::string Steering::state() {
@@ -218,6 +255,8 @@ std::string Steering::state() {
                 {"blocked", window_.link().blockedReason()},
                 {"captured", window_.input().captured()},
                 {"active", window_.is_active()},
+                {"fullscreen", window_.is_fullscreen()},
+                {"fullscreen_ticked", ticked("fullscreen")},
                 {"info", window_.link().info().has_value()},
                 {"said", window_.said()},
                 {"picture", {window_.view().pictureWidth(), window_.view().pictureHeight()}},

@@ -1,15 +1,21 @@
 // Steering of a virtual console from outside: one command a line on standard input, one line of JSON for each on the
 // real standard output. For tests and demonstrations; it acts on the virtual device and reads the window's state.
 //
-//   unplug | plug            the virtual Mirn's plug
+//   unplug [N] | plug [N]    the plug of the virtual Mirn number N, from 1; without a number the first one's
+//   busy [N] | free [N]      another program holds its camera, or lets it go;  deny [N] | allow [N]  the user may not,
+//                            or may, open it
+//   meanwhile COMMAND        carries the command out when the window is idle next, also while another command waits
 //   state                    target text, held keys, pointer, placement, condition, ...
 //   paste TEXT-IN-HEX        opens the typing dialog with a text
 //   type                     presses its "Type" button;  cancel  its "Cancel"
 //   upgrade FILE             opens the upgrade dialog with a file;  start  presses its button
 //   action NAME [TARGET]     activates a menu entry, e.g. "action quality 720P"
+//   fullscreen on|off        full screen without the window's own menu, as by the window manager
 //   resize WIDTH HEIGHT      of the window, logical pixels
 //   screenshot               saves one; says where
-//   close                    closes the window; what the device took and holds after that
+//   close                    closes the window; what the device took and holds after that, and
+//                            the window's last words
+//   typed N                  what was typed into the target of the Mirn number N
 //   sent N                   what the device took after its first N records, one word each
 //   where TEXT | field TEXT  the shown label TEXT, or the field it names: window, place, text
 //   texts                    all texts shown
@@ -40,6 +46,8 @@ class Steering {
   std::string answer(const std::string& line);
   std::string look(const std::string& command, const std::string& rest);  // empty: not a question
   std::string act(const std::string& line);
+  bool happen(const std::string& event, size_t number);
+  bool ticked(const char* action) const;
   std::string state();
 
   ConsoleWindow& window_;

@@ -21,8 +21,8 @@ void ConsoleWindow::addActions() {
   add_action("capture", [this] { input_.captured() ? input_.release() : input_.capture(); });
   add_action_with_parameter("chord", Glib::VARIANT_TYPE_STRING, [this](const Glib::VariantBase& target) {
     auto keys = Glib::VariantBase::cast_dynamic<Glib::Variant<Glib::ustring>>(target).get();
-    if (!link_.blockedReason().empty()) {
-      say(link_.blockedReason());
+    if (std::string reason = blockedReason(); !reason.empty()) {
+      say(reason);
     } else if (paste_.running()) {
       say("A text is being typed: no other keys go out until that is done.");
     } else {
@@ -85,13 +85,9 @@ void ConsoleWindow::addSwitches() {
                          view_.setScaling(settings_.scaling);
                        }),
                   settings_.scaling == Scaling::kFill);
-  add_action_bool("fullscreen",
-                  flip("fullscreen",
-                       [this](bool on) {
-                         on ? fullscreen() : unfullscreen();
-                         onCaptured();
-                       }),
-                  false);
+  // The tick follows the window, which follows the window manager.
+  add_action_bool(
+      "fullscreen", [this] { is_fullscreen() ? unfullscreen() : fullscreen(); }, false);
 }
 
 void ConsoleWindow::addPictureActions() {

@@ -102,6 +102,12 @@ class Console:
             raise Failure("the console ended: " + open(self.log.name, encoding="utf-8").read()[-2000:])
         return json.loads(answer)
 
+    def say_all(self, *lines):
+        """Several commands in one go: between them nothing else happens in the console."""
+        self.process.stdin.write("".join(line + "\n" for line in lines))
+        self.process.stdin.flush()
+        return [json.loads(self.process.stdout.readline()) for _ in lines]
+
     def state(self):
         return self.say("state")
 
@@ -116,9 +122,17 @@ class Console:
                 raise Failure("%s did not happen within %d s; the state is %s" % (what, seconds, json.dumps(state)))
             time.sleep(0.05)  # between two questions, not to let anything settle
 
-    def ready(self, condition="fine"):
+    def ready(self, condition="fine", apart_from=None):
         state = self.wait("the condition " + condition, lambda s: s["condition"] == condition)
-        found = self.desktop.xdotool("search", "--sync", "--onlyvisible", "--name", "Mirn Console").split()
+        found = []
+
+        def shown(_):
+            nonlocal found
+            found = self.desktop.xdotool("search", "--sync", "--onlyvisible", "--name", "Mirn Console").split()
+            found = [window for window in found if window != apart_from]
+            return found
+
+        self.wait("the window", shown)
         self.window = found[-1]
         self.desktop.xdotool("windowactivate", "--sync", self.window)
         self.wait("the window's activation", lambda s: s["active"])
