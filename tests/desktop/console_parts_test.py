@@ -89,6 +89,30 @@ def test_an_upgrade_starts_with_nothing_held(desktop):
     desktop.xdotool("keyup", "a")
 
 
+def test_an_upgrade_is_broken_off_at_a_refused_chunk(desktop):
+    console = Console(desktop, PROGRAM, "--virtual-faults", "refuse@3/c7")
+    console.ready()
+    console.say("upgrade " + firmware(desktop.folder, "2.5.0"))
+    console.say("start")
+    state = console.wait("the result", lambda s: not s["upgrading"] and s["upgrade"] and s["info"], 120)
+    expect(state["upgrade"].startswith("The device refused chunk 3 of 59 or didn't answer it ("), state["upgrade"])
+    expect("It answers with version 1.0.0. Start it again." in state["upgrade"], state["upgrade"])
+    keep(desktop, "upgrade_refused_chunk", console, "Firmware upgrade")
+
+
+def test_an_upgrade_without_an_answer_afterwards_claims_nothing(desktop):
+    # After the start's handshake the device answers none any more.
+    console = Console(desktop, PROGRAM, "--virtual-faults", "refuse@3/c7;drop@2+/c1")
+    console.ready()
+    console.say("upgrade " + firmware(desktop.folder, "2.5.0"))
+    console.say("start")
+    console.wait_text("The device took 2 of 59 chunks and no more, so the upgrade is broken off. "
+                      "Waiting for it to answer with its version.")
+    state = console.wait("the result", lambda s: not s["upgrading"] and s["upgrade"], 120)
+    expect(state["upgrade"].startswith("The device took 2 of 59 chunks, but it doesn't answer any more."),
+           state["upgrade"])
+
+
 def test_buttons_wheel_and_drag(desktop):
     console = Console(desktop, PROGRAM)
     state = console.ready()
