@@ -28,8 +28,12 @@ uint64_t AnsweredInput::refused() const {
 }
 
 bool AnsweredInput::waitUntilUnanswered(uint64_t most, const std::function<bool()>& ended) {
-  while (!ended()) {
+  for (;;) {
+    // In this order: a refusal among the answers seen is not overlooked.
     uint64_t seen = answered();
+    if (ended()) {
+      return false;
+    }
     if (expected_ <= seen - first_answered_ + most) {
       return true;
     }
@@ -37,7 +41,6 @@ bool AnsweredInput::waitUntilUnanswered(uint64_t most, const std::function<bool(
       return false;
     }
   }
-  return false;
 }
 
 bool AnsweredInput::mayGoOn() {

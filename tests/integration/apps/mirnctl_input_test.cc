@@ -1,14 +1,16 @@
 // What mirnctl's commands do to the target's keyboard and pointer besides what they are told.
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
-#include <variant>
 
-#include "apps/mirnctl/commands.h"
+#include "apps/common/key_position.h"
+#include "apps/mirnctl/answer_wait.h"
 #include "device/hard_key_mouse.h"
+#include "device/key_tables.h"
 #include "platform/mirn_identity.h"
+#include "tests/integration/apps/mirnctl_fixture.h"
 
 namespace mirn {
 namespace {
@@ -16,47 +18,14 @@ namespace {
 using testing::Each;
 using testing::IsEmpty;
 
-// A process has one virtual device, so all commands of a case share one context, each with a new proxy as in a process
-// of its own.
-class MirnctlInputTest : public testing::Test {
+class MirnctlInputTest : public MirnctlFixture {
  protected:
-  static Context& context() {
-    static Context* const context = [] {
-      GlobalOptions options;
-      options.use_virtual = true;
-      int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-      auto* made = new Context(options, null, null);
-      EXPECT_FALSE(made->prepare());
-      return made;
-    }();
-    return *context;
-  }
-
-  MirnctlInputTest() { context(); }
-
-  static VirtualMirn& device() { return context().world()->mirn(); }
-
   // Positions of the pointer records that a command brings; its exit status is 0.
-  static std::vector<std::string> pointerRecordsOf(const std::string& line) {
-    hostReleaseProxy();
-    uint64_t before = device().receivedCount();
-    CLI::App app;
-    ChosenCommand chosen;
-    addInfoCommand(app, chosen);
-    addSetNameCommand(app, chosen);
-    addLedCommand(app, chosen);
-    addKeyCommand(app, chosen);
-    addTypeCommand(app, chosen);
-    addMouseCommand(app, chosen);
-    addLatencyCommand(app, chosen);
-    addUpgradeCommand(app, chosen);
-    app.parse(line);
-    EXPECT_EQ(chosen(context()), 0) << line;
+  std::vector<std::string> pointerRecordsOf(const std::string& line) {
+    EXPECT_EQ(run(line), 0) << line;
     std::vector<std::string> positions;
-    for (const VirtualReceived& received : device().receivedAfter(before)) {
-      if (const auto* mouse = std::get_if<VirtualMouse>(&received.record)) {
-        positions.push_back(std::to_string(mouse->x) + "," + std::to_string(mouse->y));
-      }
+    for (const VirtualMouse& mouse : pointerRecords()) {
+      positions.push_back(std::to_string(mouse.x) + "," + std::to_string(mouse.y));
     }
     return positions;
   }
@@ -95,6 +64,69 @@ TEST_F(MirnctlInputTest, WhatACrashLeftHeldIsLetGo) {
   EXPECT_EQ(device().input().buttons, 1) << "a button's release would move the pointer";
   pointerRecordsOf("mouse move 5 6");
   EXPECT_EQ(device().input().buttons, 0);
+}
+
+TEST_F(MirnctlInputTest, TheReleaseIsOutBeforeACommandEnds) {
+  for (const char* line : {"info", "led get", "led set 1", "set-name Desk"}) {
+    setFaults("delay=150@1/c3");
+    EXPECT_EQ(run(line), 0) << line;
+    EXPECT_TRUE(context().session().releasesAnswered()) << line;
+  }
+}
+
+TEST_F(MirnctlInputTest, AButtonWhoseReleaseIsLostIsLetGoAgain) {
+  // Three releases, the move, the press, its release.
+  setFaults("lose@6/c2");
+  EXPECT_EQ(run("mouse click 300 400"), kExitDevice);
+  EXPECT_EQ(said(), "mirnctl: The Mirn refused a pointer command or didn't answer.\n");
+  EXPECT_EQ(device().input().buttons, 0);
+  for (const VirtualMouse& mouse : pointerRecords()) {
+    EXPECT_TRUE(mouse.x == 300 && mouse.y == 400) << mouse.x << "," << mouse.y;
+  }
+}
+
+TEST_F(MirnctlInputTest, AKeyWhoseReleaseIsLostIsLetGoAgain) {
+  // The connection's release, the press, its release.
+  setFaults("lose@3/c3");
+  EXPECT_EQ(run("key a"), kExitDevice);
+  EXPECT_EQ(said(), "mirnctl: The Mirn refused a key or didn't answer.\n");
+  EXPECT_EQ(device().input().keys, (std::array<uint8_t, 6>{}));
+  EXPECT_TRUE(pointerRecords().empty());
+}
+
+TEST_F(MirnctlInputTest, AfterARefusalNoMoreIsPlayedThanWhatWasOnItsWay) {
+  setFaults("refuse@5/c2");
+  EXPECT_EQ(run("mouse wheel 1000"), kExitDevice);
+  // The refused one, those sent meanwhile, and the three releases at the end.
+  EXPECT_LE(pointerRecords().size(), 5 + AnsweredInput::kInFlight + 3);
+}
+
+TEST_F(MirnctlInputTest, AReleaseThatIsNotTakenIsSaid) {
+  setFaults("refuse@3+/c3");
+  EXPECT_EQ(run("key a b"), kExitDevice);
+  EXPECT_EQ(said(),
+            "mirnctl: The Mirn refused a key or didn't answer. The device didn't confirm that everything is let go.\n");
+}
+
+TEST_F(MirnctlInputTest, KeysAreTakenWhereTheDeviceHasThem) {
+  for (int code = 1; code <= 255; ++code) {
+    bool known = modifierBit(code) != 0 || std::any_of(kKeyUsages.begin(), kKeyUsages.end(),
+                                                       [&](const KeyUsage& key) { return key.code == code; });
+    EXPECT_EQ(deviceHasKey(code), known) << code;
+  }
+}
+
+TEST_F(MirnctlInputTest, EveryCharacterThatCanBeTypedArrivesAsItself) {
+  std::string text;
+  for (char character = ' '; character <= '~'; ++character) {
+    text += character;
+    if (character % 32 == 31) {
+      text += '\n';
+    }
+  }
+  target().reset();
+  EXPECT_EQ(runWords({"type", "\t" + text}), 0);
+  EXPECT_EQ(target().text(), "    " + text) << "the target's tab stops are four columns apart";
 }
 
 }  // namespace

@@ -25,6 +25,17 @@ TEST(MainLoop, GivesUpAfterItsTime) {
   EXPECT_GE(std::chrono::steady_clock::now() - began, 20ms);
 }
 
+TEST(MainLoop, LooksAgainAsRarelyAsItIsAsked) {
+  int looks = 0;
+  auto never = [&looks] {
+    ++looks;
+    return false;
+  };
+  EXPECT_FALSE(runLoopUntil(never, 200ms, 50ms));
+  EXPECT_GE(looks, 2) << "at the beginning and at the end";
+  EXPECT_LE(looks, 200 / 50 + 3) << "nothing else wakes the loop";
+}
+
 TEST(MainLoop, SeesWhatAnotherThreadHasDone) {
   std::atomic<bool> done{false};
   std::thread other([&done] { done = true; });
