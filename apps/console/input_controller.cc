@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "apps/common/key_position.h"
+#include "apps/console/desktop_focus.h"
 
 namespace mirn {
 namespace {
@@ -50,6 +51,11 @@ InputController::InputController(Gtk::Window& window, PictureView& view, GatedIn
   connectPointer();
   window_.property_is_active().signal_changed().connect(sigc::mem_fun(*this, &InputController::onActive));
   window_.property_focus_widget().signal_changed().connect(sigc::mem_fun(*this, &InputController::onFocus));
+}
+
+InputController::~InputController() {
+  rest_.disconnect();
+  focus_watch_.disconnect();
 }
 
 void InputController::connectKeyboard(Gtk::Window& window) {
@@ -124,6 +130,9 @@ void InputController::capture() {
   after_menu_ = false;
   view_.grab_focus();
   inhibitShortcuts(true);
+  focus_seen_ = false;
+  constexpr unsigned kWatchEveryMs = 100;
+  focus_watch_ = Glib::signal_timeout().connect(sigc::mem_fun(*this, &InputController::watchFocus), kWatchEveryMs);
   captured_changed_.emit();
 }
 
@@ -134,6 +143,7 @@ void InputController::release() {
     return;
   }
   captured_ = false;
+  focus_watch_.disconnect();
   releaseEverything();
   inhibitShortcuts(false);
   captured_changed_.emit();
@@ -159,11 +169,25 @@ void InputController::onActive() {
     return;
   }
   if (captured_) {
-    release();
-    recapture_ = true;
+    loseFocus();
   } else {
     releaseEverything();
   }
+}
+
+void InputController::loseFocus() {
+  release();
+  recapture_ = true;
+}
+
+bool InputController::watchFocus() {
+  bool here = hasDesktopFocus(window_);
+  if (!here && focus_seen_) {
+    loseFocus();
+    return false;
+  }
+  focus_seen_ = focus_seen_ || here;
+  return true;
 }
 
 // What is typed belongs to the widget that shows the caret.
@@ -202,6 +226,9 @@ void InputController::forgetHeld() {
 bool InputController::onKeyPressed(guint /*keyval*/, guint keycode, Gdk::ModifierType /*state*/) {
   if (!captured_) {
     return false;
+  }
+  if (!watchFocus()) {
+    return true;  // this key was another window's already
   }
   release_alone_ = keycode == release_code_;
   const KeyPosition* key = keyByHardwareCode(keycode);

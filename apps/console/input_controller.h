@@ -25,6 +25,9 @@ namespace mirn {
 class InputController {
  public:
   InputController(Gtk::Window& window, PictureView& view, GatedInput& input);
+  ~InputController();
+  InputController(const InputController&) = delete;
+  InputController& operator=(const InputController&) = delete;
 
   bool captured() const { return captured_; }
   void capture();
@@ -58,6 +61,8 @@ class InputController {
   bool onScroll(double dx, double dy);
   void onActive();
   void onFocus();
+  bool watchFocus();
+  void loseFocus();
   void inhibitShortcuts(bool inhibit);
   void scheduleRest();
   bool onRest();
@@ -73,11 +78,13 @@ class InputController {
   const char* release_label_ = "";
   bool release_alone_ = false;
   bool captured_ = false;
+  bool focus_seen_ = false;  // the desktop gave it since the capture: a click may come before the focus does
   bool recapture_ = false;   // when the window is active again
   bool after_menu_ = false;  // when a menu gives the focus back
   bool pasting_ = false;
   unsigned buttons_ = 0;  // bit n: button n is down
   sigc::connection rest_;
+  sigc::connection focus_watch_;  // while captured
   sigc::signal<void()> captured_changed_;
   sigc::signal<void()> releasing_;
   sigc::signal<void(std::string)> said_;

@@ -105,6 +105,28 @@ def test_full_screen_shows_the_way_out(desktop):
     expect(hints(console) == 0, "no hint while the keyboard is here")
 
 
+def test_another_window_takes_the_keyboard(desktop):
+    console = Console(desktop, PROGRAM)
+    console.ready()
+    other = Console(desktop, PROGRAM)
+    other.ready(apart_from=console.window)
+    desktop.xdotool("windowactivate", "--sync", console.window)
+    console.wait("the focus", lambda s: s["active"])
+    console.click(300, 300)
+    desktop.xdotool("keydown", "a")
+    console.wait("a held key", lambda s: 4 in s["keys"])
+    typed = console.state()["text"]
+    desktop.xdotool("windowactivate", "--sync", other.window)
+    desktop.xdotool("keyup", "a", "key", "b")
+    console.wait("the loss of the keyboard", lambda s: not s["captured"] and holds_nothing(s))
+    other.wait("the focus there", lambda s: s["active"])
+    desktop.xdotool("type", "secret")
+    now = console.state()["text"]
+    expect(now.replace("a", "") == typed.replace("a", ""), "the target got '%s'" % now)
+    desktop.xdotool("windowactivate", "--sync", console.window)
+    console.wait("the keyboard again", lambda s: s["captured"])
+
+
 def test_typing_into_a_field_of_the_console_stays_here(desktop):
     console = Console(desktop, PROGRAM)
     console.ready()
