@@ -120,7 +120,7 @@ class hard_key_mouse : public CReference {
   std::string fw_detail MIRN_GUARDED_BY(text_mutex_);
   std::string fw_version MIRN_GUARDED_BY(text_mutex_);
 
-  std::atomic<uint8_t> last_buttons{0};
+  uint8_t last_buttons = 0;  // of send_new_mouse_logic_abs_mouse alone, which is bound to one thread
   std::atomic<bool> moves_cut_{false};
 };
 

@@ -93,9 +93,13 @@ bool readEvery(std::string_view step_text, Fault* fault) {
 }
 
 bool readRange(std::string_view text, Fault* fault) {
+  std::string_view range_text;
+  std::string_view step_text;
+  const bool stepped = cut(text, '/', &range_text, &step_text);
+  const std::optional<uint64_t> step = stepped ? readNumber(step_text) : 1;
   std::string_view first_text;
   std::string_view last_text;
-  const bool range = cut(text, '-', &first_text, &last_text);
+  const bool range = cut(range_text, '-', &first_text, &last_text);
   const bool open = !range && first_text.ends_with('+');
   if (open) {
     first_text.remove_suffix(1);
@@ -105,8 +109,12 @@ bool readRange(std::string_view text, Fault* fault) {
   if (!first || !last || *first == 0 || *last < *first) {
     return false;
   }
+  if (!step || *step == 0 || (stepped && !range && !open)) {
+    return false;
+  }
   fault->first = *first;
   fault->last = open ? kForever : *last;
+  fault->step = *step;
   return true;
 }
 
@@ -178,14 +186,15 @@ bool readFault(std::string_view text, Fault* fault, std::string* error) {
 }
 
 void appendWhen(const Fault& fault, std::string* text) {
+  const std::string step = fault.step == 1 ? "" : "/" + std::to_string(fault.step);
   if (fault.last == kForever && fault.step == fault.first) {
-    *text += fault.step == 1 ? std::string("*") : "*/" + std::to_string(fault.step);
+    *text += "*" + step;
   } else if (fault.last == kForever) {
-    *text += std::to_string(fault.first) + "+";
+    *text += std::to_string(fault.first) + "+" + step;
   } else if (fault.first == fault.last) {
     *text += std::to_string(fault.first);
   } else {
-    *text += std::to_string(fault.first) + "-" + std::to_string(fault.last);
+    *text += std::to_string(fault.first) + "-" + std::to_string(fault.last) + step;
   }
   if (fault.command >= 0) {
     *text += "/c" + std::to_string(fault.command);

@@ -20,7 +20,7 @@
 //   unplug-after@12     the device is gone after the request and before the answer
 //
 //   WHEN: N | N-M | N+ | */N | *      exchanges count from 1; with /c3 only the exchanges of command 3 count and are
-//   hit
+//   hit; N-M/S and N+/S are every S-th from N on
 #pragma once
 
 #include <cstddef>

@@ -239,9 +239,9 @@ std::string MirnState::nextVersion() const {
     return marked;
   }
   const size_t digits = version.find_last_not_of("0123456789") + 1;  // npos + 1 = 0: all digits
-  uint32_t last = 0;
+  uint64_t last = 0;
   std::from_chars(version.data() + digits, version.data() + version.size(), last);
-  return version.substr(0, digits) + std::to_string(last + 1);
+  return (version.substr(0, digits) + std::to_string(last + 1)).substr(0, kVersionBytes);
 }
 
 std::vector<uint8_t> MirnState::carryOut(const VirtualGetInfo& /*request*/) {

@@ -62,9 +62,11 @@ VirtualWriteResult MirnState::hostWrite(std::span<const uint8_t> report, Nanosec
     return VirtualWriteResult::kGone;
   }
   // A bus that hands a frame over in pieces: they all belong to the exchange that its first piece began.
-  const bool continued = parser_.inFrame() && !report.empty() && report[0] != kFrameHead;
+  const bool under_way = parser_.inFrame() || lost_.inFrame();
+  const bool continued = under_way && !report.empty() && report[0] != kFrameHead;
   if (!continued) {
     ++counters_.writes;
+    lost_.reset();
     verdict_ = judge(commandOf(report));
   }
   if (verdict_.unplug) {
@@ -72,18 +74,30 @@ VirtualWriteResult MirnState::hostWrite(std::span<const uint8_t> report, Nanosec
     return VirtualWriteResult::kGone;
   }
   if (verdict_.write_error) {
+    followLost(report);
     return VirtualWriteResult::kError;
   }
   if (verdict_.stall > Nanoseconds::zero()) {
     stalled_until_ = std::max(stalled_until_, now + verdict_.stall);
   }
-  if (!verdict_.lose) {
+  if (verdict_.lose) {
+    followLost(report);
+  } else {
     takePieces(report, now);
   }
-  if (verdict_.unplug_after && !parser_.inFrame()) {
+  if (verdict_.unplug_after && !parser_.inFrame() && !lost_.inFrame()) {
     unplug();
   }
   return VirtualWriteResult::kAccepted;
+}
+
+void MirnState::followLost(std::span<const uint8_t> report) {
+  if (!lost_.inFrame() && (report.empty() || report[0] != kFrameHead)) {
+    return;
+  }
+  for (const uint8_t byte : report) {
+    lost_.take(byte);
+  }
 }
 
 ExchangeVerdict MirnState::judge(uint8_t command) {
@@ -282,6 +296,7 @@ void MirnState::unplug() {
   }
   plugged = false;
   parser_.reset();
+  lost_.reset();
   verdict_ = {};
   reports.clear();
   last_due_ = {};

@@ -83,6 +83,7 @@ class MirnState {
   // The reception of one write.
   ExchangeVerdict judge(uint8_t command);
   void apply(const Fault& fault, ExchangeVerdict* verdict);
+  void followLost(std::span<const uint8_t> report);
   void takePieces(std::span<const uint8_t> report, Nanoseconds now);
   void takeFrame(const WireFrame& frame, Nanoseconds now);
   void takeRawReport(std::span<const uint8_t> report, Nanoseconds now);
@@ -115,6 +116,7 @@ class MirnState {
 
   const VirtualMirnSettings& settings_;
   WireParser parser_;
+  WireParser lost_;          // follows a frame that never arrives, to tell its later pieces from a new exchange
   ExchangeVerdict verdict_;  // of the exchange underway
   std::mt19937 random_;
   Nanoseconds last_due_{};

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <cwchar>
 #include <deque>
+#include <iterator>
 #include <utility>
 
 #include "deps/pellum/thread_annotations.h"
@@ -28,6 +29,9 @@ struct Handle {
 struct Device {
   std::shared_ptr<VirtualMirn> mirn;
   uint64_t listener = 0;
+  // Of this plugging; made, but not on the cable yet.
+  std::deque<VirtualReport> coming{};
+  uint64_t generation = 0;
 };
 
 bool sameText(const wchar_t* wide, const std::string& narrow) {
@@ -48,8 +52,8 @@ struct VirtualHid::State {
   bool denied MIRN_GUARDED_BY(mutex) = false;
 
   // The first device, in the order of adding, that is plugged in and has the identifiers.
-  const Device* first(unsigned short vendor, unsigned short product, const wchar_t* serial) const MIRN_REQUIRES(mutex) {
-    for (const Device& device : devices) {
+  Device* first(unsigned short vendor, unsigned short product, const wchar_t* serial) MIRN_REQUIRES(mutex) {
+    for (Device& device : devices) {
       const VirtualMirn& mirn = *device.mirn;
       if (mirn.plugged() && mirn.vendorId() == vendor && mirn.productId() == product &&
           (serial == nullptr || sameText(serial, mirn.serial()))) {
@@ -65,16 +69,27 @@ struct VirtualHid::State {
     return found != handles.end() ? found->get() : nullptr;
   }
 
-  // Hands what the device has made to every handle on it.
-  void distribute(VirtualMirn& device) MIRN_REQUIRES(mutex) {
-    const std::vector<VirtualReport> reports = device.takeReports();
-    for (const auto& handle : handles) {
-      if (handle->device.get() != &device || handle->gone()) {
-        continue;
+  // Null when the device has been removed.
+  Device* deviceOf(const VirtualMirn& mirn) MIRN_REQUIRES(mutex) {
+    const auto found = std::ranges::find(devices, &mirn, [](const Device& device) { return device.mirn.get(); });
+    return found != devices.end() ? &*found : nullptr;
+  }
+
+  // Hands what the device has said by `now` to every handle on it. What is due later reaches a handle that is opened
+  // until then, too, as on a real bus.
+  void distribute(Device& device, Clock::Duration now) MIRN_REQUIRES(mutex) {
+    const uint64_t generation = device.mirn->generation();
+    if (!device.mirn->plugged() || device.generation != generation) {
+      device.coming.clear();
+      device.generation = generation;
+    }
+    std::ranges::move(device.mirn->takeReports(), std::back_inserter(device.coming));
+    for (; !device.coming.empty() && device.coming.front().due <= now; device.coming.pop_front()) {
+      for (const auto& handle : handles) {
+        if (handle->device == device.mirn && !handle->gone() && handle->unread.size() < kKeptReports) {
+          handle->unread.push_back(device.coming.front());
+        }
       }
-      const size_t room = kKeptReports - std::min(kKeptReports, handle->unread.size());
-      handle->unread.insert(handle->unread.end(), reports.begin(),
-                            reports.begin() + static_cast<std::ptrdiff_t>(std::min(room, reports.size())));
     }
   }
 };
@@ -95,11 +110,11 @@ struct VirtualHidCalls {
   static hid_device* open(unsigned short vendor, unsigned short product, const wchar_t* serial) {
     State& hid = state();
     const MutexGuard guard(hid.mutex);
-    const Device* const device = hid.first(vendor, product, serial);
+    Device* const device = hid.first(vendor, product, serial);
     if (device == nullptr || hid.denied) {
       return nullptr;
     }
-    hid.distribute(*device->mirn);
+    hid.distribute(*device, clock().now());
     hid.handles.push_back(std::make_unique<Handle>(Handle{device->mirn, device->mirn->generation(), {}}));
     return reinterpret_cast<hid_device*>(hid.handles.back().get());
   }
@@ -120,8 +135,10 @@ struct VirtualHidCalls {
       return -1;
     }
     const MutexGuard guard(hid.mutex);
-    hid.distribute(*mirn);
-    hid.changed.notify_all();
+    if (Device* const known = hid.deviceOf(*mirn)) {
+      hid.distribute(*known, clock().now());
+    }
+    hid.changed.notify_all();  // readers wait for what is due next
     return static_cast<int>(length);
   }
 
@@ -134,17 +151,20 @@ struct VirtualHidCalls {
       if (handle == nullptr || handle->gone()) {
         return -1;
       }
-      hid.distribute(*handle->device);
+      Device* const known = hid.deviceOf(*handle->device);
+      if (known == nullptr) {
+        return -1;
+      }
       const Clock::Duration now = clock().now();
-      const bool any = !handle->unread.empty();
-      if (any && handle->unread.front().due <= now) {
+      hid.distribute(*known, now);
+      if (!handle->unread.empty()) {
         return deliver(handle, data, length);
       }
       if (milliseconds >= 0 && now >= deadline) {
         return 0;
       }
-      if (any) {
-        const Clock::Duration due = handle->unread.front().due;
+      if (!known->coming.empty()) {
+        const Clock::Duration due = known->coming.front().due;
         clock().waitUntil(hid.changed, hid.mutex, milliseconds >= 0 ? std::min(due, deadline) : due);
       } else if (milliseconds >= 0) {
         clock().waitUntil(hid.changed, hid.mutex, deadline);

@@ -131,8 +131,8 @@ TEST_P(LateAnswer, IsWaitedForUpToTheLimitAndNoLonger) {
   delay(row.limit + row.margin);
   expect(row.late, row.when_late, milliseconds(row.late_wait != 0 ? row.late_wait : row.limit));
 
-  // The same command again works: it finds the late answer on the line and takes it for its own, which is meant. A new
-  // connection is back in step.
+  // The same command again works: it finds the late answer on the line and takes it for its own, which is meant. So
+  // does a new connection: its greeting takes whatever is still to come, and any answer will do.
   const milliseconds rest(connects() || row.late_wait != 0 ? 0 : row.margin);
   expect(row.in_time, row.when_in_time, rest);
   expectANewConnectionWorks(world_);

@@ -7,6 +7,8 @@
 #include <memory>
 #include <random>
 
+#include "tests/unit/embedding/allocation_count.h"
+
 #if defined(MIRN_SANITIZED_ADDRESS)
 // An allocation that can't be had returns null here as it does without the sanitizer, whose runtime must see this.
 extern "C" __attribute__((visibility("default"))) const char* __asan_default_options() {
@@ -124,6 +126,13 @@ TEST(CircleData, CreationReturnsNullWhenTheBufferCannotBeHad) {
   EXPECT_EQ(circle_data_create(size), nullptr);
 }
 #endif
+
+TEST(CircleData, CreationReturnsNullWhenTheRecordCannotBeHad) {
+  test::failAllocationAfter(1);  // the buffer can be had
+  EXPECT_EQ(circle_data_create(8), nullptr);
+  const Ring ring = makeRing(8);
+  EXPECT_NE(ring, nullptr);
+}
 
 TEST(CircleData, DestroyAcceptsNull) {
   EXPECT_EQ(circle_data_destroy(nullptr), 0);

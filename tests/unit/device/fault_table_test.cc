@@ -65,6 +65,7 @@ class FaultTable : public WireTest {
     settleDecoder();
     mirn_->setFaultPlan({});
     mirn_->setLed({kLedStatus, 0});
+    clock_.get().sleepFor(std::chrono::seconds(1));  // an answer that is late would reach the next connection
     device_.reset();
     faults(fault.empty() ? "" : fault + "@1");
   }

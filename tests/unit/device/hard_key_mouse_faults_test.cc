@@ -16,6 +16,30 @@ class WireFaults : public WireTest {
   int key() { return device().send_keyboard({.keys = {4}}); }
 };
 
+// Nobody compares answers with questions, and a new connection is no exception: what the device still had to say to the
+// one before is the first thing that it hears.
+TEST_F(WireFaults, ALateAnswerIsTakenForTheGreetingsByTheNextConnection) {
+  mirn_->setLed({0x33, 0});
+  faults("delay=1500@1");
+  EXPECT_EQ(device().set_led_status(0x33), -1) << "half a second";
+  device_.reset();
+  mirn_->setFaultPlan({});
+  EXPECT_EQ(device().version_text(), "") << "the LED's answer";
+  EXPECT_EQ(device().get_led_status(), '1') << "the greeting's, version 1.0.0";
+  EXPECT_EQ(device().get_led_status(), 0x33) << "one behind from now on";
+}
+
+TEST_F(WireFaults, AConnectionThatBeginsWhenTheDeviceIsDoneIsInStep) {
+  mirn_->setLed({0x33, 0});
+  faults("delay=1500@1");
+  EXPECT_EQ(device().set_led_status(0x33), -1);
+  device_.reset();
+  mirn_->setFaultPlan({});
+  clock_.get().sleepFor(std::chrono::seconds(2));
+  EXPECT_EQ(device().version_text(), "1.0.0");
+  EXPECT_EQ(device().get_led_status(), 0x33);
+}
+
 TEST_F(WireFaults, AnAnswerThatNeverComesEndsWithTheTimeOut) {
   faults("drop@1");
   const auto start = clock().now();

@@ -4,7 +4,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstring>
+#include <functional>
+#include <future>
+#include <utility>
 
 #include "tests/unit/device/scripted_hid.h"
 #include "tests/unit/device/wire_fixture.h"
@@ -198,6 +202,61 @@ TEST_F(ScriptedDevice, TheFirst64BytesCountWhateverTheReadReturned) {
   late.resize(65);
   hid_.reads = {{65, late}};
   EXPECT_EQ(device_->send_keyboard({}), -1);
+}
+
+// 71 bytes: seven more than one report carries.
+TEST_F(ScriptedDevice, AFrameOfTwoReportsIsCompleteWithTheSecond) {
+  const Bytes whole = frame(1, Bytes(62, 0));
+  hid_.answer({whole.begin(), whole.begin() + 64});
+  hid_.answer({whole.begin() + 64, whole.end()});
+  EXPECT_EQ(device_->send_abs_mouse({}), -1) << "not yet";
+  EXPECT_EQ(device_->send_abs_mouse({}), 0);
+}
+
+// A time-out, too, pushes 64 bytes, zeros, and in the middle of a frame they are taken for its rest.
+TEST_F(ScriptedDevice, ATimeOutInMidFrameSpoilsTheFrame) {
+  const Bytes whole = frame(1, Bytes(62, 0));
+  hid_.answer({whole.begin(), whole.begin() + 64});
+  hid_.timeout();
+  hid_.answer({whole.begin() + 64, whole.end()});
+  answer({0});
+  EXPECT_EQ(device_->send_abs_mouse({}), -1) << "not yet";
+  EXPECT_EQ(device_->send_abs_mouse({}), -1) << "a zero stands where the tail should";
+  EXPECT_EQ(device_->send_abs_mouse({}), -1) << "the real rest comes outside of any frame";
+  EXPECT_EQ(device_->send_abs_mouse({}), 0);
+}
+
+// A clock on which somebody does something while another sleeps.
+class BusyPause : public VirtualClock {
+ public:
+  std::function<void()> during;  // once
+  void sleepFor(Duration duration) override {
+    if (during) {
+      std::exchange(during, nullptr)();
+    }
+    VirtualClock::sleepFor(duration);
+  }
+};
+
+TEST_F(ScriptedDevice, AnotherExchangeFitsBetweenTheStepsOfARelativeMove) {
+  BusyPause pausing;
+  setClock(&pausing);
+  for (int i = 0; i < 3; ++i) {
+    answer({0});
+  }
+  std::future<int> led;
+  pausing.during = [&] {
+    led = std::async(std::launch::async, [&] { return device_->get_led_status(); });
+    EXPECT_EQ(led.wait_for(std::chrono::seconds(60)), std::future_status::ready) << "the device mutex is held";
+  };
+  EXPECT_EQ(device_->send_rla_mouse({.x = 130}), 0);
+  setClock(&clock_.get());
+  EXPECT_EQ(led.get(), 0);
+  constexpr size_t kCommandAt = 8;
+  ASSERT_EQ(hid_.writes.size(), 3U);
+  EXPECT_EQ(hid_.writes[0][kCommandAt], 4);
+  EXPECT_EQ(hid_.writes[1][kCommandAt], 6);
+  EXPECT_EQ(hid_.writes[2][kCommandAt], 4);
 }
 
 TEST_F(ScriptedDevice, CommandAndIndexOfTheAnswerAreNotCompared) {

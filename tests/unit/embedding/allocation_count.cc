@@ -8,9 +8,12 @@ namespace {
 
 thread_local mirn::test::Allocations t_allocations;
 
+thread_local uint64_t t_until_failure = 0;  // counts down to the allocation that fails; 0: none does
+
 std::atomic<uint64_t> g_count{0};
 
 void* takeOrNull(std::size_t size) {
+  if (t_until_failure > 0 && --t_until_failure == 0) return nullptr;
   ++t_allocations.count;
   t_allocations.bytes += size;
   g_count.fetch_add(1, std::memory_order_relaxed);
@@ -53,6 +56,10 @@ namespace mirn::test {
 
 Allocations allocations() {
   return t_allocations;
+}
+
+void failAllocationAfter(uint64_t successes) {
+  t_until_failure = successes + 1;
 }
 
 uint64_t allocationsOfAllThreads() {

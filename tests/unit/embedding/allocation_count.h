@@ -16,4 +16,7 @@ Allocations allocations();
 // Of the whole process.
 uint64_t allocationsOfAllThreads();
 
+// This thread gets no memory once, after `successes` more allocations.
+void failAllocationAfter(uint64_t successes);
+
 }  // namespace mirn::test

@@ -72,6 +72,32 @@ TEST(SemQueue, PopTimesOutWithOne) {
   EXPECT_EQ(value, 7);
 }
 
+// A push wakes the waiter, but another consumer may have the element first: then the wait goes on.
+TEST(SemQueue, AnElementThatAnotherConsumerTakesDoesNotEndTheWait) {
+  constexpr std::chrono::milliseconds kWait(50);
+  int result = Queue::kPopped;
+  for (int attempt = 0; attempt < 1000 && result == Queue::kPopped; ++attempt) {  // the waiter may win
+    Queue queue;
+    queue.open(100);
+    std::thread teaser([&] {
+      for (int i = 0; i < 100; ++i) {
+        queue.push(1);
+        int taken = 0;
+        queue.pop_timedwait(taken, 0);
+        std::this_thread::yield();
+      }
+    });
+    int value = 0;
+    const auto start = std::chrono::steady_clock::now();
+    result = queue.pop_timedwait(value, static_cast<uint32_t>(kWait.count()));
+    if (result == Queue::kTimedOut) {
+      EXPECT_GE(std::chrono::steady_clock::now() - start, kWait);
+    }
+    teaser.join();
+  }
+  EXPECT_EQ(result, Queue::kTimedOut);
+}
+
 TEST(SemQueue, LongestTimeOutDoesNotOverflow) {
   Queue queue;
   queue.open(100);

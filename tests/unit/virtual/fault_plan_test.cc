@@ -70,6 +70,8 @@ TEST(FaultPlan, WhenItHits) {
   EXPECT_THAT(hits(parse("drop@3-5")), ElementsAre(3, 4, 5));
   EXPECT_THAT(hits(parse("drop@10+")), ElementsAre(10, 11, 12));
   EXPECT_THAT(hits(parse("drop@*/5")), ElementsAre(5, 10));
+  EXPECT_THAT(hits(parse("drop@2-9/3")), ElementsAre(2, 5, 8));
+  EXPECT_THAT(hits(parse("drop@3+/4")), ElementsAre(3, 7, 11));
   EXPECT_EQ(hits(parse("drop@*")).size(), 12U);
   EXPECT_THAT(hits(parse("drop@2, lose@7;corrupt@9\ndrop@11")), ElementsAre(2, 7, 9, 11));
 }
@@ -102,7 +104,7 @@ TEST(FaultPlan, GarbageIsGivenInBytesOrInHex) {
 TEST(FaultPlan, TextGivesTheSamePlanAgain) {
   const std::string text =
       "drop@3, lose@*, delay=80@2-4, corrupt@5+, truncate=12@1, split=5@1/c9, refuse=7@*/10, garbage=xCC01@1, "
-      "stall=500@1, unplug@12";
+      "stall=500@1, lose@2-8/3, lose@2+/3/c9, lose@1+/3, unplug@12";
   EXPECT_EQ(parse(text).text(), text);
 }
 
@@ -118,6 +120,10 @@ TEST(FaultPlan, WhatIsNotUnderstoodIsNamed) {
                                       "drop@+",
                                       "drop@*/0",
                                       "drop@*/",
+                                      "drop@3/2",
+                                      "drop@3-5/0",
+                                      "drop@3+/",
+                                      "drop@3-5/x",
                                       "drop@1/c256",
                                       "drop@1/c",
                                       "drop=5@1",

@@ -121,22 +121,58 @@ TEST_F(VirtualHidTest, AShortBufferGetsTheReportsBeginning) {
   hid_.close(device);
 }
 
-TEST_F(VirtualHidTest, EveryHandleGetsEveryReportAndStartsEmpty) {
+TEST_F(VirtualHidTest, EveryHandleGetsEveryReport) {
+  hid_device* const a = open();
+  hid_device* const b = open();
+  write(b, request(9));
+  for (hid_device* const device : {a, b}) {
+    EXPECT_EQ(read(device, 100), 64);
+    EXPECT_EQ(read(device, 100), 0);
+    hid_.close(device);
+  }
+}
+
+// The device answers when it answers, whoever listens then.
+TEST_F(VirtualHidTest, ALateAnswerReachesAHandleThatIsOpenByThen) {
+  first_->setLatency(300ms, 0ms);
   hid_device* const a = open();
   write(a, request(9));
+  EXPECT_EQ(read(a, 100), 0);
+  hid_.close(a);
   hid_device* const b = open();
-  EXPECT_EQ(read(b, 100), 0) << "opened after the answer";
-  write(b, request(9));
-  EXPECT_EQ(read(a, 100), 64);
-  EXPECT_EQ(read(a, 100), 64);
-  EXPECT_EQ(read(b, 100), 64);
   EXPECT_EQ(read(b, 100), 0);
+  EXPECT_EQ(read(b, 200), 64) << "the answer to the one before";
+  EXPECT_EQ(read(b, 1000), 0);
+  hid_.close(b);
+}
+
+TEST_F(VirtualHidTest, AHandleStartsEmptyOnceTheAnswerWasThere) {
+  first_->setLatency(300ms, 0ms);
+  hid_device* const a = open();
+  write(a, request(9));
+  clock_.get().sleepFor(400ms);
+  hid_device* const b = open();
+  EXPECT_EQ(read(b, 1000), 0);
+  EXPECT_EQ(read(a, 0), 64);
+  hid_.close(a);
+  hid_.close(b);
+}
+
+TEST_F(VirtualHidTest, WhatWasToComeIsGoneWithThePlugging) {
+  first_->setLatency(300ms, 0ms);
+  hid_device* const a = open();
+  write(a, request(9));
+  first_->unplug();
+  first_->plug();
+  hid_device* const b = open();
+  EXPECT_EQ(read(b, 1000), 0);
   hid_.close(a);
   hid_.close(b);
 }
 
 TEST_F(VirtualHidTest, AHandleDoesNotGetWhatTheDeviceSaidBefore) {
   first_->hostWrite(MirnDriver::frame(9, {}), clock().now());
+  clock_.get().sleepFor(1s);
   hid_device* const device = open();
   EXPECT_EQ(read(device, 100), 0);
   hid_.close(device);
@@ -148,6 +184,7 @@ TEST_F(VirtualHidTest, AHandleKeeps63UnreadReportsAndDropsTheNewest) {
     write(device, request(5, {static_cast<uint8_t>(i)}));
     write(device, request(6, {0}));
   }
+  clock_.get().sleepFor(1s);  // all of them are there
   int unread = 0;
   Bytes led;
   while (read(device, 100) == 64) {

@@ -37,6 +37,70 @@ TEST_F(VirtualMirnFaults, Lose) {
   EXPECT_TRUE(key());
 }
 
+// A frame of several reports, as a bus brings it.
+class VirtualMirnPieces : public VirtualMirnFaults {
+ protected:
+  std::vector<VirtualWriteResult> writeInPieces(const Bytes& frame) {
+    std::vector<VirtualWriteResult> results;
+    for (size_t at = 0; at < frame.size(); at += 64) {
+      results.push_back(host_.write({frame.begin() + static_cast<std::ptrdiff_t>(at),
+                                     frame.begin() + static_cast<std::ptrdiff_t>(std::min(at + 64, frame.size()))}));
+    }
+    return results;
+  }
+
+  const Bytes chunk_ = MirnDriver::frame(7, MirnDriver::chunk(0, 2));
+};
+
+TEST_F(VirtualMirnPieces, ALostFrameIsOneExchange) {
+  host_.faults("lose@1, refuse=9@2");
+  writeInPieces(chunk_);
+  EXPECT_EQ(mirn_.counters().writes, 1U);
+  EXPECT_EQ(mirn_.counters().faults, 1U);
+  EXPECT_EQ(mirn_.counters().stray_bytes, 0U);
+  EXPECT_EQ(mirn_.receivedCount(), 0U);
+  EXPECT_THAT(key(), Optional(ElementsAre(9)));
+}
+
+TEST_F(VirtualMirnPieces, AFrameWhoseWriteFailsIsOneExchange) {
+  host_.faults("write-error@1, refuse=9@2");
+  EXPECT_THAT(writeInPieces(chunk_), ::testing::Each(VirtualWriteResult::kError));
+  EXPECT_EQ(mirn_.counters().writes, 1U);
+  EXPECT_THAT(key(), Optional(ElementsAre(9)));
+}
+
+TEST_F(VirtualMirnPieces, TheNextHeadEndsALostFrame) {
+  host_.faults("lose@1");
+  host_.write({chunk_.begin(), chunk_.begin() + 64});
+  EXPECT_TRUE(key());
+  EXPECT_EQ(mirn_.counters().writes, 2U);
+}
+
+// Its bytes may look like a frame's head.
+TEST_F(VirtualMirnPieces, ALostRawReportBeginsNothing) {
+  host_.faults("lose@1");
+  host_.write({0x01, 0, 0, 0xAA, 0, 0xAA, 0});
+  host_.write({0x01, 1, 0, 0, 0, 0, 0});
+  EXPECT_EQ(mirn_.counters().writes, 2U);
+  EXPECT_EQ(mirn_.input().buttons, 1);
+}
+
+TEST_F(VirtualMirnPieces, ALostFrameIsForgottenWithThePlugging) {
+  host_.faults("lose@1");
+  host_.write({chunk_.begin(), chunk_.begin() + 64});
+  mirn_.unplug();
+  mirn_.plug();
+  host_.write({0x01, 1, 0, 0, 0, 0, 0});
+  EXPECT_EQ(mirn_.input().buttons, 1);
+}
+
+TEST_F(VirtualMirnPieces, TheDeviceThatLeavesAfterALostFrameStaysForAllOfIt) {
+  host_.faults("lose@1 unplug-after@1");
+  std::vector<VirtualWriteResult> expected(17, VirtualWriteResult::kAccepted);
+  EXPECT_EQ(writeInPieces(chunk_), expected);
+  EXPECT_FALSE(mirn_.plugged());
+}
+
 TEST_F(VirtualMirnFaults, Delay) {
   host_.faults("delay=80@1");
   key();

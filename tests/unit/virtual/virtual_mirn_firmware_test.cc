@@ -95,6 +95,15 @@ TEST_F(VirtualMirnFirmware, AVersionWithoutANumberAtItsEndGetsOne) {
   EXPECT_EQ(mirn_->version(), "8");
 }
 
+TEST_F(VirtualMirnFirmware, AVersionThatCountsUpStaysWithinNineBytes) {
+  mirn_->setVersion("1.0.99999", "");
+  host_->ask(7, chunk(0, 1));
+  EXPECT_EQ(mirn_->version(), "1.0.10000");
+  mirn_->setVersion("123456beta", "");
+  host_->ask(7, chunk(0, 1));
+  EXPECT_EQ(mirn_->version(), "123456bet");
+}
+
 TEST_F(VirtualMirnFirmware, TheNewVersionCanWaitForTheNextPlugging) {
   restart({.version_after_replug = true});
   host_->ask(7, chunk(0, 1));
