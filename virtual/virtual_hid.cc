@@ -18,6 +18,10 @@ namespace {
 // Unread reports that one handle keeps, as the kernel's hidraw does; newer ones are dropped.
 constexpr size_t kKeptReports = 63;
 
+// The kernel (6.1, usbhid_open) drops what comes within so long of the first opening: left-overs of an earlier one.
+// Nobody waits for it here.
+constexpr Clock::Duration kDroppedAtOpening = std::chrono::milliseconds(50);
+
 struct Handle {
   std::shared_ptr<VirtualMirn> device;
   uint64_t generation = 0;
@@ -69,6 +73,11 @@ struct VirtualHid::State {
     return found != handles.end() ? found->get() : nullptr;
   }
 
+  bool isOpen(const Device& device) const MIRN_REQUIRES(mutex) {
+    return std::ranges::any_of(handles,
+                               [&](const auto& handle) { return handle->device == device.mirn && !handle->gone(); });
+  }
+
   // Null when the device has been removed.
   Device* deviceOf(const VirtualMirn& mirn) MIRN_REQUIRES(mutex) {
     const auto found = std::ranges::find(devices, &mirn, [](const Device& device) { return device.mirn.get(); });
@@ -114,7 +123,8 @@ struct VirtualHidCalls {
     if (device == nullptr || hid.denied) {
       return nullptr;
     }
-    hid.distribute(*device, clock().now());
+    const Clock::Duration now = clock().now();
+    hid.distribute(*device, hid.isOpen(*device) ? now : now + kDroppedAtOpening);
     hid.handles.push_back(std::make_unique<Handle>(Handle{device->mirn, device->mirn->generation(), {}}));
     return reinterpret_cast<hid_device*>(hid.handles.back().get());
   }

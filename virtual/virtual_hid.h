@@ -16,9 +16,9 @@ namespace mirn {
 // Thread-safe. Waiting goes by mirn::clock().
 //
 // As on a real bus: open() takes the first device, in the order of adding, that is plugged in and has the identifiers;
-// every handle that is open when a report is due gets it, also one that was opened after its request was written; a
-// handle keeps the oldest 63 unread ones and starts empty; after an unplugging every call on the handle fails, also
-// when the device has come back.
+// every handle that is open when a report is due gets it, also one that was opened after its request was written (but
+// what is due within 50 ms of the first opening is dropped); a handle keeps the oldest 63 unread ones and starts empty;
+// after an unplugging every call on the handle fails, also when the device has come back.
 class VirtualHid {
  public:
   static VirtualHid& instance();

@@ -146,6 +146,27 @@ TEST_F(VirtualHidTest, ALateAnswerReachesAHandleThatIsOpenByThen) {
   hid_.close(b);
 }
 
+// As the kernel does when nobody had the device open.
+TEST_F(VirtualHidTest, TheFirstOpeningDropsWhatComesWithin50Milliseconds) {
+  for (int warm_up = 0; warm_up < 3; ++warm_up) {  // the first three answers take longer
+    first_->hostWrite(MirnDriver::frame(9, {}), clock().now());
+  }
+  clock_.get().sleepFor(1s);
+  for (const auto& [latency, expected] : {std::pair(50ms, 0), std::pair(51ms, 64)}) {
+    first_->setLatency(latency, 0ms);
+    hid_device* const a = open();
+    write(a, request(9));
+    hid_device* const beside = open();
+    EXPECT_EQ(read(beside, 100), 64) << "not the first";
+    write(a, request(9));
+    hid_.close(a);
+    hid_.close(beside);
+    hid_device* const b = open();
+    EXPECT_EQ(read(b, 100), expected) << latency.count();
+    hid_.close(b);
+  }
+}
+
 TEST_F(VirtualHidTest, AHandleStartsEmptyOnceTheAnswerWasThere) {
   first_->setLatency(300ms, 0ms);
   hid_device* const a = open();
