@@ -124,14 +124,14 @@ Verdict compareWithConversion(std::string_view line, const ParsedRecord& record)
   const uint8_t* expected = record.data.data();
   size_t expected_length = record.type == kDataRecord ? record.length : 0;
   bool same = true;
-  for (std::string_view rest = line; !rest.empty() && same;
-       rest.remove_prefix(std::min(rest.size(), kHexLineCharacters))) {
+  for (std::string_view rest = line; !rest.empty(); rest.remove_prefix(std::min(rest.size(), kHexLineCharacters))) {
     uint8_t bytes[kMostHexLineBytes];
     const HexLine piece = convertHexLine(rest.substr(0, kHexLineCharacters), bytes);
     same = (piece.kind == HexLineKind::kSkipped || piece.kind == HexLineKind::kData) &&
            piece.bytes <= expected_length && std::equal(bytes, bytes + piece.bytes, expected);
+    if (!same) break;
     expected += piece.bytes;
-    expected_length -= same ? piece.bytes : 0;
+    expected_length -= piece.bytes;
   }
   if (same && expected_length == 0) return {};
   if (line.size() > kHexLineCharacters) {
@@ -323,7 +323,7 @@ FirmwareReport checkFirmwareText(std::string_view text, const FirmwareRecordVisi
 }
 
 FirmwareReport checkFirmwareFile(const std::string& path, const FirmwareRecordVisitor& visit) {
-  const RegularFile file = openForReading(path, SymbolicLink::kFollow);
+  const RegularFile file = openForReading(path);
   if (!file.fd.valid()) return refused(FirmwareFault::kUnreadable, "the file cannot be opened, or is no regular file");
   if (file.size > kMostHexFileBytes) {
     return refused(FirmwareFault::kTooLarge,

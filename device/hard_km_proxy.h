@@ -14,6 +14,7 @@
 #include "device/hard_key_mouse.h"
 #include "device/key_mouse_proxy.h"
 #include "device/pointer_mapping.h"
+#include "device/regular_file.h"
 #include "device/vx_tasks.h"
 
 namespace mirn {
@@ -79,7 +80,8 @@ class HardKMProxy : public KeyMouseProxy, public CReference {
   int initKeyMap();
   int KeyBoardUp(int unused, int key) override;
   int KeyBoardDown(int unused, int key) override;
-  // Types upper case, space and punctuation of `text`, skips every other character, and lets go of all held keys.
+  // Types upper case, space and punctuation of `text` and skips every other character. With the first that it types it
+  // lets go of all held keys; a text without any changes nothing.
   int TypeString(const wchar_t* text, int unused) override;
   int sendKeyboard(const keyboard_args_type& args);
 
@@ -118,8 +120,9 @@ class HardKMProxy : public KeyMouseProxy, public CReference {
   // converted into a temporary file first, which stays. What the device makes of the chunks reaches the listener.
   int ReqUpgradeFirmware(const std::string& path);
   // HEX to a flat image by the plain rules of HexConverter; 0 or -1. The destination gets mode 0600; one that is
-  // no regular file of ours (a symbolic link, say) is refused. After -1 it is empty or as it was.
-  static int ParseHexFile(const std::string& source_path, const std::string& des_path);
+  // no regular file of ours (a symbolic link, say) is refused. After -1 it is empty or as it was. `image` as in
+  // convertHexFile.
+  static int ParseHexFile(const std::string& source_path, const std::string& des_path, RegularFile* image = nullptr);
 
   // Direct operations ---------------------------------------------------------------------------------------------
 
@@ -152,7 +155,7 @@ class HardKMProxy : public KeyMouseProxy, public CReference {
   PointerPosition EventPosition(int x, int y) const;
   int SendAt(int x, int y, mouse_args_type args);
 
-  int QueueImage(const std::string& path, bool converted);
+  int QueueImage(const RegularFile& file, const std::string& path);
 
   hard_key_mouse device_;
   SendThread send_thread_;

@@ -53,19 +53,19 @@ int HardKMProxy::ReqUpgradeFirmware(const std::string& path) {
     log.write_log(kLogError, "[%s] file Path is empty!", kRequest);
     return 0;
   }
-  if (!isHexFirmwarePath(path)) return QueueImage(path, false);
+  if (!isHexFirmwarePath(path)) return QueueImage(openForReading(path), path);
 
   const std::string image_path = temporaryImagePath();
-  if (ParseHexFile(path, image_path) != 0) {
+  RegularFile image;
+  if (ParseHexFile(path, image_path, &image) != 0) {
     log.write_log(kLogError, "[%s] hex to bin failed!", kRequest);
     return 0;
   }
-  return QueueImage(image_path, true);
+  return QueueImage(image, image_path);
 }
 
-int HardKMProxy::QueueImage(const std::string& path, bool converted) {
+int HardKMProxy::QueueImage(const RegularFile& file, const std::string& path) {
   flogger& log = flogger::GetInitance();
-  const RegularFile file = openForReading(path, converted ? SymbolicLink::kRefuse : SymbolicLink::kFollow);
   if (!file.fd.valid() || file.size > kMostQueuedBytes) {
     log.write_log(kLogError, "[%s] open file failed! path=%s", kRequest, path.c_str());
     return 0;
@@ -92,9 +92,9 @@ int HardKMProxy::QueueImage(const std::string& path, bool converted) {
   return result;
 }
 
-int HardKMProxy::ParseHexFile(const std::string& source_path, const std::string& des_path) {
+int HardKMProxy::ParseHexFile(const std::string& source_path, const std::string& des_path, RegularFile* image) {
   flogger& log = flogger::GetInitance();
-  switch (convertHexFile(source_path, des_path)) {
+  switch (convertHexFile(source_path, des_path, image)) {
     case HexFileResult::kConverted:
       return 0;
     case HexFileResult::kSourceUnreadable:

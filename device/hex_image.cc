@@ -77,8 +77,8 @@ size_t HexConverter::finish(std::span<uint8_t> out) {
   return convert({begun_, std::exchange(begun_length_, 0)}, out.data());
 }
 
-HexFileResult convertHexFile(const std::string& source_path, const std::string& des_path) {
-  const RegularFile source = openForReading(source_path, SymbolicLink::kFollow);
+HexFileResult convertHexFile(const std::string& source_path, const std::string& des_path, RegularFile* image_file) {
+  const RegularFile source = openForReading(source_path);
   if (!source.fd.valid()) return HexFileResult::kSourceUnreadable;
   RegularFile destination = openForReplacing(des_path, source);
   if (!destination.fd.valid()) return HexFileResult::kDestinationRefused;
@@ -104,9 +104,13 @@ HexFileResult convertHexFile(const std::string& source_path, const std::string& 
   } while (count > 0);
   const size_t bytes = converter.finish({image.get(), kRoom});
   if (converter.failed()) return giveUp(HexFileResult::kBadText);
-  if (!writeFully(destination.fd.get(), image.get(), bytes) || !destination.fd.close()) {
-    return giveUp(HexFileResult::kWriteFailed);
+  if (!writeFully(destination.fd.get(), image.get(), bytes)) return giveUp(HexFileResult::kWriteFailed);
+  if (image_file == nullptr) {
+    return destination.fd.close() ? HexFileResult::kConverted : giveUp(HexFileResult::kWriteFailed);
   }
+  const off_t size = lseek(destination.fd.get(), 0, SEEK_END);
+  if (size < 0 || lseek(destination.fd.get(), 0, SEEK_SET) != 0) return giveUp(HexFileResult::kWriteFailed);
+  *image_file = {std::move(destination.fd), static_cast<uint64_t>(size)};
   return HexFileResult::kConverted;
 }
 

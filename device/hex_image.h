@@ -10,6 +10,8 @@
 #include <string>
 #include <string_view>
 
+#include "device/regular_file.h"
+
 namespace mirn {
 
 // A line counts at most this many characters, its ending included; the rest is a line of its own.
@@ -84,7 +86,8 @@ enum class HexFileResult : uint8_t {
 };
 
 // File to file. The destination is opened by openForReplacing; where the result is kBadText, kWriteFailed, or a read
-// error in the middle, it is left empty.
-HexFileResult convertHexFile(const std::string& source_path, const std::string& des_path);
+// error in the middle, it is left empty. `image`, if not null, receives the converted file, to be read from its
+// beginning: by then the path may be another program's.
+HexFileResult convertHexFile(const std::string& source_path, const std::string& des_path, RegularFile* image = nullptr);
 
 }  // namespace mirn

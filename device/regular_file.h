@@ -15,12 +15,12 @@ struct RegularFile {
   uint64_t size = 0;
 };
 
-enum class SymbolicLink { kFollow, kRefuse };
+// To read from, a symbolic link is as good as its target.
+RegularFile openForReading(const std::string& path);
 
-RegularFile openForReading(const std::string& path, SymbolicLink link);
-
-// Opens or creates `path` with mode 0600 and empties it. Refuses symbolic links, whatever is no regular file, files of
-// other users, files with a second name, and the file that `not_this` is.
+// A new, empty file at `path` with mode 0600, to write and to read. It takes the place of an older one, which whoever
+// has it open keeps. Refuses symbolic links, whatever is no regular file, files of other users, files with a second
+// name, and the file that `not_this` is.
 RegularFile openForReplacing(const std::string& path, const RegularFile& not_this);
 
 // Up to `size` bytes from the present position; less only at the end of the file. -1: a read error.

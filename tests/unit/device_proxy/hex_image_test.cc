@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
@@ -230,6 +231,25 @@ TEST_F(ParseHexFileTest, ASymbolicLinkIsNeverFollowedToWrite) {
   std::filesystem::create_symlink(directory_.path("nowhere"), destination());
   EXPECT_EQ(parse(source), -1);
   EXPECT_FALSE(std::filesystem::exists(directory_.path("nowhere")));
+}
+
+// Two programs with one temporary directory: the path is the last one's, what the other one has open stays its own.
+TEST_F(ParseHexFileTest, AnImageThatIsOpenSurvivesTheNextConversion) {
+  const auto contentOf = [](const RegularFile& file) {
+    Bytes content(file.size + 10);
+    content.resize(static_cast<size_t>(std::max<int64_t>(readFully(file.fd.get(), content.data(), content.size()), 0)));
+    return content;
+  };
+  const std::string first = directory_.write("a.hex", hexFile(Bytes{1, 2, 3}, 16, "\n"));
+  const std::string second = directory_.write("b.hex", hexFile(Bytes{9}, 16, "\n"));
+  RegularFile first_image;
+  RegularFile second_image;
+  EXPECT_EQ(HardKMProxy::ParseHexFile(first, destination(), &first_image), 0);
+  EXPECT_EQ(HardKMProxy::ParseHexFile(second, destination(), &second_image), 0);
+  EXPECT_EQ(image(), Bytes{9});
+  EXPECT_EQ(contentOf(second_image), Bytes{9});
+  EXPECT_EQ(contentOf(first_image), (Bytes{1, 2, 3}));
+  EXPECT_EQ(first_image.size, 3U);
 }
 
 TEST_F(ParseHexFileTest, DestinationsThatAreNoFileOfOursAloneAreRefused) {
