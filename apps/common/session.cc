@@ -14,6 +14,8 @@ namespace mirn {
 namespace {
 
 constexpr std::chrono::seconds kLookEvery{1};
+// From leaving the bus to coming back, of a device that starts its new firmware.
+constexpr std::chrono::seconds kRestartsWithin{8};
 
 // A virtual capture source is this program's own object, and what it reports stays on this side of the library.
 HostOpenError openError() {
@@ -39,6 +41,7 @@ bool Session::isPlugged() {
   bool flag = channel_.call("isVidPidExist").asBool();
   if (std::exchange(flag_, flag) && !flag) {
     ++departures_;
+    departed_ = std::chrono::steady_clock::now();
     looked_.reset();
   }
   if (flag) {
@@ -207,7 +210,12 @@ DeviceFacts Session::facts() {
 
 UpgradeFacts Session::upgradeFacts() {
   HostLinkStatistics link = hostLinkStatistics();
-  return {isPlugged(), link.firmwareSent + link.firmwareFailed, link.firmwareFailed};
+  // When one of several goes it is taken for the upgraded one: asking another one for its version would mislead.
+  bool present = isPlugged();
+  if (present && !flag_ && departed_) {
+    present = std::chrono::steady_clock::now() - *departed_ > kRestartsWithin;
+  }
+  return {present, link.firmwareSent + link.firmwareFailed, link.firmwareFailed};
 }
 
 bool keyboardIsElsewhere() {

@@ -98,8 +98,9 @@ class Session {
   bool on_bus_ = false;       // what the last look at the bus saw
   std::optional<std::chrono::steady_clock::time_point> looked_;
   uint64_t departures_ = 0;
-  HostOpenError refusal_;  // of the keyboard interface, when it was last tried
-  Releases answered_;      // keyboard and pointer records answered once the last releases are
+  std::optional<std::chrono::steady_clock::time_point> departed_;  // the last of them
+  HostOpenError refusal_;                                          // of the keyboard interface, when it was last tried
+  Releases answered_;  // keyboard and pointer records answered once the last releases are
 };
 
 // The open keyboard interface and the open camera belong to two devices.

@@ -185,7 +185,9 @@ TEST_P(OneOfTwoTest, AMirnThatIsUnpluggedLeavesTheOtherPlugged) {
   ASSERT_TRUE(runLoopUntil([&] { return !flag(); }, kPatience)) << "the command's answer is of the last event";
   EXPECT_TRUE(session_.isPlugged());
   EXPECT_TRUE(session_.facts().present);
+  EXPECT_FALSE(session_.upgradeFacts().present) << "it may be the one that restarts after its upgrade";
   EXPECT_EQ(session_.departures(), 1U);
+  EXPECT_TRUE(runLoopUntil([&] { return session_.upgradeFacts().present; }, kPatience)) << "not for ever";
   world().unplug(1 - gone);
   EXPECT_TRUE(runLoopUntil([&] { return !session_.isPlugged(); }, kPatience));
   EXPECT_EQ(session_.departures(), 1U) << "the flag had gone before";
