@@ -16,12 +16,20 @@ PROGRAM = os.path.abspath(sys.argv[1])
 NOISY = bool(os.environ.get("MIRN_CTL_NOISY"))
 PATIENCE = 120
 CHUNKS = 293
+SIGNALS = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
 faults = []
 
 
 def expect(condition, text):
     if not condition:
         faults.append(text)
+
+
+def heed_signals():
+    """What this test was started with as ignored (a background job's SIGINT) would be ignored by what it starts."""
+    for number in SIGNALS:
+        if signal.getsignal(number) == signal.SIG_IGN:
+            signal.signal(number, signal.SIG_DFL)
 
 
 def start(*arguments, **options):
@@ -52,7 +60,7 @@ def typing_ends(number, *options):
 
 
 def check_typing():
-    for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+    for number in SIGNALS:
         out, err = typing_ends(number)
         expect(out == "", "nothing is said of success: %r" % out)
         expect("Stopped by %s. Everything held was let go." % number.name in err, "%s: %r" % (number.name, err))
@@ -112,7 +120,11 @@ def check_watch_without_reader():
     process = start("--virtual-pull-after", "100", "--virtual-plug-after", "200", "watch")
     process.stdout.readline()
     process.stdout.close()
-    process.wait(PATIENCE)
+    try:
+        process.wait(PATIENCE)
+    except subprocess.TimeoutExpired:
+        process.kill()
+        process.wait()
     expect(process.returncode == 7, "watch ends when nobody reads it, not with %d" % process.returncode)
     process.stderr.close()
 
@@ -124,6 +136,7 @@ def main():
         file.write(image + bytes(CHUNKS * 1024 - len(image)))
     os.mkdir("temporary")
     folder = os.path.abspath("temporary")
+    heed_signals()
     check_typing()
     check_upgrade(folder)
     check_unplugged_upgrade(folder)

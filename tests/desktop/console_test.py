@@ -356,6 +356,8 @@ def test_a_signal_is_the_close_button(desktop):
     desktop.environment["TMPDIR"] = temporary
     for number in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):
         quality, size = ("1080P", [1920, 1080]) if number == signal.SIGINT else ("720P", [1280, 720])
+        if signal.getsignal(number) == signal.SIG_IGN:  # as in a background job; the console would inherit it
+            signal.signal(number, signal.SIG_DFL)
         console = Console(desktop, PROGRAM)
         console.ready()
         console.say("action quality " + quality)

@@ -40,18 +40,21 @@ class MirnctlFixture : public testing::Test {
   static VirtualMirn& device() { return context().world()->mirn(); }
   static VirtualTarget& target() { return context().world()->target(); }
 
+  // As a new process finds the device: what the old proxy let go of is over.
+  void begin() {
+    hostReleaseProxy();
+    before_ = device().receivedCount();
+    device().setFaultPlan(faults_);
+  }
   // The exit status of a command line, and in said() its error lines.
   int run(const std::string& line) {
     std::istringstream words(line);
     return runWords({std::istream_iterator<std::string>(words), {}});
   }
   int runWords(const std::vector<std::string>& words) {
-    hostReleaseProxy();
+    begin();
     EXPECT_EQ(ftruncate(errors(), 0), 0);
     EXPECT_EQ(lseek(errors(), 0, SEEK_SET), 0);
-    // What the old proxy let go of counts for neither.
-    before_ = device().receivedCount();
-    device().setFaultPlan(faults_);
     CLI::App app;
     ChosenCommand chosen;
     addInfoCommand(app, chosen);

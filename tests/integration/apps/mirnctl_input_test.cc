@@ -66,12 +66,12 @@ TEST_F(MirnctlInputTest, WhatACrashLeftHeldIsLetGo) {
   EXPECT_EQ(device().input().buttons, 0);
 }
 
-TEST_F(MirnctlInputTest, TheReleaseIsOutBeforeACommandEnds) {
-  for (const char* line : {"info", "led get", "led set 1", "set-name Desk"}) {
-    setFaults("delay=150@1/c3");
-    EXPECT_EQ(run(line), 0) << line;
-    EXPECT_TRUE(context().session().releasesAnswered()) << line;
-  }
+TEST_F(MirnctlInputTest, TheReleaseIsOutBeforeACommandGoesOn) {
+  // A command that ends soon, or is killed, would take it along.
+  setFaults("delay=150@1/c3");
+  begin();
+  ASSERT_FALSE(context().needKeyboard());
+  EXPECT_TRUE(context().session().releasesAnswered());
 }
 
 TEST_F(MirnctlInputTest, AButtonWhoseReleaseIsLostIsLetGoAgain) {

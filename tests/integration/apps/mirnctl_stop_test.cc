@@ -45,6 +45,13 @@ class SignalWhen {
 // A stop that is not heeded ends the test process, as it does a program.
 class MirnctlStopTest : public MirnctlFixture {
  protected:
+  MirnctlStopTest() {
+    // A background job begins with some of them ignored.
+    for (int signal : {SIGINT, SIGTERM, SIGHUP}) {
+      std::signal(signal, SIG_DFL);
+    }
+  }
+
   static std::string nameIn(int signal) { return "Stopped by " + std::string(signalName(signal)) + "."; }
 
   static bool dies(int signal) {
