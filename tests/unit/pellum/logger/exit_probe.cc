@@ -41,13 +41,14 @@ struct LastWords {
 };
 LastWords g_last_words;  // NOLINT(cert-err58-cpp)
 
-// Long lines keep the thread that writes busy, so that others leave theirs to it.
+// Long lines keep the thread that writes busy, so that others leave theirs to it. There is an end to them: a sanitizer
+// lets the threads run on for a second.
 void startThreads() {
   static std::atomic<int> running{0};
-  static const std::string& tail = *new std::string(500, '.');
+  static const std::string& tail = *new std::string(200, '.');
   for (int t = 0; t < 4; ++t) {
     std::thread([t] {
-      for (int i = 0;; ++i) {
+      for (int i = 0; i < 5000; ++i) {
         logger().write_log(8, "thread %d line %d %s", t, i, tail.c_str());
         if (i == 100) {
           ++running;

@@ -251,12 +251,13 @@ TEST_F(EndOfTheProcess, AForkedChildWritesNothingOfItsParents) {
   std::thread writer([&] {
     while (!done) {
       flogger::GetInitance().write_log(1, "line %d", written++);
+      std::this_thread::yield();
     }
   });
   while (written == 0) {
     std::this_thread::yield();
   }
-  for (int i = 0; i < 20; ++i) {
+  for (int i = 0; i < 5; ++i) {
     const pid_t child = ::fork();
     if (child == 0) {
       std::exit(0);  // NOLINT(concurrency-mt-unsafe): what is tested
