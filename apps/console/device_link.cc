@@ -85,7 +85,6 @@ void DeviceLink::keepPicture(Steady::time_point now) {
       (picture_tried_ && now - *picture_tried_ < kPictureEvery * std::max(picture_failures_, 1U))) {
     return;
   }
-  picture_tried_ = now;
   picture_failures_ = std::min(picture_failures_ + 1, kLongestPicturePause);
   if (session_.openPicture()) {
     picture_failures_ = 0;
@@ -93,6 +92,8 @@ void DeviceLink::keepPicture(Steady::time_point now) {
     session_.setColor(best_color_);
     ask_again_ = true;  // another one may have taken the place of the Mirn that had both
   }
+  // Opening takes its time: the pause counts from its end.
+  picture_tried_ = Steady::now();
 }
 
 bool DeviceLink::keyboardBroken() {

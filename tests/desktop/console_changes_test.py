@@ -86,7 +86,7 @@ def test_a_mirn_without_a_camera_is_said(desktop):
 
 def test_input_is_held_back_while_the_picture_is_dead(desktop):
     # The stream breaks off each time it has begun: between two openings there is nothing to see.
-    console = Console(desktop, PROGRAM, "--virtual-video-faults", "fail@3")
+    console = Console(desktop, PROGRAM, "--virtual-video-faults", "fail@1")
     for _ in range(3):
         state = console.wait("a broken stream", lambda s: s["condition"] == "open-failed")
         expect("no picture" in state["blocked"], "held back: '%s'" % state["blocked"])
