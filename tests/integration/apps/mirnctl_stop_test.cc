@@ -22,7 +22,7 @@ constexpr std::array<uint8_t, 6> kNoKeys{};
 // Sends this process a signal, once, when the device's state is as wanted.
 class SignalWhen {
  public:
-  SignalWhen(VirtualMirn& device, int signal, std::function<bool()> wanted)
+  SignalWhen(VirtualMirn& device, int signal, const std::function<bool()>& wanted)
       : device_(device), listener_(device.addListener([this, signal, wanted](const VirtualMirnEvent& /*event*/) {
           if (!sent_ && wanted()) {
             sent_ = true;
