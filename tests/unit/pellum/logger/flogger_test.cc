@@ -225,6 +225,7 @@ class EndOfTheProcess : public testing::Test {
 
 TEST_F(EndOfTheProcess, LosesNoLineOfAStaticDestructor) {
   std::vector<std::string> expected;
+  expected.reserve(101);
   for (int i = 0; i < 100; ++i) {
     expected.push_back("static destructor " + std::to_string(i));
   }
