@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <ctime>
 
 namespace mirn {
 namespace {
@@ -24,6 +25,12 @@ FrameLayout layoutOf(const CaptureFormat& format) {
   layout.matrix = YuvMatrix::kBt601;  // what VirtualTarget's frames are made with, as it says in their format
   layout.range = YuvRange::kVideo;
   return layout;
+}
+
+std::chrono::nanoseconds threadTime() {
+  timespec used{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
+  return std::chrono::seconds(used.tv_sec) + std::chrono::nanoseconds(used.tv_nsec);
 }
 
 std::chrono::nanoseconds intervalOf(const CaptureFormat& format) {
@@ -198,7 +205,7 @@ bool VirtualCaptureDevice::Stream::play(const Verdict& verdict) {
 
 void VirtualCaptureDevice::Stream::deliver(const Verdict& verdict) {
   const uint32_t sequence = sequence_++;
-  device_.target_->render(targetFormat(format_.pixelFormat), format_.width, format_.height, bytes_);
+  draw();
   if (verdict.lose) {
     return;
   }
@@ -217,6 +224,14 @@ void VirtualCaptureDevice::Stream::deliver(const Verdict& verdict) {
     return;
   }
   device_.deliverFrame(std::move(picture), {clock_.now().count(), sequence});
+}
+
+void VirtualCaptureDevice::Stream::draw() {
+  const auto before = threadTime();
+  device_.target_->render(targetFormat(format_.pixelFormat), format_.width, format_.height, bytes_);
+  const auto used = threadTime() - before;
+  const MutexGuard guard(device_.mutex_);
+  device_.counters_.drawing += used;
 }
 
 void VirtualCaptureDevice::Stream::damage(const std::vector<VideoFault>& faults) {

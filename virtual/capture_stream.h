@@ -47,6 +47,7 @@ class VirtualCaptureDevice::Stream {
   // False when the stream ends instead of this frame.
   bool play(const Verdict& verdict);
   void deliver(const Verdict& verdict);
+  void draw();
   void damage(const std::vector<VideoFault>& faults);
   void tellEnd();
 

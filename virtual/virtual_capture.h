@@ -80,6 +80,9 @@ struct VirtualCaptureCounters {
   uint64_t damaged = 0;  // of these
   uint64_t lost = 0;
   uint64_t starts = 0;  // of the stream
+  // Processor time that went into drawing and encoding frames. A device spends it outside of the computer that it is
+  // plugged into, so who measures a program on this source takes it off.
+  std::chrono::nanoseconds drawing{0};
 };
 
 // Thread-safe as its base class is. Frames come from a thread of its own while the stream runs.

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <charconv>
+#include <chrono>
 #include <cstdlib>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -26,6 +27,15 @@ std::string fromHex(const std::string& hex) {
     bytes += static_cast<char>(value);
   }
   return bytes;
+}
+
+// Processor time that the virtual devices have used in this process for their frames.
+double drawingMs(VirtualWorld& world) {
+  std::chrono::duration<double, std::milli> used{0};
+  for (size_t i = 0; i < world.setup().size(); ++i) {
+    used += world.setup().camera(i).counters().drawing;
+  }
+  return used.count();
 }
 
 Json stripOf(const PixelBufferRef& picture) {
@@ -251,6 +261,7 @@ std::string Steering::state() {
                 {"name", world_.mirn().name()},
                 {"led", world_.mirn().led().status},
                 {"exchanges", world_.mirn().receivedCount()},
+                {"device_ms", drawingMs(world_)},
                 {"condition", adviceFor(window_.link().condition(), window_.link().facts()).word},
                 {"blocked", window_.link().blockedReason()},
                 {"captured", window_.input().captured()},

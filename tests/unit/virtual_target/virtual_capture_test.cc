@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <condition_variable>
+#include <ctime>
 
 #include "platform/work_queue.h"
 #include "virtual/frame_strip.h"
@@ -132,6 +133,25 @@ class VirtualCaptureTest : public ::testing::Test {
   std::shared_ptr<CaptureSession> session_;
   std::shared_ptr<CaptureVideoOutput> output_;
 };
+
+std::chrono::nanoseconds processTime() {
+  timespec used{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
+  return std::chrono::seconds(used.tv_sec) + std::chrono::nanoseconds(used.tv_nsec);
+}
+
+TEST_F(VirtualCaptureTest, TellsWhatDrawingTook) {
+  VirtualCaptureDevice& device = add();
+  ASSERT_TRUE(start());
+  const std::chrono::nanoseconds before = processTime();
+  stepOne();
+  const std::chrono::nanoseconds one = device.counters().drawing;
+  stepOne();
+  const std::chrono::nanoseconds two = device.counters().drawing;
+  EXPECT_GT(one.count(), 0);
+  EXPECT_GT(two, one) << "each frame adds its own";
+  EXPECT_LT(two, processTime() - before) << "what follows the drawing is not in it";
+}
 
 TEST_F(VirtualCaptureTest, IsListedAsTheStickIs) {
   VirtualCaptureSettings settings;
