@@ -72,19 +72,24 @@ TEST(SemQueue, PopTimesOutWithOne) {
   EXPECT_EQ(value, 7);
 }
 
-// A push wakes the waiter, but another consumer may have the element first: then the wait goes on.
+// A push wakes the waiter, but another consumer may have the element first: then the wait goes on, to the same
+// deadline.
 TEST(SemQueue, AnElementThatAnotherConsumerTakesDoesNotEndTheWait) {
-  constexpr std::chrono::milliseconds kWait(50);
+  constexpr std::chrono::milliseconds kWait(200);
+  constexpr std::chrono::milliseconds kBetween(50);
+  constexpr int kEnough = 200;  // a wait that each of them starts anew takes 10 s
   int result = Queue::kPopped;
-  for (int attempt = 0; attempt < 1000 && result == Queue::kPopped; ++attempt) {  // the waiter may win
+  for (int attempt = 0; attempt < 200 && result == Queue::kPopped; ++attempt) {  // the waiter may win
     Queue queue;
     queue.open(100);
+    std::atomic<bool> over = false;
+    std::atomic<int> teased = 0;
     std::thread teaser([&] {
-      for (int i = 0; i < 100; ++i) {
+      for (; !over && teased < kEnough; ++teased) {
+        std::this_thread::sleep_for(kBetween);
         queue.push(1);
         int taken = 0;
         queue.pop_timedwait(taken, 0);
-        std::this_thread::yield();
       }
     });
     int value = 0;
@@ -92,7 +97,9 @@ TEST(SemQueue, AnElementThatAnotherConsumerTakesDoesNotEndTheWait) {
     result = queue.pop_timedwait(value, static_cast<uint32_t>(kWait.count()));
     if (result == Queue::kTimedOut) {
       EXPECT_GE(std::chrono::steady_clock::now() - start, kWait);
+      EXPECT_LT(teased, kEnough) << "the deadline stays where it was";
     }
+    over = true;
     teaser.join();
   }
   EXPECT_EQ(result, Queue::kTimedOut);

@@ -293,7 +293,10 @@ TEST_F(UdevRegistryTest, LastEventWinsAlsoWhileTheMonitorStarts) {
     testbed_.unplug("1-2");
     barrier(monitor, false);
     monitor.StopMonitoring();
-    if (ends_attached) testbed_.unplug("1-1");
+    // The mock library forgets a listener that has gone when it sends the next event. If it still knew it when the next
+    // one comes, it could take the new one's opening for a fault of the test and end the process.
+    if (!ends_attached) testbed_.plugMirn("1-1");
+    testbed_.unplug("1-1");
   }
   EXPECT_EQ(liveHandles(), 0U);
 }
