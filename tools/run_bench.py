@@ -16,6 +16,7 @@ import pathlib
 import re
 import subprocess
 import sys
+import tempfile
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]
 REPETITIONS = os.environ.get("BENCH_REPETITIONS", "9")
@@ -39,14 +40,18 @@ def medians(program, pattern):
                "--benchmark_min_time=0.05"]
     if pattern:
         command.append(f"--benchmark_filter={pattern}")
-    done = subprocess.run(command, cwd=ROOT, stdout=subprocess.PIPE, text=True, check=False)
+    # Standard output may carry lines of the library's log; a program that knows no such file prints its results alone.
+    with tempfile.NamedTemporaryFile("r", suffix=".json") as results:
+        command += [f"--benchmark_out={results.name}", "--benchmark_out_format=json"]
+        done = subprocess.run(command, cwd=ROOT, stdout=subprocess.PIPE, text=True, check=False)
+        text = results.read() or done.stdout
     if done.returncode != 0:
         print(f"{program.name}: ended with status {done.returncode}", file=sys.stderr)
         return {}, {}, False
-    if not done.stdout.strip():
+    if not text.strip():
         return {}, {}, True
     result, counters = {}, {}
-    for entry in json.loads(done.stdout)["benchmarks"]:
+    for entry in json.loads(text)["benchmarks"]:
         if entry.get("aggregate_name") != "median":
             continue
         name = re.sub(r"/(manual_time|real_time|process_time|iterations:\d+|threads:\d+|min_time:[\d.]+|repeats:\d+)", "", entry["run_name"])

@@ -210,10 +210,18 @@ void endToEndBare(benchmark::State& state) {
   for (auto _ : state) state.SetIterationTime(medianSeconds(one_call) + 1.3 * medianSeconds(one_hand_over));
 }
 
-BENCHMARK(endToEndOurs)->Name("channel_end_to_end/ours")->UseManualTime()->Unit(benchmark::kMicrosecond);
+// The rest of each call, while the sending thread comes to rest, isn't in the time that Google Benchmark sees.
+constexpr int kMedians = 60;
+
+BENCHMARK(endToEndOurs)
+    ->Name("channel_end_to_end/ours")
+    ->UseManualTime()
+    ->Iterations(kMedians)
+    ->Unit(benchmark::kMicrosecond);
 BENCHMARK(endToEndBare)
     ->Name("channel_end_to_end/peer:same_work_and_1.3_hand_overs")
     ->UseManualTime()
+    ->Iterations(kMedians)
     ->Unit(benchmark::kMicrosecond);
 
 }  // namespace
