@@ -388,9 +388,12 @@ def test_picture_to_the_clipboard(desktop):
     console = Console(desktop, PROGRAM)
     console.ready()
     console.say("action copy-picture")
+    said = console.state()["said"]
+    expect(said == "The picture is on the clipboard.", "the console says so, not '%s'" % said)
     paste = ["xclip", "-selection", "clipboard", "-o", "-t"]
     console.wait("the picture on offer", lambda s: b"image/png" in subprocess.run(
-        paste + ["TARGETS"], env=desktop.environment, stdout=subprocess.PIPE, check=False).stdout)
+        paste + ["TARGETS"], env=desktop.environment, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
+        check=False).stdout)
     # The console itself serves whoever pastes.
     path = os.path.join(desktop.folder, "pasted.png")
     with open(path, "wb") as file:

@@ -123,7 +123,9 @@ class Console:
             time.sleep(0.05)  # between two questions, not to let anything settle
 
     def ready(self, condition="fine", apart_from=None):
-        state = self.wait("the condition " + condition, lambda s: s["condition"] == condition)
+        # "fine" is said when pictures arrive; the window shows the first one with its next frame.
+        self.wait("the condition " + condition,
+                  lambda s: s["condition"] == condition and (condition != "fine" or s["strip"]))
         found = []
 
         def shown(_):
@@ -135,8 +137,7 @@ class Console:
         self.wait("the window", shown)
         self.window = found[-1]
         self.desktop.xdotool("windowactivate", "--sync", self.window)
-        self.wait("the window's activation", lambda s: s["active"])
-        return state
+        return self.wait("the window's activation", lambda s: s["active"])
 
     def corner(self):
         """Root position of the window's upper left corner, device pixels."""
