@@ -130,10 +130,9 @@ def test_another_window_takes_the_keyboard(desktop):
     console.wait("the loss of the keyboard", lambda s: not s["captured"] and holds_nothing(s))
     other.wait("the focus there", lambda s: s["active"])
     desktop.xdotool("type", "secret")
-    now = console.state()["text"]
-    expect(now.replace("a", "") == typed.replace("a", ""), "the target got '%s'" % now)
     desktop.xdotool("windowactivate", "--sync", console.window)
-    console.wait("the keyboard again", lambda s: s["captured"])
+    now = console.wait("the keyboard again", lambda s: s["captured"])["text"]
+    expect(now.replace("a", "") == typed.replace("a", ""), "the target got '%s'" % now)
 
 
 def test_typing_into_a_field_of_the_console_stays_here(desktop):

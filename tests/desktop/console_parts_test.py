@@ -186,12 +186,15 @@ def test_device_panel(desktop):
 def test_pasting_from_the_clipboard_and_cancelling(desktop):
     console = Console(desktop, PROGRAM)
     console.ready()
-    secret = "Xyzzy-Secret-Passphrase-" * 12
+    secret = "Xyzzy-Secret-Passphrase-" * 80  # takes seconds, so that there is time to cancel
     clip = subprocess.Popen(["xclip", "-selection", "clipboard", "-i", "-quiet"], env=desktop.environment,
                             stdin=subprocess.PIPE, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
     try:
         clip.stdin.write(secret.encode())
         clip.stdin.close()
+        console.wait("the text on offer", lambda s: subprocess.run(
+            ["xclip", "-selection", "clipboard", "-o"], env=desktop.environment, stdout=subprocess.PIPE,
+            stderr=subprocess.DEVNULL, check=False).stdout == secret.encode())
         desktop.xdotool("key", "ctrl+shift+v")
         console.wait_text("%d characters can be typed." % len(secret))
         keep(desktop, "paste_from_clipboard", console, "Type text")
@@ -219,7 +222,8 @@ def test_pasting_from_the_clipboard_and_cancelling(desktop):
 def offer_paste(console, text):
     """The dialog with the text in it; it has the focus, so that nothing is released any more once it types."""
     console.say("paste " + text.encode().hex())
-    console.wait("the dialog's focus", lambda s: not s["active"])
+    console.wait("the main window's loss of the focus", lambda s: not s["active"])
+    console.desktop.wait_focus("Type text")
     console.drawn("Type text")
 
 

@@ -46,6 +46,18 @@ class Desktop:
     def xdotool(self, *arguments):
         return self.run("xdotool", *[str(argument) for argument in arguments])
 
+    def wait_focus(self, title):
+        """Waits until the window of that title has the keyboard: between two windows nobody has it for a moment."""
+        end = time.monotonic() + PATIENCE
+        while True:
+            told = subprocess.run(["xdotool", "getactivewindow", "getwindowname"], env=self.environment,
+                                  capture_output=True, text=True, timeout=60, check=False)
+            if told.stdout.strip() == title:
+                return
+            if time.monotonic() > end:
+                raise Failure("'%s' did not get the focus: %s%s" % (title, told.stdout, told.stderr))
+            time.sleep(0.05)
+
     def screenshot(self, path):
         self.run("import", "-window", "root", path)
 
