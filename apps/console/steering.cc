@@ -198,7 +198,9 @@ std::string Steering::act(const std::string& line) {
     return dump(done);
   }
   if (command == "meanwhile") {
-    Glib::signal_idle().connect_once([this, later = line.substr(line.find(' ') + 1)] { act(later); });
+    // Before anything else that waits: while the window closes, this is the first turn of the loop that serves it.
+    Glib::signal_idle().connect_once([this, later = line.substr(line.find(' ') + 1)] { act(later); },
+                                     Glib::PRIORITY_HIGH);
   } else if (command == "paste") {
     window_.pasteText(fromHex(first));
   } else if (command == "type") {

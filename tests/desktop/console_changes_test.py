@@ -206,7 +206,8 @@ def test_nothing_goes_down_while_the_window_closes(desktop):
     expect("Sent" not in answer["said"], answer["said"])
     expect("keys" not in answer["sent"] and answer["held"] == NOTHING, "after closing: %s" % answer)
     console.process.wait(60)
-    expect(console.process.returncode == 0, "the second close doesn't take the window from under the first one")
+    expect(console.process.returncode == 0, "the second close took the window from under the first one: %d, %s" % (
+        console.process.returncode, open(console.log.name, encoding="utf-8").read()[-3000:]))
 
 
 sys.exit(main(globals()))
