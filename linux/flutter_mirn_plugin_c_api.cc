@@ -1,12 +1,8 @@
 #include "include/flutter_mirn/flutter_mirn_plugin_c_api.h"
 
 #include "linux/registration.h"
+#include "plugin/mirn_host.h"
 #include "plugin/registration.h"
-
-namespace mirn {
-// The library's exported entry point, declared here because its header belongs to a room that this one doesn't see.
-void destroyTexture(int64_t id);
-}  // namespace mirn
 
 struct _FlutterMirnPluginCApi {
   GObject parent_instance;

@@ -1,11 +1,13 @@
 // For programs that host the library: what no command of the channel carries. Input, pictures and every command go
 // through the channel. All functions are called on the platform thread unless said otherwise; none throws.
+// destroyTexture, which takes a texture away, comes with this header.
 #pragma once
 
 #include <cstdint>
 #include <string>
 
 #include "embedding/export.h"
+#include "video/destroy_texture.h"
 
 namespace mirn {
 
@@ -72,10 +74,12 @@ MIRN_EXPORT HostLinkStatistics hostLinkStatistics();
 // they are installed and as anything made from them. Never installed by default. Install before the first command that
 // reaches for the device: the answer is false, and nothing changes, while a proxy, a capture session (of either
 // plug-in) or the USB monitor holds on to the one that would be replaced.
-MIRN_EXPORT bool hostInstallHidFunctions(const HidFunctions* functions);
+MIRN_EXPORT bool hostInstallHidFunctions(const HidFunctions* functions);  // platform/hid_functions.h
+MIRN_EXPORT bool hostInstallUsbRegistry(UsbRegistry* registry);           // platform/usb_registry.h
+MIRN_EXPORT bool hostInstallClock(Clock* clock);                          // platform/clock.h
+// For hosts that are built in this tree: a capture system stands on parts of the library that it doesn't show, so
+// platform/capture.h is not installed. Elsewhere it takes nullptr alone.
 MIRN_EXPORT bool hostInstallCaptureSystem(CaptureSystem* system);
-MIRN_EXPORT bool hostInstallUsbRegistry(UsbRegistry* registry);
-MIRN_EXPORT bool hostInstallClock(Clock* clock);
 
 // The LED's status as the device answers it now: one exchange, 500 ms at most. -1 without a proxy or an answer.
 MIRN_EXPORT int32_t hostLedStatus();

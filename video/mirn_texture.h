@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "deps/pellum/thread_annotations.h"
-#include "embedding/export.h"
 #include "embedding/texture_registry.h"
 #include "platform/pixel_buffer.h"
+#include "video/destroy_texture.h"
 
 namespace mirn {
 
@@ -70,9 +70,6 @@ void liveTextureIds(std::vector<int64_t>& ids) MIRN_EXCLUDES(g_MacOSTextureLock)
 /// One frame for one texture: keeps `buffer` in the texture and tells its registry. An id that isn't in both maps is
 /// ignored. Any thread.
 void updateTexture(int64_t id, const PixelBufferRef& buffer) MIRN_EXCLUDES(g_MacOSTextureLock);
-
-/// Unregisters and forgets one texture. An unknown id is ignored. Any thread; doesn't wait for the main thread.
-MIRN_EXPORT void destroyTexture(int64_t id) MIRN_EXCLUDES(g_MacOSTextureLock);
 
 /// What runs first at process exit, before the maps above are destroyed: it releases the manager. Set once, by whoever
 /// owns the manager.

@@ -1,5 +1,6 @@
 // A program that has nothing of this project but what is installed: headers, library, pkg-config file. Registers the
-// plug-in with an engine of its own, makes a call byte by byte, and asks the texture for its picture.
+// plug-in with an engine of its own, makes calls byte by byte, asks the texture for its picture and takes it away; puts
+// back ends of its own in the place of hidapi, the USB register and the clock.
 #include <cstdio>
 #include <map>
 #include <memory>
@@ -13,7 +14,10 @@
 #include "embedding/standard_codec.h"
 #include "embedding/texture_registry.h"
 #include "embedding/value.h"
+#include "platform/clock.h"
+#include "platform/hid_functions.h"
 #include "platform/pixel_buffer.h"
+#include "platform/usb_registry.h"
 #include "plugin/mirn_host.h"
 #include "plugin/registration.h"
 
@@ -76,9 +80,68 @@ uint64_t sumOf(mirn::ExternalTexture& texture) {
   return sum;
 }
 
+// A USB register in which nothing works; it counts what it was asked for.
+class NoRegistry final : public mirn::UsbRegistry {
+ public:
+  std::unique_ptr<mirn::UsbMatching> createMatching(const char*) override {
+    ++asked;
+    return nullptr;
+  }
+  std::unique_ptr<mirn::UsbNotificationPort> createNotificationPort() override { return nullptr; }
+  int32_t addMatchingNotification(mirn::UsbNotificationPort&, mirn::UsbNotification, std::unique_ptr<mirn::UsbMatching>,
+                                  mirn::UsbNotificationCallback, void*, mirn::UsbIterator*) override {
+    return -1;
+  }
+  int32_t getMatchingServices(std::unique_ptr<mirn::UsbMatching>, mirn::UsbIterator*) override { return -1; }
+  mirn::UsbService iteratorNext(mirn::UsbIterator) override { return 0; }
+  void release(mirn::UsbHandle) override {}
+  std::unique_ptr<mirn::UsbProperties> createProperties(mirn::UsbService) override { return nullptr; }
+  std::shared_ptr<mirn::UsbRunLoop> currentRunLoop() override { return nullptr; }
+  int asked = 0;
+};
+
+class StandingClock final : public mirn::Clock {
+ public:
+  Duration now() override { return {}; }
+  void sleepFor(Duration) override {}
+  void waitUntil(std::condition_variable_any&, mirn::Mutex&, Duration) override {}
+};
+
+// hidapi's calls without a device.
+int g_opens = 0;
+const mirn::HidFunctions kNoHid = {
+    .init = [] { return 0; },
+    .open = [](unsigned short, unsigned short, const wchar_t*) -> mirn::hid_device* {
+      ++g_opens;
+      return nullptr;
+    },
+    .write = [](mirn::hid_device*, const unsigned char*, size_t) { return -1; },
+    .read_timeout = [](mirn::hid_device*, unsigned char*, size_t, int) { return -1; },
+    .close = [](mirn::hid_device*) {},
+    .topology = [](mirn::hid_device*) { return std::string(); },
+};
+
 bool failed(const char* what) {
   std::fprintf(stderr, "FAILED: %s\n", what);
   return true;
+}
+
+// Installs back ends of this program and sees that the library goes to them. False when all is well.
+bool backEndsFail(mirn::BinaryMessageHandler& handler) {
+  NoRegistry registry;
+  StandingClock clock;
+  if (!mirn::hostInstallHidFunctions(&kNoHid) || !mirn::hostInstallUsbRegistry(&registry) ||
+      !mirn::hostInstallClock(&clock)) {
+    return failed("a back end was refused though nothing is open");
+  }
+  if (mirn::hostDeviceAttached() || registry.asked != 1) return failed("the installed USB register wasn't asked");
+  Answer connected;
+  handler.onMessage(call("initKmProxy"), mirn::BinaryReply(&connected));
+  // Success, false.
+  if (connected.bytes != Bytes{0, 2} || g_opens == 0) return failed("the installed HID functions weren't asked");
+  return (!mirn::hostInstallHidFunctions(nullptr) || !mirn::hostInstallUsbRegistry(nullptr) ||
+          !mirn::hostInstallClock(nullptr) || !mirn::hostInstallCaptureSystem(nullptr)) &&
+         failed("the real back ends can't be put back");
 }
 
 }  // namespace
@@ -99,6 +162,11 @@ int main() {
   if (mirn::hostSessionStatistics().open) return failed("a session is open that nobody asked for");
   const uint64_t sum = sumOf(*textures->kept.begin()->second);
   std::printf("one channel, %zu textures, sum %llu\n", textures->kept.size(), static_cast<unsigned long long>(sum));
+  if (backEndsFail(*handler->second)) return 1;
+  mirn::destroyTexture(2);
+  if (textures->kept.size() != 1) return failed("an unknown id took the texture away");
+  mirn::destroyTexture(1);
+  if (!textures->kept.empty()) return failed("destroyTexture left the texture");
   registrar.detach();
   return messenger.handlers.empty() ? 0 : failed("the handler stayed when the engine went");
 }

@@ -38,5 +38,16 @@ library_folder=$(dirname "$(find "$top" -name libflutter_mirn.so)")
 eval "${CXX:-c++} -std=c++20 -O0 '$here/consumer.cc' -o '$work/consumer' $flags"
 LD_LIBRARY_PATH=$library_folder "$work/consumer"
 
+echo "== every installed header stands by itself, and they declare every function that the library shows"
+headers=$top/include/flutter_mirn
+while IFS= read -r header; do
+  eval "${CXX:-c++} -std=c++20 -fsyntax-only -Wall -Werror -include '$header' -x c++ /dev/null $flags" || fail "$header"
+done < <(find "$headers" -name '*.h')
+shown=$(nm -D --defined-only -C "$library_folder/libflutter_mirn.so" | sed -n 's/.* T mirn::\([A-Za-z]*\).*/\1/p')
+[[ -n $shown ]] || fail "the library shows nothing"
+for function in $shown; do
+  grep -rqE "^MIRN_EXPORT .*\b$function\(" "$headers" || fail "no installed header declares $function"
+done
+
 echo "== the files that are neither program nor library"
 "$here/check_files.sh" "$top"
