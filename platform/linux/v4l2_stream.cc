@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <ctime>
 #include <optional>
+#include <system_error>
 #include <utility>
 
 #include "platform/linux/v4l2_formats.h"
@@ -81,8 +82,12 @@ std::unique_ptr<V4l2Stream> V4l2Stream::start(V4l2Calls& calls, int fd, std::str
     stream->fail(code, "starting the stream", error);
     return nullptr;
   }
-  V4l2Stream* const self = stream.get();
-  stream->thread_ = std::thread([self] { self->work(); });
+  try {
+    stream->thread_ = std::thread(&V4l2Stream::work, stream.get());
+  } catch (const std::system_error& failure) {
+    stream->fail(failure.code().value(), "starting the capture thread", error);
+    return nullptr;
+  }
   return stream;
 }
 

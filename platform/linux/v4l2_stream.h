@@ -32,7 +32,8 @@ class V4l2StreamUser {
 /// Both ends are bounded by the driver's own time-outs; nothing waits for a frame.
 class V4l2Stream {
  public:
-  /// `fd` stays open, and `calls` and `user` live, until the stream is gone. Null on failure.
+  /// `fd` stays open, and `calls` and `user` live, until the stream is gone. Null on failure,
+  /// which the lack of a thread is too.
   static std::unique_ptr<V4l2Stream> start(V4l2Calls& calls, int fd, std::string node, const FrameLayout& layout,
                                            V4l2StreamUser& user, CaptureError* error);
   ~V4l2Stream();

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "platform/work_queue.h"
+#include "tests/support/no_more_threads.h"
 #include "tests/support/video/fake_v4l2.h"
 #include "tests/support/video/log_capture.h"
 
@@ -336,6 +337,31 @@ TEST_F(V4l2DeviceTest, EveryFailingStepOfTheStartGivesItsReasonAndLeavesNothingB
     EXPECT_TRUE(open(&error));
     session_.reset();
   }
+}
+
+TEST_F(V4l2DeviceTest, WithoutAThreadTheStartGivesItsReasonAndLeavesNothingBehind) {
+  CaptureError error;
+  {
+    const test::NoMoreThreads none;
+    EXPECT_FALSE(open(&error));
+  }
+  EXPECT_EQ(error.code, EAGAIN);
+  EXPECT_EQ(error.reason, "starting the capture thread failed");
+  EXPECT_FALSE(session_->isRunning());
+  EXPECT_EQ(calls_->mappings(), 0U);
+  session_.reset();
+  EXPECT_EQ(calls_->openDescriptors(), 0U);
+  ASSERT_TRUE(open(&error));
+  // Nor does a change of the format: frames end, the reason is told, the format is the new one.
+  device_->lockForConfiguration();
+  {
+    const test::NoMoreThreads none;
+    EXPECT_FALSE(device_->setActiveFormat(format(kCaptureYuyv, 128), &error));
+  }
+  EXPECT_EQ(error.code, EAGAIN);
+  EXPECT_EQ(numbers().stopCode, EAGAIN);
+  EXPECT_FALSE(session_->isRunning());
+  EXPECT_TRUE(session_->startRunning());
 }
 
 TEST_F(V4l2DeviceTest, PullingItOutStopsTheSessionAndNothingBlocks) {
