@@ -42,7 +42,7 @@ class USBMonitor {
 
   // Ends the thread (100 ms at least) and gives back every platform object. Nothing, when not monitoring. A stopped
   // monitor can be started again; the presence flag stays as it is. Throws std::system_error when the deferred stop
-  // gets no thread.
+  // gets no thread; a monitor thread that runs then runs on, and the end of this object ends the process.
   void StopMonitoring();
 
   void SetDeviceExist(bool exist) { bDeviceExist_.store(exist); }

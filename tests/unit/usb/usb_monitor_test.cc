@@ -1,14 +1,19 @@
 #include "usb/usb_monitor.h"
 
 #include <gtest/gtest.h>
-#include <pthread.h>
 
 #include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <future>
+#include <optional>
 #include <string>
+#include <system_error>
 #include <thread>
 
 #include "platform/mirn_identity.h"
+#include "tests/support/no_more_threads.h"
 #include "tests/unit/usb/process_counts.h"
 #include "tests/unit/usb/quick_clock.h"
 #include "tests/unit/usb/usb_registry_double.h"
@@ -18,6 +23,7 @@ namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
+using test::NoMoreThreads;
 
 const FakeUsbDevice kMirn = fakeDevice(g_vid, g_pid);
 const FakeUsbDevice kOther = fakeDevice(0x0bda, 0x0129);
@@ -311,28 +317,6 @@ INSTANTIATE_TEST_SUITE_P(
                                  "Failed to add terminated notification: 5", true, 1, 1}),
     [](const auto& failure) { return failure.param.name; });
 
-// While it lives no thread can be made: a new one's stack would need the whole address space.
-class NoMoreThreads {
- public:
-  NoMoreThreads() {
-    EXPECT_EQ(pthread_getattr_default_np(&before_), 0);
-    pthread_attr_t endless;
-    pthread_attr_init(&endless);
-    EXPECT_EQ(pthread_attr_setstacksize(&endless, size_t{1} << 47), 0);
-    EXPECT_EQ(pthread_setattr_default_np(&endless), 0);
-    pthread_attr_destroy(&endless);
-  }
-  ~NoMoreThreads() {
-    EXPECT_EQ(pthread_setattr_default_np(&before_), 0);
-    pthread_attr_destroy(&before_);
-  }
-  NoMoreThreads(const NoMoreThreads&) = delete;
-  NoMoreThreads& operator=(const NoMoreThreads&) = delete;
-
- private:
-  pthread_attr_t before_{};
-};
-
 TEST_F(UsbMonitorTest, WithoutAThreadTheStartSaysSoAndCountsAsOne) {
   USBMonitor monitor;
   monitor.SetDeviceExist(true);
@@ -353,6 +337,56 @@ TEST_F(UsbMonitorTest, WithoutAThreadTheStartSaysSoAndCountsAsOne) {
   registry_.waitUntilRunning();
   monitor.StopMonitoring();
   EXPECT_TRUE(registry_.allGivenBack());
+}
+
+// Here the start had no thread either: nothing is left that a stop would have to end.
+TEST_F(UsbMonitorTest, WithoutAThreadForTheDeferredStopTheStopThrows) {
+  const auto [out, err] = streamsOf([&] {
+    USBMonitor monitor;
+    const NoMoreThreads none;
+    EXPECT_TRUE(monitor.StartMonitoring());
+    EXPECT_THROW(monitor.StopMonitoring(), std::system_error);
+    monitor.StopMonitoring();  // no longer monitoring: nothing is tried again
+  });
+  EXPECT_EQ(out, "") << "nothing was stopped";
+}
+
+// Both in a process of their own: the monitor thread runs, and nobody can end it any more.
+class UsbMonitorDeathTest : public UsbMonitorTest {
+ protected:
+  UsbMonitorDeathTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+
+  void watch() {
+    monitor_.emplace();
+    monitor_->StartMonitoring();
+    registry_.waitUntilRunning();
+  }
+  void stopWithoutAThread() {
+    watch();
+    const NoMoreThreads none;
+    try {
+      monitor_->StopMonitoring();
+    } catch (const std::system_error& error) {
+      std::fprintf(stderr, "stopping: %s\n", error.what());
+      std::_Exit(3);
+    }
+  }
+  void endWithoutAThread() {
+    watch();
+    const NoMoreThreads none;
+    monitor_.reset();
+    std::_Exit(4);
+  }
+
+  std::optional<USBMonitor> monitor_;
+};
+
+TEST_F(UsbMonitorDeathTest, TheStopOfARunningMonitorThrowsWithoutAThread) {
+  EXPECT_EXIT(stopWithoutAThread(), testing::ExitedWithCode(3), "stopping: Resource temporarily unavailable");
+}
+
+TEST_F(UsbMonitorDeathTest, TheEndOfARunningMonitorEndsTheProcessWithoutAThread) {
+  EXPECT_EXIT(endWithoutAThread(), testing::KilledBySignal(SIGABRT), "system_error");
 }
 
 TEST_F(UsbMonitorTest, AFailedStartCanBeFollowedByAGoodOne) {
