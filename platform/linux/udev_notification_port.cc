@@ -152,12 +152,18 @@ void UdevNotificationPort::makeGoodLostEvents() {
     return;  // still lost: the next event is the next chance
   }
   events_lost_ = false;
-  // Removals first: with a device attached the last word is its arrival. Another device on the same port is a removal.
+  const auto differs = [](const std::map<std::string, UdevUsbEntry>& others, const UdevUsbEntry& entry) {
+    const auto there = others.find(entry.syspath);
+    return there == others.end() || there->second != entry;
+  };
+  // Removals first: where one device went and another came, the last word is who is there. Another device on the same
+  // port is both.
   for (const auto& [syspath, entry] : before) {
-    const auto there = attached_.find(syspath);
-    if (there == attached_.end() || there->second != entry) deliver(UsbNotification::kTerminate, entry);
+    if (differs(attached_, entry)) deliver(UsbNotification::kTerminate, entry);
   }
-  for (const UdevUsbEntry& entry : now) deliver(UsbNotification::kMatched, entry);
+  for (const UdevUsbEntry& entry : now) {
+    if (differs(before, entry)) deliver(UsbNotification::kMatched, entry);
+  }
 }
 
 }  // namespace mirn

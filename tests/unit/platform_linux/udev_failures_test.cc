@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 #include <libudev.h>
 
+#include <atomic>
 #include <cerrno>
+#include <string>
 
 #include "tests/unit/platform_linux/udev_testbed.h"
 #include "tests/unit/usb/quick_clock.h"
@@ -15,6 +17,11 @@ namespace {
 
 enum class Fails { kNothing, kContext, kMonitor, kFilter, kReceiving, kEnumerator, kScan };
 std::atomic<Fails> g_fails{Fails::kNothing};
+
+// The next event doesn't arrive, and this is the reason; 0 = every event arrives.
+std::atomic<int> g_event_lost{0};
+std::atomic<int> g_received{0};  // calls that have asked for an event
+std::atomic<int> g_scans{0};
 
 template <typename Function>
 Function* next(Function* /*same*/, const char* name) {
@@ -40,10 +47,21 @@ int udev_monitor_enable_receiving(udev_monitor* monitor) {
   if (g_fails == Fails::kReceiving) return -EPERM;
   return next(udev_monitor_enable_receiving, "udev_monitor_enable_receiving")(monitor);
 }
+udev_device* udev_monitor_receive_device(udev_monitor* monitor) {
+  udev_device* device = next(udev_monitor_receive_device, "udev_monitor_receive_device")(monitor);
+  ++g_received;
+  if (const int reason = g_event_lost.exchange(0); reason != 0) {
+    udev_device_unref(device);
+    device = nullptr;
+    errno = reason;
+  }
+  return device;
+}
 udev_enumerate* udev_enumerate_new(udev* context) {
   return g_fails == Fails::kEnumerator ? nullptr : next(udev_enumerate_new, "udev_enumerate_new")(context);
 }
 int udev_enumerate_scan_devices(udev_enumerate* enumerate) {
+  ++g_scans;
   if (g_fails == Fails::kScan) return -EIO;
   return next(udev_enumerate_scan_devices, "udev_enumerate_scan_devices")(enumerate);
 }
@@ -54,7 +72,10 @@ namespace {
 
 class UdevFailureTest : public testing::Test {
  protected:
-  ~UdevFailureTest() override { g_fails = Fails::kNothing; }
+  ~UdevFailureTest() override {
+    g_fails = Fails::kNothing;
+    g_event_lost = 0;
+  }
 
   Testbed testbed_;
   UdevUsbRegistry registry_;
@@ -140,7 +161,55 @@ TEST_F(UdevFailureTest, LostEventsStayLostUntilSysfsCanBeRead) {
   EXPECT_EQ(diary.upTo("+3"), "+3");
   g_fails = Fails::kNothing;
   testbed_.plug("1-4", g_vid, 4);
-  EXPECT_EQ(diary.upTo("+2").substr(0, 4), "+4-1") << "the next event is the next chance";
+  EXPECT_EQ(diary.upTo("-1"), "+4-1") << "the next event is the next chance";
+}
+
+TEST_F(UdevFailureTest, WhatTheKernelHadToDropIsMadeGood) {
+  testbed_.plug("1-1", g_vid, 1);
+  PortDiary diary(registry_);
+  g_event_lost = ENOBUFS;
+  testbed_.plug("1-2", g_vid, 2);
+  EXPECT_EQ(diary.upTo("+2"), "+2") << "sysfs shows it";
+  g_event_lost = ENOBUFS;
+  testbed_.unplug("1-1");
+  EXPECT_EQ(diary.upTo("-1"), "-1");
+}
+
+// A message that is no event, say: nobody was silenced.
+TEST_F(UdevFailureTest, NoOtherFailureToReceiveIsALoss) {
+  PortDiary diary(registry_);
+  const int scans = g_scans;
+  unsigned product = 0;
+  for (const int reason : {EAGAIN, EINVAL, EIO}) {
+    g_event_lost = reason;
+    for (int plugs = 0; plugs < 2; ++plugs) {
+      ++product;
+      testbed_.plug("1-" + std::to_string(product), g_vid, product);
+    }
+    const std::string second = "+" + std::to_string(product);
+    EXPECT_EQ(diary.upTo(second), second) << reason;
+  }
+  EXPECT_EQ(g_scans, scans);
+}
+
+// The flag tells the last event, not who is there: a loss in which the other Mirn had no part changes nothing.
+TEST_F(UdevFailureTest, ALossAmongOthersLeavesTheFlagOfTwoMirnsAsItIs) {
+  const ScopedQuickClock quick;
+  testbed_.plugMirn("1-1");
+  testbed_.plugMirn("1-2");
+  USBMonitor monitor;
+  monitor.StartMonitoring();
+  ASSERT_TRUE(comesTrue([&] { return monitor.GetDeviceExist(); }));
+  testbed_.unplug("1-1");
+  ASSERT_TRUE(comesTrue([&] { return !monitor.GetDeviceExist(); }));
+  const int scans = g_scans;
+  g_event_lost = ENOBUFS;
+  testbed_.plug("1-3", 0x0bda, 0x0129);
+  ASSERT_TRUE(comesTrue([&] { return g_scans > scans; })) << "the loss is made good";
+  const int received = g_received;
+  testbed_.plug("1-4", 0x0bda, 0x0129);
+  ASSERT_TRUE(comesTrue([&] { return g_received > received; })) << "and all of that is told by now";
+  EXPECT_FALSE(monitor.GetDeviceExist());
 }
 
 }  // namespace
