@@ -32,10 +32,6 @@ int complain(const std::string& what, VirtualExit status) {
   return statusOf(status);
 }
 
-void tell(const std::string& line) {
-  std::cout << line << std::endl;
-}
-
 // The controller, and the drivers that take the device: a system without udev loads none by itself. What comes of it
 // shows in the next step.
 void loadModules() {
@@ -82,8 +78,8 @@ class Run {
       const VhciError error = fleet_.plugAll(&detail);
       if (error != VhciError::kNone) return complain(detail, exitStatusOf(error));
     }
-    tell(fleet_.status());
-    tell("ready");
+    commands_.tell(fleet_.status());
+    commands_.tell("ready");
     while (!quit_) waitOnce();
     fleet_.unplugAll();
     return statusOf(VirtualExit::kEnded);
@@ -103,7 +99,7 @@ class Run {
     uint64_t count = 0;
     while (::read(ended_.get(), &count, sizeof(count)) > 0) {
     }
-    for (const std::string& line : fleet_.cleanUp()) tell(line);
+    for (const std::string& line : fleet_.cleanUp()) commands_.tell(line);
   }
 
   void takeSignals() {
@@ -112,11 +108,11 @@ class Run {
       switch (static_cast<int>(info.ssi_signo)) {
         case SIGUSR1:
           fleet_.unplugAll();
-          tell("all unplugged");
+          commands_.tell("all unplugged");
           break;
         case SIGUSR2: {
           std::string detail;
-          tell(fleet_.plugAll(&detail) == VhciError::kNone ? "all plugged" : "error: " + detail);
+          commands_.tell(fleet_.plugAll(&detail) == VhciError::kNone ? "all plugged" : "error: " + detail);
           break;
         }
         default:

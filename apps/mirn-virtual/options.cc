@@ -124,18 +124,27 @@ std::string take(int letter, const std::string& value, VirtualOptions* options) 
   }
 }
 
+constexpr char kLetters[] = ":n:s:t:p:f:c:hV";
+
+// What getopt did not know, as it was written.
+std::string unknownOption(char** argv) {
+  // A letter that is known is no wrong one: it stands for a long option with a value that it doesn't take.
+  const bool letter = optopt > 0 && optopt < kPicture && std::strchr(kLetters, optopt) == nullptr;
+  return letter ? std::string("-") + static_cast<char>(optopt) : argv[optind - 1];
+}
+
 }  // namespace
 
 ParsedOptions parseOptions(int argc, char** argv) {
   VirtualOptions options;
-  optind = 1;
+  optind = 0;  // begins anew, even behind a line that ended in the middle of a word
   opterr = 0;
   for (;;) {
-    const int letter = getopt_long(argc, argv, ":n:s:t:p:f:c:hV", kLongOptions, nullptr);
+    const int letter = getopt_long(argc, argv, kLetters, kLongOptions, nullptr);
     if (letter == -1) break;
     if (letter == 'h') return {std::nullopt, kHelp, VirtualExit::kEnded};
     if (letter == 'V') return {std::nullopt, "mirn-virtual " MIRN_VERSION, VirtualExit::kEnded};
-    if (letter == '?') return wrong(std::string("unknown option ") + argv[optind - 1]);
+    if (letter == '?') return wrong("unknown option " + unknownOption(argv));
     if (letter == ':') return wrong(std::string(argv[optind - 1]) + " needs a value");
     const std::string problem = take(letter, optarg != nullptr ? optarg : "", &options);
     if (!problem.empty()) return wrong(problem);
