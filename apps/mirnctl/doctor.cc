@@ -110,7 +110,12 @@ class Judge {
       for (const std::string& format : missingFormats(device.formats)) {
         lacking += (lacking.empty() ? "" : ", ") + format;
       }
-      if (device.formats.empty()) {
+      bool readable =
+          std::any_of(device.video.begin(), device.video.end(), [](const NodeFact& node) { return node.may_open; });
+      if (device.formats.empty() && readable) {
+        trouble("formats", device.port + ": the camera offers no picture format that can be used", kExitIncomplete,
+                "Unplug the Mirn and plug it into a USB port of its own, without a hub.");
+      } else if (device.formats.empty()) {
         add("formats", CheckMark::kNote, device.port + ": the camera's format list can't be read");
       } else if (lacking.empty()) {
         add("formats", CheckMark::kGood, device.port + ": all four picture formats are offered");

@@ -19,7 +19,7 @@ struct Holder {
 struct NodeFact {
   std::string path;             // "/dev/hidraw0"
   bool may_open = false;        // this user may read and write it
-  std::string permissions;      // "root:video 0660"
+  std::string permissions;      // "root:video 0660; user anna rw"
   std::vector<Holder> holders;  // other programs that have it open, as far as we may see
 };
 

@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "apps/mirnctl/access_list.h"
 #include "apps/mirnctl/doctor_facts.h"
 #include "platform/mirn_identity.h"
 
@@ -54,8 +55,10 @@ std::string permissionsOf(const std::string& node) {
   group* owner = getgrgid(status.st_gid);
   std::array<char, 16> mode{};
   std::snprintf(mode.data(), mode.size(), " %04o", static_cast<unsigned>(status.st_mode & 07777));
+  std::string grants = accessGrants(node);
   return (user != nullptr ? user->pw_name : std::to_string(status.st_uid)) + ":" +
-         (owner != nullptr ? owner->gr_name : std::to_string(status.st_gid)) + mode.data();
+         (owner != nullptr ? owner->gr_name : std::to_string(status.st_gid)) + mode.data() +
+         (grants.empty() ? "" : "; " + grants);
 }
 
 bool isNumber(const std::string& text) {

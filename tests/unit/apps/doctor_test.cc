@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <array>
@@ -11,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "apps/mirnctl/access_list.h"
 #include "platform/mirn_identity.h"
 
 namespace mirn {
@@ -104,10 +106,20 @@ TEST_F(DoctorTest, AMissingFormatIsIncomplete) {
   expectTrouble("formats", "lacks 1920x1080 420v", kExitIncomplete, "full speed");
 }
 
-TEST_F(DoctorTest, AListThatCanNotBeReadIsNoted) {
+TEST_F(DoctorTest, AnOpenCameraWithoutAUsableFormatIsIncomplete) {
   mirn().formats.clear();
+  expectTrouble("formats", "1-4: the camera offers no picture format that can be used", kExitIncomplete,
+                "a USB port of its own");
+}
+
+TEST_F(DoctorTest, TheListOfACameraThatMayNotBeOpenedIsNoted) {
+  mirn().formats.clear();
+  mirn().video[0].may_open = false;
   EXPECT_EQ(only("formats").mark, CheckMark::kNote);
-  EXPECT_EQ(judge(facts_).status, kExitOk);
+  EXPECT_EQ(judge(facts_).status, kExitNoPermission);
+  mirn().video.clear();
+  EXPECT_EQ(only("formats").mark, CheckMark::kNote);
+  EXPECT_THAT(judge(facts_).next_step, HasSubstr("uvcvideo"));
 }
 
 TEST_F(DoctorTest, PermissionOfEitherNodeIsJudgedAndTheStepDependsOnTheRule) {
@@ -192,6 +204,55 @@ TEST_F(SystemSurveyTest, FindsTheDeviceItsNodeAndItsRule) {
   write(root_ / "rules" / "70-mirn.rules",
         "ATTRS{idVendor}==\"" + hex(g_vid) + "\", ATTRS{idProduct}==\"" + hex(g_pid) + "\", TAG+=\"uaccess\"");
   EXPECT_EQ(readSystem(roots_).udev_rules.size(), 1U);
+}
+
+// An access control list as the kernel hands it out: version, then tag, permissions and id of each entry.
+std::string accessList(const std::vector<std::array<uint32_t, 3>>& entries) {
+  std::string bytes("\2\0\0\0", 4);
+  for (const auto& [tag, permissions, id] : entries) {
+    for (uint32_t half : {tag, permissions}) {
+      bytes += {static_cast<char>(half & 0xFF), static_cast<char>(half >> 8)};
+    }
+    for (unsigned shift : {0U, 8U, 16U, 24U}) {
+      bytes += static_cast<char>(id >> shift & 0xFF);
+    }
+  }
+  return bytes;
+}
+
+constexpr uint32_t kNobody = 0xFFFFFFFF;  // in the entries without an id
+constexpr uint32_t kStranger = 54321;
+const std::string kSharedWithAStranger = accessList({{1, 6, kNobody},
+                                                     {2, 6, 0},
+                                                     {2, 7, kStranger},
+                                                     {4, 6, kNobody},
+                                                     {8, 4, 54322},
+                                                     {0x10, 6, kNobody},
+                                                     {0x20, 0, kNobody}});
+
+TEST(AccessListTest, NamesUsersAndGroupsAsFarAsTheMaskLetsThem) {
+  EXPECT_EQ(grantsOf(kSharedWithAStranger), "user root rw, user 54321 rw, group 54322 r");
+  EXPECT_EQ(grantsOf(accessList({{2, 4, kStranger}, {0x10, 2, kNobody}})), "") << "the mask leaves nothing";
+  EXPECT_EQ(grantsOf(accessList({{1, 6, kNobody}, {4, 6, kNobody}, {0x20, 0, kNobody}})), "") << "the mode says it";
+}
+
+TEST(AccessListTest, WhatIsNoListGrantsNothing) {
+  EXPECT_EQ(grantsOf(""), "");
+  EXPECT_EQ(grantsOf("\1"), "");
+  std::string other = kSharedWithAStranger;
+  other[0] = 3;
+  EXPECT_EQ(grantsOf(other), "") << "another version";
+  EXPECT_EQ(grantsOf(kSharedWithAStranger.substr(0, 4 + 8 + 5)), "") << "cut in an entry";
+}
+
+TEST_F(SystemSurveyTest, NamesWhomAnAccessListLetsIn) {
+  EXPECT_EQ(readSystem(roots_).devices.at(0).hid.at(0).permissions.find("user"), std::string::npos);
+  if (setxattr(node().c_str(), "system.posix_acl_access", kSharedWithAStranger.data(), kSharedWithAStranger.size(),
+               0) != 0) {
+    GTEST_SKIP() << "the temporary folder's file system has no access control lists";
+  }
+  EXPECT_THAT(readSystem(roots_).devices.at(0).hid.at(0).permissions,
+              testing::EndsWith(" 0660; user root rw, user 54321 rw, group 54322 r"));
 }
 
 TEST_F(SystemSurveyTest, NamesTheProgramThatHoldsANode) {
