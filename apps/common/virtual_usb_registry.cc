@@ -112,6 +112,11 @@ void VirtualUsbRegistry::gone(uint64_t key) {
   tell(UsbNotification::kTerminate, identity);
 }
 
+size_t VirtualUsbRegistry::watchers() {
+  MutexGuard guard(mutex_);
+  return notifications_.size();
+}
+
 void VirtualUsbRegistry::tell(UsbNotification type, Identity identity) {
   MutexGuard guard(mutex_);
   for (Notification& entry : notifications_) {

@@ -30,6 +30,9 @@ class VirtualUsbRegistry final : public UsbRegistry {
   void arrived(uint64_t key, Identity identity);
   void gone(uint64_t key);
 
+  // Registered notifications; a monitor has two once it can miss nothing.
+  size_t watchers();
+
   std::unique_ptr<UsbMatching> createMatching(const char* class_name) override;
   std::unique_ptr<UsbNotificationPort> createNotificationPort() override;
   int32_t addMatchingNotification(UsbNotificationPort& port, UsbNotification type,

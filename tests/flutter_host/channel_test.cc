@@ -7,7 +7,6 @@
 
 #include "plugin_fixture.h"
 #include "tests/unit/device_proxy/hex_text.h"
-#include "usb/usb_scan.h"
 
 namespace mirn {
 namespace {
@@ -16,7 +15,7 @@ class FlutterChannel : public FlutterPluginTest {};
 
 // First: the one manager keeps the size that others set.
 TEST_F(FlutterChannel, EveryCommandAnswersWithoutADevice) {
-  setup_.unplug();
+  unplug();
   const CallOutcome texture = call("createTexture");
   EXPECT_TRUE(std::holds_alternative<int64_t>(texture.value));
   EXPECT_NE(texture.asInt(), 0);
@@ -24,7 +23,7 @@ TEST_F(FlutterChannel, EveryCommandAnswersWithoutADevice) {
   expectNull(call("releaseTexture"));
   EXPECT_EQ(call("getSize").at("width"), Value(0.0));
   EXPECT_EQ(call("getSize").at("height"), Value(0.0));
-  EXPECT_EQ(call("isVidPidExist").value, Value(UsbDeviceAttached()));
+  EXPECT_TRUE(presenceBecomes(false));
   EXPECT_FALSE(call("initKmProxy").asBool(true));
   EXPECT_FALSE(call("open").asBool(true));
   EXPECT_EQ(call("getDeviceList").listSize(), 0U);
@@ -54,8 +53,7 @@ TEST_F(FlutterChannel, EveryCommandAnswersWithADevice) {
   const CallOutcome devices = call("getDeviceList");
   EXPECT_EQ(devices.listSize(), 1U);
   EXPECT_EQ(devices.at(size_t{0}), Value("Nuvra Mirn"));
-  // The virtual device stands on no bus of this machine; presence is the bus's.
-  EXPECT_EQ(call("isVidPidExist").value, Value(UsbDeviceAttached()));
+  EXPECT_TRUE(presenceBecomes(true));
   EXPECT_TRUE(call("setVideoQuality", {{"quality", Value("720P")}}).asBool());
   expectNull(call("setLedStatus", {{"ledStatus", Value(int32_t{1})}}));
   EXPECT_EQ(setup_.mirn().led().status, 1);
@@ -74,6 +72,14 @@ TEST_F(FlutterChannel, EveryCommandAnswersWithADevice) {
   EXPECT_EQ(call("getUpgradeProgress").kind, CallOutcome::Kind::kSuccess);
   EXPECT_TRUE(runLoopUntil([&] { return setup_.target().text() == "a"; }, kPatience));
   expectNull(call("release"));
+}
+
+TEST_F(FlutterChannel, PresenceFollowsThePlug) {
+  EXPECT_TRUE(presenceBecomes(true));
+  unplug();
+  EXPECT_TRUE(presenceBecomes(false));
+  replug();
+  EXPECT_TRUE(presenceBecomes(true));
 }
 
 // An application's whole upgrade: HEX file in, progress, the new version by a new handshake.

@@ -10,9 +10,11 @@
 #include <utility>
 
 #include "app/linux/flutter/generated_plugin_registrant.h"
+#include "apps/common/virtual_usb_registry.h"
 #include "embedding/standard_codec.h"
 #include "host/channel_client.h"
 #include "host/main_loop.h"
+#include "platform/mirn_identity.h"
 #include "plugin/mirn_host.h"
 #include "standin/standin_engine.h"
 #include "virtual/virtual_setup.h"
@@ -20,6 +22,12 @@
 namespace mirn {
 
 inline constexpr std::chrono::seconds kPatience{20};
+
+// The bus of all tests. Lives as long as the process: the plug-in's monitor watches it until its manager goes.
+inline VirtualUsbRegistry& virtualBus() {
+  static auto* const bus = new VirtualUsbRegistry;
+  return *bus;
+}
 
 class FlutterPluginTest : public ::testing::Test {
  protected:
@@ -29,6 +37,10 @@ class FlutterPluginTest : public ::testing::Test {
     // The plug-in has its own copy of what says which back ends are in force.
     EXPECT_TRUE(hostInstallHidFunctions(&VirtualHid::functions()));
     EXPECT_TRUE(hostInstallCaptureSystem(&setup_.capture()));
+    // Once: later it is in use, and refused.
+    static const bool bus = hostInstallUsbRegistry(&virtualBus());
+    EXPECT_TRUE(bus);
+    virtualBus().arrived(kBusKey, {g_vid, g_pid});
     fl_register_plugins(engine_->registry());
   }
 
@@ -67,6 +79,20 @@ class FlutterPluginTest : public ::testing::Test {
     return call(method, ChannelClient::map(arguments));
   }
 
+  void unplug() {
+    setup_.unplug();
+    virtualBus().gone(kBusKey);
+  }
+  void replug() {
+    virtualBus().arrived(kBusKey, {g_vid, g_pid});
+    setup_.replug();
+  }
+  // Whether "isVidPidExist" comes to say so, and the plug-in's monitor, a thread of its own, hears of what comes next.
+  bool presenceBecomes(bool there) {
+    return runLoopUntil([&] { return call("isVidPidExist").value == Value(there) && virtualBus().watchers() == 2; },
+                        kPatience);
+  }
+
   // One captured frame, delivered to every texture.
   void playFrame() {
     const uint64_t before = hostSessionStatistics().framesDelivered;
@@ -80,6 +106,8 @@ class FlutterPluginTest : public ::testing::Test {
   std::unique_ptr<StandinEngine> engine_;
 
  private:
+  static constexpr uint64_t kBusKey = 1;
+
   static VirtualCaptureSettings byHand() {
     VirtualCaptureSettings settings;
     settings.frames_per_second = 0;
