@@ -57,8 +57,7 @@ void FrameMailbox::onFrame(PixelBufferRef buffer, const CaptureFrameInfo& info) 
   replaced = std::exchange(waiting_.imageBuffer, std::move(buffer));
   waiting_.info = info;
   if (!posted_) {
-    posted_ = true;
-    queue_->post(shared_from_this());
+    posted_ = queue_->post(shared_from_this());  // refused: the next frame tries again
   }
 }
 
@@ -136,10 +135,7 @@ void FrameMailbox::run() {
   MutexGuard guard(lock_);
   delivering_ = false;
   idle_.notify_all();
-  posted_ = waiting_.imageBuffer && delegate_ != nullptr;
-  if (posted_) {
-    queue_->post(shared_from_this());
-  }
+  posted_ = waiting_.imageBuffer && delegate_ != nullptr && queue_->post(shared_from_this());
 }
 
 }  // namespace mirn::detail

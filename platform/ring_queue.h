@@ -30,6 +30,22 @@ class RingQueue {
     return value;
   }
 
+  /// Takes out the first one that `matches`, if there is any; the others keep their order.
+  template <typename Predicate>
+  bool takeFirst(Predicate matches, T& taken) {
+    bool found = false;
+    for (size_t left = count_; left > 0; --left) {
+      T value = pop();
+      if (!found && matches(std::as_const(value))) {
+        found = true;
+        taken = std::move(value);
+      } else {
+        push(std::move(value));
+      }
+    }
+    return found;
+  }
+
  private:
   void grow() {
     std::vector<T> larger(slots_.empty() ? 8 : slots_.size() * 2);

@@ -35,10 +35,11 @@ class TaskQueue {
  public:
   virtual ~TaskQueue() = default;
 
-  /// Runs `task` later on a thread of the queue. The queue keeps its reference until the task has run.
-  virtual void post(std::shared_ptr<QueueTask> task) = 0;
+  /// Runs `task` later on a thread of the queue. The queue keeps its reference until the task has run. False when there
+  /// is no thread that could ever run it: nothing is kept then, and a later post may succeed.
+  virtual bool post(std::shared_ptr<QueueTask> task) = 0;
 
-  void post(std::function<void()> function) { post(makeTask(std::move(function))); }
+  bool post(std::function<void()> function) { return post(makeTask(std::move(function))); }
 };
 
 }  // namespace mirn

@@ -1,6 +1,7 @@
 #include "platform/work_queue.h"
 
 #include <algorithm>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -23,6 +24,7 @@ struct WorkQueue::State : std::enable_shared_from_this<WorkQueue::State> {
   };
 
   void submit(Item item) MIRN_EXCLUDES(lock);
+  void waitForChange() MIRN_REQUIRES(lock);
   void pump() MIRN_REQUIRES(lock);
   void finished(bool barrier) MIRN_EXCLUDES(lock);
   void run(const std::shared_ptr<QueueTask>& task, bool barrier) MIRN_EXCLUDES(lock);
@@ -56,15 +58,27 @@ class Pool {
   void post(Job job) MIRN_EXCLUDES(lock_) {
     MutexGuard guard(lock_);
     jobs_.push(std::move(job));
-    startThreads();
+    startThread();
     wanted_.notify_one();
   }
 
-  /// A pool thread that waits for a queue lends its place to another thread, so that waiting never starves the pool.
+  /// Whether what is posted will be run. Threads of the pool never end: once true, always true.
+  bool ready() MIRN_EXCLUDES(lock_) {
+    MutexGuard guard(lock_);
+    return threads_ > 0 || addThread();
+  }
+
+  /// The longest waiting job of `state`, for a thread that waits for that queue. False when there is none.
+  bool take(const State* state, Job& job) MIRN_EXCLUDES(lock_) {
+    MutexGuard guard(lock_);
+    return jobs_.takeFirst([state](const Job& waiting) { return waiting.state.get() == state; }, job);
+  }
+
+  /// A pool thread that waits for a queue lends its place to another thread, so that other queues go on meanwhile.
   void beginWaiting() MIRN_EXCLUDES(lock_) {
     MutexGuard guard(lock_);
     ++waiting_;
-    startThreads();
+    startThread();
   }
   void endWaiting() MIRN_EXCLUDES(lock_) {
     MutexGuard guard(lock_);
@@ -72,25 +86,37 @@ class Pool {
   }
 
  private:
-  void startThreads() MIRN_REQUIRES(lock_) {
+  void startThread() MIRN_REQUIRES(lock_) {
     const size_t places = std::max(2U, std::thread::hardware_concurrency()) + waiting_;
     if (idle_ < jobs_.size() && threads_ < places) {
-      ++threads_;
-      std::thread([this] { work(); }).detach();
+      addThread();  // where there is none to be had the others do it all
     }
+  }
+
+  bool addThread() MIRN_REQUIRES(lock_) {
+    try {
+      std::thread([this] { work(); }).detach();
+    } catch (const std::system_error&) {
+      return false;
+    }
+    ++threads_;
+    ++idle_;
+    return true;
   }
 
   [[noreturn]] void work() MIRN_EXCLUDES(lock_) {
     g_onPoolThread = true;
-    for (;;) {
-      const Job job = next();
+    for (bool fresh = true;; fresh = false) {
+      const Job job = next(fresh);
       job.state->run(job.task, job.barrier);
     }
   }
 
-  Job next() MIRN_EXCLUDES(lock_) {
+  Job next(bool fresh) MIRN_EXCLUDES(lock_) {
     MutexGuard guard(lock_);
-    ++idle_;
+    if (!fresh) {
+      ++idle_;
+    }
     while (jobs_.empty()) {
       wanted_.wait(lock_);
     }
@@ -102,7 +128,7 @@ class Pool {
   std::condition_variable_any wanted_;
   RingQueue<Job> jobs_ MIRN_GUARDED_BY(lock_);
   size_t threads_ MIRN_GUARDED_BY(lock_) = 0;
-  size_t idle_ MIRN_GUARDED_BY(lock_) = 0;
+  size_t idle_ MIRN_GUARDED_BY(lock_) = 0;  // with those that have yet to begin
   size_t waiting_ MIRN_GUARDED_BY(lock_) = 0;
 };
 
@@ -151,10 +177,24 @@ void WorkQueue::State::run(const std::shared_ptr<QueueTask>& task, bool isBarrie
   finished(isBarrier);
 }
 
+// A thread of the pool may be the only one that it has: it runs what it waits for. Of its queue alone, since a job of
+// another one may in turn wait for the task that this thread is in the middle of.
+void WorkQueue::State::waitForChange() {
+  Pool<State>::Job job;
+  if (g_onPoolThread && Pool<State>::instance().take(this, job)) {
+    lock.unlock();
+    run(job.task, job.barrier);
+    job = {};
+    lock.lock();
+  } else {
+    changed.wait(lock);
+  }
+}
+
 void WorkQueue::State::waitUntilIdle() {
   MutexGuard guard(lock);
   while (!items.empty() || concurrent > 0 || barrier) {
-    changed.wait(lock);
+    waitForChange();
   }
 }
 
@@ -164,16 +204,24 @@ WorkQueue::~WorkQueue() {
   state_->waitUntilIdle();
 }
 
-void WorkQueue::post(std::shared_ptr<QueueTask> task) {
+bool WorkQueue::post(std::shared_ptr<QueueTask> task) {
+  if (!Pool<State>::instance().ready()) {
+    return false;
+  }
   state_->submit({State::Kind::kConcurrent, std::move(task), nullptr});
+  return true;
 }
 
-void WorkQueue::barrierAsync(std::shared_ptr<QueueTask> task) {
+bool WorkQueue::barrierAsync(std::shared_ptr<QueueTask> task) {
+  if (!Pool<State>::instance().ready()) {
+    return false;
+  }
   state_->submit({State::Kind::kBarrier, std::move(task), nullptr});
+  return true;
 }
 
-void WorkQueue::barrierAsync(std::function<void()> function) {
-  barrierAsync(makeTask(std::move(function)));
+bool WorkQueue::barrierAsync(std::function<void()> function) {
+  return barrierAsync(makeTask(std::move(function)));
 }
 
 void WorkQueue::sync(const std::function<void()>& function) {
@@ -184,7 +232,7 @@ void WorkQueue::sync(const std::function<void()>& function) {
     if (!admitted && g_onPoolThread) {
       Pool<State>::instance().beginWaiting();
       while (!admitted) {
-        state_->changed.wait(state_->lock);
+        state_->waitForChange();
       }
       Pool<State>::instance().endWaiting();
     }

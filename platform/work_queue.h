@@ -25,14 +25,17 @@ class WorkQueue : public TaskQueue {
 
   const std::string& label() const { return label_; }
 
+  // The two below answer false, and keep nothing, when the system gives no thread and the pool has none yet. Once it
+  // has one everything runs, slower at worst.
+
   /// Runs concurrently with other tasks, on a thread of the pool.
-  void post(std::shared_ptr<QueueTask> task) override;
+  bool post(std::shared_ptr<QueueTask> task) override;
   using TaskQueue::post;
   /// Runs alone, on a thread of the pool, after everything submitted before.
-  void barrierAsync(std::shared_ptr<QueueTask> task);
-  void barrierAsync(std::function<void()> function);
+  bool barrierAsync(std::shared_ptr<QueueTask> task);
+  bool barrierAsync(std::function<void()> function);
   /// Runs `function` on the calling thread, in parallel with other reads, after the barriers submitted before.
-  /// Not from inside a barrier task of the same queue.
+  /// Not from inside a barrier task of the same queue. A thread of the pool that has to wait runs what it waits for.
   void sync(const std::function<void()>& function);
 
  private:

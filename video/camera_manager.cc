@@ -155,7 +155,9 @@ std::optional<FrameData> CameraManager::currentFrame() {
 void CameraManager::setCurrentFrame(std::optional<FrameData> frame) {
   MutexGuard guard(writesLock_);  // held over the submission: frames are stored in the order of these calls
   writes_.push(std::move(frame));
-  frameQueue.barrierAsync(storeTask_);
+  if (!frameQueue.barrierAsync(storeTask_)) {
+    writes_.pop();  // nobody to store it: this one, since nothing else can be waiting either
+  }
 }
 
 void CameraManager::storeNext() {

@@ -15,7 +15,7 @@ class GlibMainQueue : public MainQueue {
  public:
   GlibMainQueue();
 
-  void post(std::shared_ptr<QueueTask> task) override MIRN_EXCLUDES(lock_);
+  bool post(std::shared_ptr<QueueTask> task) override MIRN_EXCLUDES(lock_);
   bool isCurrent() const override { return g_main_context_is_owner(g_main_context_default()) != FALSE; }
 
  private:
@@ -44,12 +44,13 @@ GlibMainQueue::GlibMainQueue() {
   g_source_attach(source_, g_main_context_default());
 }
 
-void GlibMainQueue::post(std::shared_ptr<QueueTask> task) {
+bool GlibMainQueue::post(std::shared_ptr<QueueTask> task) {
   {
     MutexGuard guard(lock_);
     tasks_.push(std::move(task));
   }
   g_source_set_ready_time(source_, 0);  // wakes the context, from any thread
+  return true;                          // whether a loop runs is the program's matter
 }
 
 gboolean GlibMainQueue::dispatch(GSource* source, GSourceFunc /*callback*/, gpointer /*data*/) {

@@ -17,9 +17,10 @@ class ManualQueue final : public MainQueue {
   ManualQueue() { setMainQueue(this); }
   ~ManualQueue() override { setMainQueue(nullptr); }
 
-  void post(std::shared_ptr<QueueTask> task) override {
+  bool post(std::shared_ptr<QueueTask> task) override {
     MutexGuard guard(lock_);
     tasks_.push(std::move(task));
+    return true;
   }
   bool isCurrent() const override { return true; }
 

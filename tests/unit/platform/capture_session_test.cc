@@ -52,6 +52,29 @@ class CaptureSessionTest : public testing::Test {
   Recorder recorder_;
 };
 
+TEST_F(CaptureSessionTest, AFrameThatTheQueueRefusesGivesWayToTheNext) {
+  class Refusing : public TaskQueue {
+   public:
+    explicit Refusing(TaskQueue& queue) : queue_(queue) {}
+    bool post(std::shared_ptr<QueueTask> task) override { return !refuses && queue_.post(std::move(task)); }
+    bool refuses = true;
+
+   private:
+    TaskQueue& queue_;
+  };
+  Refusing refusing(queue_);
+  Parts parts = makeSession(&recorder_, &refusing);
+  ASSERT_TRUE(parts.session->startRunning());
+  device_->push(7, 5);
+  EXPECT_EQ(queue_.runAll(), 0U);
+  refusing.refuses = false;
+  device_->push(8, 5);
+  EXPECT_EQ(queue_.runAll(), 1U);
+  EXPECT_EQ(recorder_.widths, std::vector<size_t>{8});
+  EXPECT_EQ(parts.session->statistics().droppedLate, 1U);
+  parts.output->setSampleBufferDelegate(nullptr, nullptr);
+}
+
 TEST_F(CaptureSessionTest, FramesReachTheDelegateOnItsQueue) {
   Parts parts = makeSession(&recorder_, &queue_);
   ASSERT_TRUE(parts.session->startRunning());

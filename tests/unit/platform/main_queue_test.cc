@@ -119,7 +119,10 @@ TEST(MainQueueTest, KnowsItsThreadWhileTheLoopRuns) {
 TEST(MainQueueTest, AnotherQueueCanTakeItsPlace) {
   class Direct : public MainQueue {
    public:
-    void post(std::shared_ptr<QueueTask> task) override { task->run(); }
+    bool post(std::shared_ptr<QueueTask> task) override {
+      task->run();
+      return true;
+    }
     bool isCurrent() const override { return true; }
   } direct;
   setMainQueue(&direct);

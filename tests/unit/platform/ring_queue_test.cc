@@ -27,6 +27,20 @@ TEST(RingQueueTest, KeepsTheOrderLikeAPlainQueueThroughGrowthAndWrapping) {
   }
 }
 
+TEST(RingQueueTest, TakingOneOutKeepsTheOthersInOrder) {
+  RingQueue<int> queue;
+  for (int i = 0; i < 5; ++i) queue.push(-1);
+  for (int i = 0; i < 5; ++i) queue.pop();
+  for (int i = 1; i <= 6; ++i) queue.push(i);  // around the end of its memory
+  int taken = 0;
+  EXPECT_FALSE(queue.takeFirst([](int value) { return value > 6; }, taken));
+  EXPECT_TRUE(queue.takeFirst([](int value) { return value % 3 == 0; }, taken));
+  EXPECT_EQ(taken, 3);
+  for (const int left : {1, 2, 4, 5, 6}) EXPECT_EQ(queue.pop(), left);
+  EXPECT_TRUE(queue.empty());
+  EXPECT_FALSE(queue.takeFirst([](int) { return true; }, taken));
+}
+
 TEST(RingQueueTest, APoppedPlaceKeepsNothingAlive) {
   RingQueue<std::shared_ptr<int>> queue;
   auto value = std::make_shared<int>(3);

@@ -3,10 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <future>
 #include <latch>
 #include <thread>
 #include <vector>
+
+#include "tests/support/no_more_threads.h"
 
 namespace mirn {
 namespace {
@@ -128,6 +131,66 @@ TEST(WorkQueueTest, AnObjectCanBePostedAgainAndAgain) {
     }
   }
   EXPECT_EQ(counter->runs, 100);
+}
+
+// Each in a process of its own, whose pool has no thread yet.
+class WorkQueueThreadsDeathTest : public testing::Test {
+ protected:
+  WorkQueueThreadsDeathTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+
+  [[noreturn]] static void end(bool good) { std::_Exit(good ? 0 : 1); }
+  const testing::ExitedWithCode kGood{0};
+};
+
+void refusesWithoutAThread(void (*end)(bool)) {
+  int ran = 0;
+  bool refused = false;
+  {
+    WorkQueue queue("none");
+    {
+      const test::NoMoreThreads none;
+      refused = !queue.post([&] { ran += 100; }) && !queue.barrierAsync([&] { ran += 100; });
+      queue.sync([&] { ran += 1; });  // needs no thread, and waits for nothing that was refused
+    }
+    const bool taken = queue.barrierAsync([&] { ran += 10; });
+    queue.sync([&] { refused = refused && taken && ran == 11; });
+  }
+  end(refused);
+}
+
+TEST_F(WorkQueueThreadsDeathTest, WithoutAThreadNothingIsTakenUntilThereIsOne) {
+  EXPECT_EXIT(refusesWithoutAThread(end), kGood, "");
+}
+
+// The pool's only thread waits, twice over, for what only it can do.
+void waitsOnTheOnlyThread(void (*end)(bool)) {
+  WorkQueue outer("outer");
+  std::promise<void> begun;
+  outer.post([&] { begun.set_value(); });
+  begun.get_future().wait();
+  const test::NoMoreThreads none;
+  std::atomic<int> done{0};
+  for (int task = 0; task < 3; ++task) {
+    outer.post([&] {
+      WorkQueue ending("ending");
+      WorkQueue inner("inner");
+      for (int i = 0; i < 5; ++i) {
+        inner.barrierAsync([&] {
+          ending.barrierAsync([&] { ++done; });
+          ending.sync([&] { ++done; });
+          ending.post([&] { ++done; });
+        });
+      }
+      inner.sync([&] { ++done; });
+    });
+  }
+  std::promise<int> result;
+  outer.barrierAsync([&] { result.set_value(done); });
+  end(result.get_future().get() == 3 * (5 * 3 + 1));
+}
+
+TEST_F(WorkQueueThreadsDeathTest, TheOnlyThreadRunsWhatItWaitsFor) {
+  EXPECT_EXIT(waitsOnTheOnlyThread(end), kGood, "");
 }
 
 }  // namespace
