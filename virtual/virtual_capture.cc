@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <system_error>
 #include <utility>
 
 #include "virtual/capture_stream.h"
@@ -180,8 +181,13 @@ bool VirtualCaptureDevice::startStream(CaptureError* error) {
   if (format_.width == 0) {
     format_ = *highPresetFormat(formats_);
   }
+  try {
+    stream_ = std::make_shared<Stream>(*this, format_, faults_);
+  } catch (const std::system_error& no_thread) {
+    report(error, failure(no_thread.code().value(), "starting the capture thread failed", ""));
+    return false;
+  }
   ++counters_.starts;
-  stream_ = std::make_shared<Stream>(*this, format_, faults_);
   return true;
 }
 

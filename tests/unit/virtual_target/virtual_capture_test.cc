@@ -7,6 +7,7 @@
 #include <ctime>
 
 #include "platform/work_queue.h"
+#include "tests/support/no_more_threads.h"
 #include "virtual/frame_strip.h"
 
 namespace mirn {
@@ -151,6 +152,17 @@ TEST_F(VirtualCaptureTest, TellsWhatDrawingTook) {
   EXPECT_GT(one.count(), 0);
   EXPECT_GT(two, one) << "each frame adds its own";
   EXPECT_LT(two, processTime() - before) << "what follows the drawing is not in it";
+}
+
+TEST_F(VirtualCaptureTest, WithoutAThreadItDoesNotStart) {
+  add();
+  {
+    const test::NoMoreThreads none;
+    EXPECT_FALSE(start());
+  }
+  EXPECT_EQ(error_.code, EAGAIN);
+  EXPECT_FALSE(session_->isRunning());
+  EXPECT_TRUE(session_->startRunning(&error_));
 }
 
 TEST_F(VirtualCaptureTest, IsListedAsTheStickIs) {
