@@ -1,14 +1,19 @@
 #include "tests/unit/device_proxy/proxy_mixture.h"
 
+#include <algorithm>
 #include <array>
+#include <cstdlib>
 #include <span>
+#include <utility>
 
 namespace mirn {
 namespace {
 
 constexpr int kHeldAbsoluteMoves = 6;
 constexpr int kHeldRelativeMoves = 1;
-constexpr unsigned kMostOfAStep = 126;
+constexpr int kStep = 127;
+constexpr unsigned kSeldomLong = 8;  // one relative position in so many is several steps away
+constexpr unsigned kLongMove = 6 * kStep;
 
 // The upper byte tells the kind, the others hold it.
 enum : uint64_t { kMouse = 1, kKeyboard = 2, kRaw = 3, kGreeting = 4, kChunk = 5 };
@@ -66,7 +71,7 @@ bool comesFromTheQueue(const VirtualRecord& record) {
 }
 
 void Mixture::submitOne() {
-  const unsigned which = random_() % 48;
+  const unsigned which = random_() % 50;
   if (which < 12) return submitPointer(which);
   if (which < 19) return submitKeyboard(which - 12);
   if (which < 21) return submitFirmware(which == 19);
@@ -76,23 +81,24 @@ void Mixture::submitOne() {
   } else if (which == 22) {
     raw_ = !raw_;
     proxy_.SetMirnMouseMove(raw_);
+  } else if (which < 25) {
+    submitX(random_() % 4);
   } else {
-    const Point at = somewhere();
-    const bool relative_move = which < 28;
-    const Point delta{at.x % static_cast<int>(kMostOfAStep), -(at.y % static_cast<int>(kMostOfAStep))};
-    move(relative_move ? delta : at, relative_move);
+    const bool relative_move = which < 30;
+    const Point at = somewhere(relative_move || relative());
+    move(relative_move ? Point{at.x, -at.y} : at, relative_move);
   }
 }
 
-// In relative mode near the corner, so that what is sent stays below a step.
-Mixture::Point Mixture::somewhere() {
-  const unsigned range = relative() ? kMostOfAStep + 1 : 32768;
+// In relative mode near the corner, so that few moves are many steps.
+Mixture::Point Mixture::somewhere(bool near) {
+  const unsigned range = !near ? 32768 : random_() % kSeldomLong == 0 ? kLongMove : kStep;
   const auto x = static_cast<int>(random_() % range);
   return {x, static_cast<int>(random_() % range)};
 }
 
 void Mixture::submitPointer(unsigned which) {
-  const Point at = somewhere();
+  const Point at = somewhere(relative());
   switch (which) {
     case 0:
     case 1:
@@ -128,6 +134,24 @@ void Mixture::submitPointer(unsigned which) {
   }
 }
 
+// Only X1's press sends anything; the others don't even let the held move go.
+void Mixture::submitX(unsigned which) {
+  const Point at = somewhere(relative());
+  switch (which) {
+    case 0:
+      proxy_.MouseX1ButtonDown(at.x, at.y);
+      return event(at, {.x1 = true});
+    case 1:
+      proxy_.MouseX1ButtonUp(at.x, at.y);
+      return;
+    case 2:
+      proxy_.MouseX2ButtonDown(at.x, at.y);
+      return;
+    default:
+      proxy_.MouseX2ButtonUp(at.x, at.y);
+  }
+}
+
 void Mixture::submitKeyboard(unsigned which) {
   if (which < 4) {
     const int key = 'A' + static_cast<int>(random_() % 26);
@@ -159,7 +183,7 @@ void Mixture::submitFirmware(bool greeting) {
   if (greeting) {
     proxy_.ReqUpgradeFirmwareHandShake();
     next_chunk_ = 0;
-    return add(codeOf(VirtualFirmwareGreeting{}), kNewFirmwareHandshakeTask);
+    return add({codeOf(VirtualFirmwareGreeting{})}, kNewFirmwareHandshakeTask);
   }
   VirtualFirmwareChunk chunk{next_chunk_, kMixtureChunks, std::vector<uint8_t>(random_() % 1024 + 1)};
   next_chunk_ = static_cast<uint16_t>(1 - next_chunk_);
@@ -167,7 +191,7 @@ void Mixture::submitFirmware(bool greeting) {
   proxy_.UpgradeFirmware(chunk.id, chunk.total, chunk.data.data(), static_cast<uint16_t>(chunk.data.size()));
   chunk.data.resize(1024);  // zeros behind it
   flush();
-  add(codeOf(chunk), kUpgradeTask);
+  add({codeOf(chunk)}, kUpgradeTask);
 }
 
 void Mixture::move(Point at, bool relative_move) {
@@ -181,29 +205,48 @@ void Mixture::move(Point at, bool relative_move) {
   }
   last_relative_ = relative_move;
   if (relative_move) origin_ = {};
-  const uint64_t record = pointerCode(at, {.raw_buttons = raw_buttons_});
+  std::vector<uint64_t> records = pointerCodes(at, {.raw_buttons = raw_buttons_});
   if (raw_ || ++held_ > (relative() ? kHeldRelativeMoves : kHeldAbsoluteMoves)) {
     held_ = 0;
-    add(record, kMouseTask);
+    add(std::move(records), kMouseTask);
   } else {
-    held_move_ = record;
+    held_move_ = std::move(records);
   }
 }
 
 void Mixture::event(Point at, PointerEvent event) {
   flush();
-  add(pointerCode(at, event), kMouseTask);
+  add(pointerCodes(at, event), kMouseTask);
 }
 
-uint64_t Mixture::pointerCode(Point at, PointerEvent event) {
+std::vector<uint64_t> Mixture::pointerCodes(Point at, PointerEvent event) {
   if (raw_ && !relative()) {
     raw_buttons_ = event.raw_buttons;
-    return codeOf(
-        VirtualRawMouse{event.raw_buttons, event.wheel, static_cast<int16_t>(at.x), static_cast<int16_t>(at.y)});
+    return {codeOf(
+        VirtualRawMouse{event.raw_buttons, event.wheel, static_cast<int16_t>(at.x), static_cast<int16_t>(at.y)})};
   }
-  if (relative()) at = {at.x - origin_.x, at.y - origin_.y};
-  return codeOf(VirtualMouse{relative(), static_cast<int16_t>(at.x), static_cast<int16_t>(at.y), left_, right_,
-                             event.middle, event.wheel});
+  const uint8_t left = event.x1 ? 1 : left_;
+  VirtualMouse mouse{relative(), static_cast<int16_t>(at.x), static_cast<int16_t>(at.y), left, right_, event.middle,
+                     event.wheel};
+  if (!mouse.relative) return {codeOf(mouse)};
+  // Whole steps first, each axis as long as it has one, then what is left, be it nothing. Each carries the buttons and
+  // the wheel.
+  std::vector<uint64_t> codes;
+  Point rest{at.x - origin_.x, at.y - origin_.y};
+  const auto takeStep = [](int* axis) {
+    const int step = *axis >= kStep ? kStep : *axis <= -kStep ? -kStep : 0;
+    *axis -= step;
+    return static_cast<int16_t>(step);
+  };
+  while (std::max(std::abs(rest.x), std::abs(rest.y)) >= kStep) {
+    mouse.x = takeStep(&rest.x);
+    mouse.y = takeStep(&rest.y);
+    codes.push_back(codeOf(mouse));
+  }
+  mouse.x = static_cast<int16_t>(rest.x);
+  mouse.y = static_cast<int16_t>(rest.y);
+  codes.push_back(codeOf(mouse));
+  return codes;
 }
 
 void Mixture::pressAndRelease(uint8_t usage, uint8_t modifiers, uint8_t modifiers_after) {
@@ -213,17 +256,16 @@ void Mixture::pressAndRelease(uint8_t usage, uint8_t modifiers, uint8_t modifier
 
 void Mixture::keys(uint8_t usage, uint8_t modifiers) {
   flush();
-  add(codeOf(VirtualKeyboard{modifiers, {usage}}), kKeyboardTask);
+  add({codeOf(VirtualKeyboard{modifiers, {usage}})}, kKeyboardTask);
 }
 
 void Mixture::flush() {
-  if (held_ > 0) add(held_move_, kMouseTask);
+  if (held_ > 0) add(std::move(held_move_), kMouseTask);
   held_ = 0;
 }
 
-void Mixture::add(uint64_t record, uint32_t kind) {
-  expected_.push_back(record);
-  kinds_.push_back(static_cast<uint8_t>(kind));
+void Mixture::add(std::vector<uint64_t> records, uint32_t kind) {
+  tasks_.push_back({static_cast<uint8_t>(kind), std::move(records)});
 }
 
 }  // namespace mirn

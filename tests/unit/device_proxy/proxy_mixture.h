@@ -20,17 +20,23 @@ bool comesFromTheQueue(const VirtualRecord& record);
 // Firmware that the mixture sends: two chunks of three, so that no image is ever complete.
 inline constexpr uint16_t kMixtureChunks = 3;
 
-// For a proxy that was given the monitor {0, 0, 32767, 32767} and a device that has the raw mouse report. Each record
-// is one exchange: relative moves stay below a step.
+// One task of the queue and what of it reaches a device that accepts everything: one record, of a relative move one for
+// each step.
+struct MixtureTask {
+  uint8_t kind = 0;  // as in vx_tasks.h
+  std::vector<uint64_t> records;
+};
+
+// For a proxy that was given the monitor {0, 0, 32767, 32767} and a device that has the raw mouse report. Some relative
+// moves are several steps long.
 class Mixture {
  public:
   Mixture(HardKMProxy& proxy, uint32_t seed) : proxy_(proxy), random_(seed) {}
 
   void submitOne();
 
-  // What must have arrived, and the kinds that the listener must have heard of, since the last call.
-  std::vector<uint64_t> takeExpected() { return std::move(expected_); }
-  std::vector<uint8_t> takeKinds() { return std::move(kinds_); }
+  // What the sending thread must have taken since the last call.
+  std::vector<MixtureTask> take() { return std::move(tasks_); }
 
  private:
   struct Point {
@@ -41,23 +47,25 @@ class Mixture {
     uint8_t middle = 0;
     int8_t wheel = 0;
     uint8_t raw_buttons = 0;  // what a raw report says after it
+    bool x1 = false;          // shows as the left button in this record alone
   };
 
   void submitPointer(unsigned which);
+  void submitX(unsigned which);
   void submitKeyboard(unsigned which);
   void submitFirmware(bool greeting);
 
   bool relative() const { return mode_ || last_relative_; }
-  Point somewhere();
+  Point somewhere(bool near);
   void move(Point at, bool relative_move);
   void event(Point at, PointerEvent event);
-  // The record of a pointer event at `at`, as the device should get it.
-  uint64_t pointerCode(Point at, PointerEvent event);
+  // The records of a pointer event at `at`, as the device should get them.
+  std::vector<uint64_t> pointerCodes(Point at, PointerEvent event);
 
   void pressAndRelease(uint8_t usage, uint8_t modifiers, uint8_t modifiers_after);
   void keys(uint8_t usage, uint8_t modifiers);
   void flush();
-  void add(uint64_t record, uint32_t kind);
+  void add(std::vector<uint64_t> records, uint32_t kind);
 
   HardKMProxy& proxy_;
   std::mt19937 random_;
@@ -75,9 +83,8 @@ class Mixture {
   uint16_t next_chunk_ = 0;
 
   int held_ = 0;
-  uint64_t held_move_ = 0;
-  std::vector<uint64_t> expected_;
-  std::vector<uint8_t> kinds_;
+  std::vector<uint64_t> held_move_;
+  std::vector<MixtureTask> tasks_;
 };
 
 }  // namespace mirn

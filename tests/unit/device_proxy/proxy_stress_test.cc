@@ -32,9 +32,17 @@ constexpr int kProxies = 10000;
 #endif
 constexpr int kOperationsInABatch = 10000;
 
-// The kinds in order, with results that can only be these.
-class KindListener : public IKeyMouseListener {
+// An outcome, and how much the device had received in all when it was told.
+struct Heard {
+  uint8_t kind = 0;
+  bool failed = false;
+  uint64_t received = 0;
+};
+
+// Every outcome in order, with results that can only be these.
+class StressListener : public IKeyMouseListener {
  public:
+  explicit StressListener(const VirtualMirn& mirn) : mirn_(mirn) {}
   void OnUpgradeStep(uint16_t, uint16_t) override { ADD_FAILURE(); }
   void OnSendMouseResult(int result) override { add(kMouseTask, result); }
   void OnSendKeyboardResult(int result) override { add(kKeyboardTask, result); }
@@ -46,55 +54,55 @@ class KindListener : public IKeyMouseListener {
   void OnSendFirmwareHandSharkeResult(int result) override { add(kNewFirmwareHandshakeTask, result); }
 
   // Only while the queue is empty.
-  std::vector<uint8_t> take() { return std::move(kinds_); }
-  uint64_t failures() const { return failures_; }
+  std::vector<Heard> take() { return std::move(heard_); }
 
  private:
   void add(uint32_t kind, int result) {
-    kinds_.push_back(static_cast<uint8_t>(kind));
-    if (result == -1) {
-      ++failures_;
-    } else {
-      EXPECT_EQ(result, 0);
-    }
+    EXPECT_TRUE(result == 0 || result == -1) << result;
+    heard_.push_back({static_cast<uint8_t>(kind), result != 0, mirn_.receivedCount()});
   }
 
-  std::vector<uint8_t> kinds_;
-  std::atomic<uint64_t> failures_{0};
+  const VirtualMirn& mirn_;
+  std::vector<Heard> heard_;
 };
 
-class ProxyStressTest : public ProxyTest {
- protected:
-  ProxyStressTest() { flogger::GetInitance().enable(false); }
-  ~ProxyStressTest() override {
-    proxy_.reset();  // before its listener goes
-    flogger::GetInitance().enable(true);
-  }
+// A task as it went: what was to be sent, and what the device has received of it.
+struct Played {
+  MixtureTask task;
+  bool failed = false;
+  std::vector<uint64_t> arrived;
+  bool interrupted = false;  // somebody else's exchange stands between two of its own
 
-  void begin(const std::string& faults) {
-    VirtualMirnSettings settings;
-    settings.version = "2.0.0";  // has the raw mouse report and the firmware greeting
-    plugIn(settings);
-    FaultPlan plan;
-    std::string error;
-    ASSERT_TRUE(FaultPlan::parse(faults, &plan, &error)) << error;
-    proxy_ = std::make_unique<TestProxy>(&kinds_);
-    proxy_->Init({{0, 0, 32767, 32767}});
-    mirn_->clearReceived();
-    mirn_->setFaultPlan(plan);
+  bool whole() const { return arrived == task.records; }
+  bool arrivedFromTheStart() const {
+    return arrived.size() <= task.records.size() && std::equal(arrived.begin(), arrived.end(), task.records.begin());
   }
-
-  // The queued records that have arrived since the last call.
-  std::vector<uint64_t> takeArrived() {
-    std::vector<uint64_t> result;
-    for (const VirtualReceived& received : mirn_->received()) {
-      if (comesFromTheQueue(received.record)) result.push_back(codeOf(received.record));
+  bool arrivedInOrder() const {
+    auto at = task.records.begin();
+    for (const uint64_t record : arrived) {
+      at = std::find(at, task.records.end(), record);
+      if (at == task.records.end()) return false;
+      ++at;
     }
-    mirn_->clearReceived();
-    return result;
+    return true;
   }
+};
 
-  KindListener kinds_;
+struct Totals {
+  uint64_t failures = 0;
+  uint64_t cut_moves = 0;    // that went on until a step failed
+  uint64_t whole_moves = 0;  // of several steps
+  uint64_t interrupted_moves = 0;
+  uint64_t missing_records = 0;
+
+  void count(const Played& played) {
+    const bool long_move = played.task.records.size() > 1;
+    failures += played.failed ? 1 : 0;
+    cut_moves += long_move && played.arrived.size() > 1 && !played.whole() ? 1 : 0;
+    whole_moves += long_move && played.whole() ? 1 : 0;
+    interrupted_moves += played.interrupted ? 1 : 0;
+    missing_records += played.task.records.size() - played.arrived.size();
+  }
 };
 
 // Asks for information and LED as long as it lives: now and then, so that the input stays the main thing.
@@ -107,50 +115,146 @@ class Questioner {
     if (thread_.joinable()) thread_.join();
   }
   void progress() { ++progress_; }
+  // Waits for a question, for who has left the device free.
+  void letOneThrough() {
+    const uint64_t before = asked_;
+    wanted_ = true;
+    while (asked_ == before && !stop_) std::this_thread::yield();
+  }
   uint64_t answered() const { return answered_; }
 
  private:
   static constexpr uint64_t kOperationsForAQuestion = 25;
 
   void ask() {
-    uint64_t asked = 0;
     while (!stop_) {
-      if (progress_ < asked * kOperationsForAQuestion) {
+      if (!wanted_.exchange(false) && progress_ < asked_ * kOperationsForAQuestion) {
         std::this_thread::yield();
         continue;
       }
       _get_dev_info_reply info{};
       std::string version;
-      const int result = asked % 3 == 0   ? proxy_.GetLedStatus()
-                         : asked % 3 == 1 ? proxy_.SetLedStatus(static_cast<uint8_t>(asked))
-                                          : proxy_.GetDevInfo(info, version);
+      const int result = asked_ % 3 == 0   ? proxy_.GetLedStatus()
+                         : asked_ % 3 == 1 ? proxy_.SetLedStatus(static_cast<uint8_t>(asked_))
+                                           : proxy_.GetDevInfo(info, version);
       if (result >= 0) ++answered_;
-      ++asked;
+      ++asked_;
     }
   }
 
   HardKMProxy& proxy_;
   std::atomic<bool> stop_{false};
+  std::atomic<bool> wanted_{false};
   std::atomic<uint64_t> progress_{0};
+  std::atomic<uint64_t> asked_{0};
   std::atomic<uint64_t> answered_{0};
   std::thread thread_;
 };
 
-TEST_F(ProxyStressTest, AMillionMixedOperationsArriveOnceAndInOrderBesideQuestionsFromAnotherThread) {
-  // Requests all arrive, answers suffer.
-  begin("refuse=1@*/97;drop@*/131;corrupt@*/113;split=5@*/17;delay=80@*/301;garbage=9@*/211;truncate=3@*/401");
-  Mixture mixture(*proxy_, 11);
-  Questioner questioner(*proxy_);
-  [[maybe_unused]] size_t heap_after_warm_up = 0;
-  const int batches = kBatches * soak();
-  for (int batch = 0; batch < batches; ++batch) {
-    for (int i = 0; i < kOperationsInABatch; ++i) {
+// A virtual pause is over at once: without help the sending thread nearly always has the device again before anybody
+// else gets it between two steps of a move.
+class PauseClock : public VirtualClock {
+ public:
+  PauseClock() { setClock(this); }
+  void sleepFor(Duration duration) override {
+    VirtualClock::sleepFor(duration);
+    constexpr unsigned kPausesForAQuestion = 8;
+    Questioner* const questioner = questioner_;
+    if (questioner != nullptr && ++pauses_ % kPausesForAQuestion == 0) questioner->letOneThrough();
+  }
+  // While nothing is queued.
+  void questioner(Questioner* questioner) { questioner_ = questioner; }
+
+ private:
+  std::atomic<Questioner*> questioner_{nullptr};
+  std::atomic<unsigned> pauses_{0};
+};
+
+class ProxyStressTest : public ProxyTest {
+ protected:
+  ProxyStressTest() { flogger::GetInitance().enable(false); }
+  ~ProxyStressTest() override {
+    proxy_.reset();  // before its listener goes
+    setClock(&clock_.get());
+    flogger::GetInitance().enable(true);
+  }
+
+  void begin(const std::string& faults) {
+    VirtualMirnSettings settings;
+    settings.version = "2.0.0";  // has the raw mouse report and the firmware greeting
+    plugIn(settings);
+    FaultPlan plan;
+    std::string error;
+    ASSERT_TRUE(FaultPlan::parse(faults, &plan, &error)) << error;
+    stress_listener_ = std::make_unique<StressListener>(*mirn_);
+    proxy_ = std::make_unique<TestProxy>(stress_listener_.get());
+    proxy_->Init({{0, 0, 32767, 32767}});
+    mirn_->clearReceived();
+    mirn_->setFaultPlan(plan);
+  }
+
+  void submit(Mixture& mixture, Questioner& questioner, int operations) {
+    pauses_.questioner(&questioner);
+    for (int i = 0; i < operations; ++i) {
       mixture.submitOne();
       questioner.progress();
     }
     proxy_->drain();
-    ASSERT_EQ(takeArrived(), mixture.takeExpected()) << "batch " << batch;
-    ASSERT_EQ(kinds_.take(), mixture.takeKinds()) << "batch " << batch;
+    pauses_.questioner(nullptr);
+  }
+
+  // Everything submitted since the last call, beside what the device and the listener have made of it. The queue must
+  // be empty; questions may go on.
+  std::vector<Played> play(Mixture& mixture) {
+    std::vector<MixtureTask> tasks = mixture.take();
+    const std::vector<Heard> heard = stress_listener_->take();
+    const std::vector<VirtualReceived> received = mirn_->received();
+    mirn_->clearReceived();
+    EXPECT_EQ(heard.size(), tasks.size()) << "each task is reported, once";
+    std::vector<Played> all;
+    auto at = received.begin();
+    for (size_t i = 0; i < std::min(tasks.size(), heard.size()); ++i) {
+      EXPECT_EQ(heard[i].kind, tasks[i].kind) << "task " << i;
+      Played played{std::move(tasks[i]), heard[i].failed, {}};
+      bool other = false;
+      for (; at != received.end() && at->number <= heard[i].received; ++at) {
+        if (!comesFromTheQueue(at->record)) {
+          other = !played.arrived.empty();
+          continue;
+        }
+        played.interrupted = played.interrupted || other;
+        played.arrived.push_back(codeOf(at->record));
+      }
+      all.push_back(std::move(played));
+    }
+    EXPECT_TRUE(std::none_of(at, received.end(), [](const VirtualReceived& r) { return comesFromTheQueue(r.record); }))
+        << "records of no task";
+    return all;
+  }
+
+  PauseClock pauses_;
+  std::unique_ptr<StressListener> stress_listener_;
+};
+
+TEST_F(ProxyStressTest, AMillionMixedOperationsArriveOnceAndInOrderBesideQuestionsFromAnotherThread) {
+  // Requests all arrive, answers suffer. Answers that are dropped balance those that come too late or twice, so that
+  // most exchanges read their own.
+  begin(
+      "refuse=1@*/97;drop@*/31;corrupt@*/113;split=5@*/83;delay=80@*/301;garbage=9@*/211;truncate=3@*/401;"
+      "duplicate@*/173;stall=120@*/701");
+  Mixture mixture(*proxy_, 11);
+  Questioner questioner(*proxy_);
+  Totals totals;
+  [[maybe_unused]] size_t heap_after_warm_up = 0;
+  const int batches = kBatches * soak();
+  for (int batch = 0; batch < batches; ++batch) {
+    submit(mixture, questioner, kOperationsInABatch);
+    for (const Played& played : play(mixture)) {
+      ASSERT_TRUE(played.failed ? !played.arrived.empty() && played.arrivedFromTheStart() : played.whole())
+          << "batch " << batch;
+      totals.count(played);
+    }
+    ASSERT_FALSE(HasFailure()) << "batch " << batch;
     const size_t heap = mallinfo2().uordblks;
     if (batch == kBatches / 4) heap_after_warm_up = heap;
 #ifndef MIRN_SANITIZED
@@ -162,37 +266,59 @@ TEST_F(ProxyStressTest, AMillionMixedOperationsArriveOnceAndInOrderBesideQuestio
   }
   questioner.stop();
   EXPECT_GT(questioner.answered(), 0u);
-  EXPECT_GT(kinds_.failures(), 0u) << "the faults never hit";
+  EXPECT_GT(totals.failures, 0u) << "the faults never hit";
+  EXPECT_GT(totals.cut_moves, 0u);
+  EXPECT_GT(totals.whole_moves, 0u);
+  EXPECT_GT(totals.interrupted_moves, 0u) << "no question between two steps of a move";
 }
 
-TEST_F(ProxyStressTest, WithRequestsLostWhatArrivesKeepsItsOrder) {
-  begin("lose@*/53;write-error@*/71;read-error@*/89;drop@*/97");
+TEST_F(ProxyStressTest, WithRequestsLostWhatArrivesKeepsItsOrderBesideQuestionsFromAnotherThread) {
+  begin("lose@*/53;write-error@*/71;read-error@*/89;drop@*/97;duplicate@*/149;stall=130@*/307;delay=250@*/503");
   Mixture mixture(*proxy_, 12);
-  for (int i = 0; i < kOperationsInABatch; ++i) mixture.submitOne();
-  proxy_->drain();
-  const std::vector<uint64_t> expected = mixture.takeExpected();
-  const std::vector<uint64_t> arrived = takeArrived();
-  EXPECT_EQ(kinds_.take(), mixture.takeKinds()) << "each task is reported, lost or not";
-  EXPECT_LT(arrived.size(), expected.size());
-  auto at = expected.begin();
-  for (const uint64_t record : arrived) {
-    at = std::find(at, expected.end(), record);
-    ASSERT_NE(at, expected.end()) << "a record out of order, or twice";
-    ++at;
+  Questioner questioner(*proxy_);
+  Totals totals;
+  const int batches = std::max(2, kBatches / 4) * soak();
+  for (int batch = 0; batch < batches; ++batch) {
+    submit(mixture, questioner, kOperationsInABatch);
+    for (const Played& played : play(mixture)) {
+      ASSERT_TRUE(played.arrivedInOrder()) << "batch " << batch << ": a record out of order, or twice";
+      totals.count(played);
+    }
+    ASSERT_FALSE(HasFailure()) << "batch " << batch;
   }
+  questioner.stop();
+  EXPECT_GT(questioner.answered(), 0u);
+  EXPECT_GT(totals.failures, 0u);
+  EXPECT_GT(totals.missing_records, 0u);
+  EXPECT_GT(totals.interrupted_moves, 0u) << "no question between two steps of a move";
 }
 
-TEST_F(ProxyStressTest, UnpluggingInTheMiddleFailsTheRestInOrder) {
-  begin("unplug@2000");
-  Mixture mixture(*proxy_, 13);
-  for (int i = 0; i < kOperationsInABatch; ++i) mixture.submitOne();
-  proxy_->drain();
-  const std::vector<uint64_t> expected = mixture.takeExpected();
-  const std::vector<uint64_t> arrived = takeArrived();
-  EXPECT_EQ(kinds_.take(), mixture.takeKinds());
-  ASSERT_EQ(arrived.size(), 1999u);
-  EXPECT_TRUE(std::equal(arrived.begin(), arrived.end(), expected.begin()));
-  EXPECT_EQ(kinds_.failures(), expected.size() - arrived.size());
+// Once before the exchange's request and once behind it, at exchanges of every kind.
+TEST_F(ProxyStressTest, UnpluggingInTheMiddleFailsTheRestInOrderBesideQuestionsFromAnotherThread) {
+  std::mt19937 random(14);
+  const int rounds = kBatches * soak();
+  for (int round = 0; round < rounds; ++round) {
+    SCOPED_TRACE(round);
+    constexpr int kOperations = 1000;
+    const uint64_t gone_at = 1 + random() % 300;  // far fewer than the exchanges
+    const bool after = round % 2 != 0;
+    begin((after ? "unplug-after@" : "unplug@") + std::to_string(gone_at));
+    const uint64_t before = mirn_->receivedCount();
+    Mixture mixture(*proxy_, static_cast<uint32_t>(round));
+    Questioner questioner(*proxy_);
+    submit(mixture, questioner, kOperations);
+    questioner.stop();
+    EXPECT_EQ(mirn_->receivedCount() - before, after ? gone_at : gone_at - 1);
+    const std::vector<Played> all = play(mixture);
+    const auto failed = std::find_if(all.begin(), all.end(), [](const Played& played) { return played.failed; });
+    ASSERT_NE(failed, all.end());
+    EXPECT_TRUE(std::all_of(all.begin(), failed, [](const Played& played) { return played.whole(); }));
+    EXPECT_TRUE(failed->arrivedFromTheStart());
+    EXPECT_TRUE(std::all_of(failed + 1, all.end(),
+                            [](const Played& played) { return played.failed && played.arrived.empty(); }));
+    ASSERT_FALSE(HasFailure());
+    proxy_.reset();
+  }
 }
 
 // Callers have stopped; tasks are queued and one is in flight: its write goes on only after the destructor has closed
@@ -218,19 +344,23 @@ TEST_F(ProxyStressTest, ThousandsOfProxiesDestroyedWithTasksQueuedAndOneInFlight
       });
     }
     flight = std::make_shared<Flight>();
-    KindListener listener;
+    StressListener listener(*mirn_);
     auto proxy = std::make_unique<TestProxy>(&listener);
     proxy->initKeyMap();
-    takeArrived();
+    const uint64_t before = mirn_->receivedCount();
     proxy->KeyBoardDown(0, 'A');
     for (size_t queued = random() % 20; queued > 0; --queued) proxy->KeyBoardUp(0, 0);
     proxy->addTask(new MarkerTask([] { ADD_FAILURE() << "ran after the closing"; }, [flight] { flight->go_on.set(); }));
     ASSERT_TRUE(flight->reached.wait());
     proxy.reset();
-    ASSERT_EQ(takeArrived(), std::vector{codeOf(VirtualKeyboard{0, {4}})}) << "the record in flight and no other";
+    const std::vector<VirtualReceived> received = mirn_->receivedAfter(before);
+    ASSERT_EQ(received.size(), 1u) << "the record in flight and no other";
+    ASSERT_EQ(codeOf(received[0].record), codeOf(VirtualKeyboard{0, {4}}));
     ASSERT_EQ(flight->writes, 2);
-    ASSERT_EQ(listener.take(), std::vector<uint8_t>{kKeyboardTask}) << "the one outcome";
-    ASSERT_EQ(listener.failures(), 0u);
+    const std::vector<Heard> heard = listener.take();
+    ASSERT_EQ(heard.size(), 1u) << "the one outcome";
+    ASSERT_EQ(heard[0].kind, kKeyboardTask);
+    ASSERT_FALSE(heard[0].failed);
     ASSERT_EQ(VirtualHid::instance().openHandles(), 0u);
   }
 }
@@ -240,7 +370,7 @@ TEST_F(ProxyStressTest, ProxiesDestroyedAtAnyMomentReportWhatArrived) {
   const int proxies = kProxies / 5 * soak();
   for (int i = 0; i < proxies; ++i) {
     if (i % 500 == 0) plugIn({});
-    KindListener listener;
+    StressListener listener(*mirn_);
     auto proxy = std::make_unique<TestProxy>(&listener);
     proxy->initKeyMap();
     const uint64_t before = mirn_->receivedCount();
