@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Formatting, layers, shell scripts and clang-tidy over the whole tree; every finding fails. --quick leaves clang-tidy
-# and the picture of the rooms out.
+# Formatting, layers and shell scripts of the whole tree, clang-tidy over the rooms that users get (tests, benchmarks and
+# fuzzers are left to the compilers' warnings); every finding fails. --quick leaves clang-tidy and the picture of the
+# rooms out.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 status=0
