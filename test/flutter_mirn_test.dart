@@ -120,6 +120,45 @@ void main() {
     ]);
   });
 
+  test('commands without arguments send none', () async {
+    answers['getDeviceList'] = <String>[mirnDeviceName, 'Webcam'];
+    answers['isVidPidExist'] = true;
+    answers['initKmProxy'] = true;
+    answers['open'] = true;
+    await mirn.releaseTexture();
+    expect(await mirn.getDeviceList(), [mirnDeviceName, 'Webcam']);
+    expect(await mirn.isVidPidExist(), isTrue);
+    expect(await mirn.initKmProxy(), isTrue);
+    expect(await mirn.open(), isTrue);
+    await mirn.normalColor();
+    await mirn.bestColor();
+    await mirn.release();
+    expectCalls([
+      for (final method in const [
+        'releaseTexture',
+        'getDeviceList',
+        'isVidPidExist',
+        'initKmProxy',
+        'open',
+        'normalColor',
+        'bestColor',
+        'release',
+      ])
+        (method, null),
+    ]);
+  });
+
+  test('without a device the answers are no and nothing', () async {
+    answers['getDeviceList'] = <String>[];
+    answers['isVidPidExist'] = false;
+    answers['initKmProxy'] = false;
+    answers['open'] = false;
+    expect(await mirn.getDeviceList(), isEmpty);
+    expect(await mirn.isVidPidExist(), isFalse);
+    expect(await mirn.initKmProxy(), isFalse);
+    expect(await mirn.open(), isFalse);
+  });
+
   test('pointer commands carry position, button and delta', () async {
     mirn.mouseMove(1, 2);
     mirn.mouseEventButtons(MirnButtonEvent.leftDown, 3, 4);
