@@ -48,8 +48,8 @@ class _TargetPageState extends State<TargetPage> {
   @override
   void dispose() {
     final texture = _texture;
-    unawaited(_mirn.releaseAllKeys());
-    unawaited(_mirn.release());
+    _mirn.releaseAllKeys().ignore();
+    _mirn.release().ignore();
     _focus.dispose();
     super.dispose();
     if (texture != null) {
@@ -59,25 +59,45 @@ class _TargetPageState extends State<TargetPage> {
     }
   }
 
+  void _say(String status) {
+    if (mounted) {
+      setState(() => _status = status);
+    }
+  }
+
+  // The page's one texture, kept from the moment it exists: a connection that
+  // fails later uses it again, and dispose() finds it.
+  Future<void> _makeTexture() async {
+    if (_texture != null) {
+      return;
+    }
+    final texture = await _mirn.createTexture();
+    if (!mounted) {
+      _mirn.destroyTexture(texture);
+    } else if (texture != 0) {
+      _texture = texture;
+    }
+  }
+
   Future<void> _connect() async {
     if (_connecting) {
       return;
     }
     _connecting = true;
     try {
-      final texture = _texture ?? await _mirn.createTexture();
+      await _makeTexture();
       await _mirn.release();
-      final keys = await _mirn.initKmProxy();
-      final picture = await _mirn.open() &&
+      final keys = mounted && await _mirn.initKmProxy();
+      // The camera is not for a page that is gone: its dispose() has been.
+      final picture = mounted &&
+          await _mirn.open() &&
           await _mirn.setVideoQuality(MirnVideoQuality.hd1080);
-      final info = keys ? await _mirn.getMirnDevInfo() : null;
+      final info = mounted && keys ? await _mirn.getMirnDevInfo() : null;
       final size = await _mirn.getSize();
       if (!mounted) {
-        _mirn.destroyTexture(texture);
         return;
       }
       setState(() {
-        _texture = texture;
         _size = size.isEmpty ? _size : size;
         _status = switch ((keys, picture)) {
           (true, true) => 'Connected: ${info?.name ?? ''} '
@@ -89,11 +109,14 @@ class _TargetPageState extends State<TargetPage> {
         };
       });
     } on MissingPluginException {
-      if (mounted) {
-        setState(() => _status = 'This platform has no Mirn plug-in.');
-      }
+      _say('This platform has no Mirn plug-in.');
+    } catch (error) {
+      _say('Connecting failed: $error');
     } finally {
       _connecting = false;
+      if (!mounted) {
+        _mirn.release().ignore();
+      }
     }
   }
 
@@ -104,9 +127,9 @@ class _TargetPageState extends State<TargetPage> {
     }
     switch (event) {
       case KeyDownEvent():
-        unawaited(_mirn.keyDown(key));
+        _mirn.keyDown(key).ignore();
       case KeyUpEvent():
-        unawaited(_mirn.keyUp(key));
+        _mirn.keyUp(key).ignore();
       default:
         break; // the target repeats held keys by itself
     }
@@ -131,7 +154,7 @@ class _TargetPageState extends State<TargetPage> {
                         onKeyEvent: _onKey,
                         onFocusChange: (focused) {
                           if (!focused) {
-                            unawaited(_mirn.releaseAllKeys());
+                            _mirn.releaseAllKeys().ignore();
                           }
                         },
                         child: TargetView(
