@@ -2,7 +2,7 @@
 """Runs clang-tidy over every source of the tree that the given build folder compiles.
 
 A file whose text, and the text of everything it includes, is as it was at the last clean run is not read again: the
-folder keeps a stamp per file, keyed by the preprocessed text and the list of checks.
+folder keeps a stamp per file, keyed by its text, what it includes, the list of checks and the tool's version.
 
 Usage: run_tidy.py BUILD_FOLDER
 """
@@ -18,6 +18,7 @@ import sys
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]
 ROOMS = ("deps/pellum/", "device/", "usb/", "video/", "plugin/", "embedding/", "platform/", "virtual/", "host/", "apps/", "linux/")
+VERSION = subprocess.run(["clang-tidy", "--version"], capture_output=True, check=True).stdout
 
 
 def preprocessed_digest(entry):
@@ -27,7 +28,9 @@ def preprocessed_digest(entry):
         del words[at:at + 2]
     words = [word for word in words if word != "-c"] + ["-E", "-P"]
     done = subprocess.run(words, cwd=entry["directory"], capture_output=True, check=False)
-    return hashlib.sha256(done.stdout + (ROOT / ".clang-tidy").read_bytes()).hexdigest()
+    # The file's own text too: preprocessing drops the comments, and with them a NOLINT.
+    rest = (ROOT / ".clang-tidy").read_bytes() + pathlib.Path(entry["file"]).read_bytes() + VERSION
+    return hashlib.sha256(done.stdout + rest).hexdigest()
 
 
 def check(entry, build, stamps):
@@ -44,8 +47,7 @@ def check(entry, build, stamps):
 
 def main():
     build = pathlib.Path(sys.argv[1])
-    if not (build / "compile_commands.json").exists():
-        subprocess.run(["cmake", "--preset", "clang"], cwd=ROOT, check=True, stdout=subprocess.DEVNULL)
+    subprocess.run(["cmake", "--preset", "clang"], cwd=ROOT, check=True, stdout=subprocess.DEVNULL)
     entries = json.loads((build / "compile_commands.json").read_text())
     entries = [entry for entry in entries
                if os.path.relpath(entry["file"], ROOT).startswith(ROOMS) and "CMakeFiles" not in entry["file"]]
