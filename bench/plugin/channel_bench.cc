@@ -155,14 +155,19 @@ const std::array<std::vector<uint8_t>, 2>& keyMessages() {
   return messages;
 }
 
-// Queueing apart from sending: what a key costs the caller.
-void keyDownQueued(benchmark::State& state) {
+// A device that answers at once.
+std::shared_ptr<VirtualMirn> instantDevice() {
   VirtualMirnSettings settings;
   settings.latency = {};
   settings.jitter = {};
   settings.warm_up_latency = {};
   settings.history_limit = 1;
-  const auto device = std::make_shared<VirtualMirn>(settings);
+  return std::make_shared<VirtualMirn>(settings);
+}
+
+// Queueing apart from sending: what a key costs the caller.
+void keyDownQueued(benchmark::State& state) {
+  const auto device = instantDevice();
   BareMessenger& messenger = channel();
   VirtualHid::instance().add(device);
   if (!hostInstallHidFunctions(&gatedFunctions()) || !mirn_->initKmProxy()) {
@@ -203,6 +208,54 @@ void keyDispatchedAndPushed(benchmark::State& state) {
   }
 }
 
+// The connection to an instant device, for as long as it lives.
+class InstantLink {
+ public:
+  explicit InstantLink(benchmark::State& state) {
+    VirtualHid::instance().add(device_);
+    if (!mirn_->initKmProxy() || mirn_->getMirnDevInfo().size() != 4)
+      state.SkipWithError("no connection to the virtual device");
+  }
+  ~InstantLink() {
+    hostReleaseProxy();
+    VirtualHid::instance().remove(device_);
+  }
+  InstantLink(const InstantLink&) = delete;
+  InstantLink& operator=(const InstantLink&) = delete;
+
+ private:
+  const std::shared_ptr<VirtualMirn> device_ = instantDevice();
+};
+
+void devInfoOurs(benchmark::State& state) {
+  channel();
+  const InstantLink link(state);
+  dispatch(state, encodeMethodCall("getMirnDevInfo", Value()));
+}
+
+// The same exchange with the device; msgpack unpacks the call and packs an answer of the same four texts.
+void devInfoMsgpack(benchmark::State& state) {
+  channel();
+  const InstantLink link(state);
+  msgpack::sbuffer call;
+  msgpack::packer<msgpack::sbuffer> packer(call);
+  packer.pack("getMirnDevInfo");
+  packer.pack_nil();
+  const test::Allocations before = test::allocations();
+  for (auto _ : state) {
+    size_t offset = 0;
+    msgpack::object_handle method = msgpack::unpack(call.data(), call.size(), offset);
+    msgpack::object_handle arguments = msgpack::unpack(call.data(), call.size(), offset);
+    benchmark::DoNotOptimize(method.get());
+    benchmark::DoNotOptimize(arguments.get());
+    msgpack::sbuffer answer;
+    msgpack::pack(answer, mirn_->getMirnDevInfo());
+    benchmark::DoNotOptimize(answer.data());
+  }
+  state.counters["allocations"] = benchmark::Counter(static_cast<double>(test::allocations().count - before.count),
+                                                     benchmark::Counter::kAvgIterations);
+}
+
 template <size_t kCount>
 std::array<std::string_view, kCount> someNames() {
   static const std::vector<std::string>& texts = []() -> std::vector<std::string>& {
@@ -233,6 +286,8 @@ BENCHMARK(keyDownOurs)->Name("channel_key_down/ours");
 BENCHMARK(keyDownMsgpack)->Name("channel_key_down/peer:msgpack_unpack");
 BENCHMARK(mouseMoveOurs)->Name("channel_mouse_move/ours");
 BENCHMARK(mouseMoveMsgpack)->Name("channel_mouse_move/peer:msgpack_unpack");
+BENCHMARK(devInfoOurs)->Name("channel_dev_info/ours");
+BENCHMARK(devInfoMsgpack)->Name("channel_dev_info/peer:exchange_and_msgpack");
 BENCHMARK(keyDownQueued)->Name("channel_key_down_queued/ours");
 BENCHMARK(keyDispatchedAndPushed)->Name("channel_key_down_queued/peer:dispatch_and_bare_push");
 BENCHMARK(findName<200>)->Name("channel_find_command/ours");
