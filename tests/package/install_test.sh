@@ -133,6 +133,6 @@ mkdir "$root/build/links"
 inside ln -s /usr/share/flutter-mirn /build/links/flutter_mirn
 quietly inside cmake -G Ninja -DCMAKE_BUILD_TYPE=Debug -DFLUTTER_PLUGIN_SYMLINKS=/build/links -S /build/flutter_host/app/linux \
   -B /build/app
-quietly inside cmake --build /build/app -j "${JOBS:-$(nproc)}"
-inside /build/app/intermediates_do_not_run/flutter_mirn_example || fail "the host application with the installed Flutter sources"
+quietly inside cmake --build /build/app -j "${JOBS:-$(nproc)}" --target install
+inside /build/app/bundle/flutter_mirn_example /build/app/bundle/lib/libflutter_mirn_plugin.so || fail "the host application with the installed Flutter sources"
 echo "installed, ran, built and removed: all is well"
