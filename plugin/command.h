@@ -55,6 +55,7 @@ struct MainCommand {
   Instead notDictionary = Instead::kForward;
   Instead keyMissing = Instead::kForward;
   ReplyKind reply = ReplyKind::kNull;
+  int32_t failure = 0;  // what an integer reply is when the action fails with an exception
   void (*run)(FlutterMirnPluginCApi& plugin, const CommandArguments& arguments, MethodResult& result) = nullptr;
 
   constexpr size_t argumentCount() const {

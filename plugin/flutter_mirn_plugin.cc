@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "platform/os_version.h"
+#include "plugin/command_guard.h"
 #include "plugin/flutter_mirn_plugin_c_api.h"
 #include "plugin/perfect_index.h"
 #include "plugin/registration.h"
@@ -14,6 +15,14 @@
 
 namespace mirn {
 namespace {
+
+void answerTexts(const std::vector<std::string>& texts, MethodResult& result) {
+  MessageWriter envelope;
+  envelope.byte(0);
+  envelope.listHead(texts.size());
+  for (const std::string& text : texts) envelope.text(text);
+  result.successEncoded(envelope);
+}
 
 void answerVersion(CameraManager&, const FrameIntegers&, MethodResult& result) {
   MessageWriter envelope;
@@ -24,17 +33,16 @@ void answerVersion(CameraManager&, const FrameIntegers&, MethodResult& result) {
 }
 
 void answerDevices(CameraManager& camera, const FrameIntegers&, MethodResult& result) {
-  const std::vector<std::string> names = camera.listDevices();
-  MessageWriter envelope;
-  envelope.byte(0);
-  envelope.listHead(names.size());
-  for (const std::string& name : names) envelope.text(name);
-  result.successEncoded(envelope);
+  answerTexts(camera.listDevices(), result);
+}
+
+void answerNoFrame(MethodResult& result) {
+  result.error("CAPTURE_FAILED", "No frame available");
 }
 
 void answerFrame(CameraManager& camera, const FrameIntegers&, MethodResult& result) {
   const std::optional<FrameData> frame = camera.currentFrame();
-  if (!frame) return result.error("CAPTURE_FAILED", "No frame available");
+  if (!frame) return answerNoFrame(result);
   constexpr size_t kRoomBesidesData = 64;
   MessageWriter envelope;
   envelope.reserve(frame->rgbData->size() + kRoomBesidesData);
@@ -95,6 +103,25 @@ constexpr auto commandNames() {
 constexpr PerfectIndex<kCommands.size()> kIndex(commandNames());
 static_assert(kIndex.valid(), "two command names are alike in length, first and last eight bytes");
 
+// What a command answers that failed with an exception: the same as without a device.
+void answerFailure(FrameReply reply, MethodResult& result) {
+  if (!result.pending()) return;  // the answer was out already
+  switch (reply) {
+    case FrameReply::kText:
+      return result.success(Value(std::string()));
+    case FrameReply::kTextList:
+      return answerTexts({}, result);
+    case FrameReply::kBool:
+      return result.successBool(false);
+    case FrameReply::kFrame:
+      return answerNoFrame(result);
+    case FrameReply::kInt32:
+      return result.successInt32(0);
+    case FrameReply::kNull:
+      return result.success();
+  }
+}
+
 bool readIntegers(FrameArguments wanted, const ValueView& list, FrameIntegers* integers) {
   if (wanted == FrameArguments::kIgnored) return true;
   if (!list.isIntegerList()) return false;
@@ -125,7 +152,9 @@ void FlutterMirnPlugin::handleMethodCall(const MethodCallView& call, MethodResul
   if (!readIntegers(command.arguments, call.arguments, &integers)) {
     return result.error("INVALID_ARGUMENT", command.argumentError);
   }
-  command.run(*cameraManager, integers, result);
+  if (!runGuarded("FlutterMirnPlugin", command.name, [&] { command.run(*cameraManager, integers, result); })) {
+    answerFailure(command.reply, result);
+  }
 }
 
 void registerFlutterMirnPlugin(PluginRegistrar& registrar) {

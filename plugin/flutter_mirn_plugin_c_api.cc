@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "plugin/command_guard.h"
 #include "plugin/mirn_global.h"
 #include "plugin/mirn_manager.h"
 #include "plugin/perfect_index.h"
@@ -110,6 +111,7 @@ constexpr MainCommand kCommands[] = {
      .notDictionary = Instead::kMinusTwo,
      .keyMissing = Instead::kMinusThree,
      .reply = ReplyKind::kInt32,
+     .failure = kUpgradeImpossible,
      .run =
          [](Plug&, const Args& arguments, MethodResult& result) {
            result.successInt32(mirn_->reqUpgradeFirmware(std::string(arguments.text(0))));
@@ -226,6 +228,29 @@ void answerInstead(Instead instead, MethodResult& result) {
   }
 }
 
+// What a command answers that failed with an exception: the same as without a device.
+void answerFailure(const MainCommand& command, MethodResult& result) {
+  if (!result.pending()) return;  // the answer was out already
+  switch (command.reply) {
+    case ReplyKind::kNull:
+      return result.success();
+    case ReplyKind::kBool:
+      return result.successBool(false);
+    case ReplyKind::kInt32:
+      return result.successInt32(command.failure);
+    case ReplyKind::kInt64:
+      return result.successInt64(0);
+    case ReplyKind::kTextList:
+      return answerTexts(result, {});
+    case ReplyKind::kIntegerList:
+      return answerIntegers(result, {});
+    case ReplyKind::kSizeMap:
+      return answerSize(result, {});
+    case ReplyKind::kNoReply:
+      return;
+  }
+}
+
 // Whether every key of the row is there.
 bool readArguments(const MainCommand& command, size_t count, const ValueView& dictionary, CommandArguments* arguments) {
   std::array<std::string_view, kMostArguments> keys;
@@ -278,7 +303,9 @@ void FlutterMirnPluginCApi::handleMethodCall(const MethodCallView& call, MethodR
     const bool complete = readArguments(*command, count, call.arguments, &arguments);
     if (!complete && command->keyMissing != Instead::kForward) return answerInstead(command->keyMissing, result);
   }
-  command->run(*this, arguments, result);
+  if (!runGuarded("FlutterMirnPluginCApi", command->name, [&] { command->run(*this, arguments, result); })) {
+    answerFailure(*command, result);
+  }
 }
 
 void FlutterMirnPluginCApi::detachFromEngine(PluginRegistrar& /*registrar*/) {

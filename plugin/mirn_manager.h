@@ -21,15 +21,19 @@ class MyCppListenerWrapper;
 // The capture colour in force: true = the '420v' formats, false = 'yuvs'. Belongs to the process. Platform thread.
 extern bool gNormalColor;
 
+// What an upgrade answers that can't begin.
+inline constexpr int32_t kUpgradeImpossible = -4;
+
 struct MirnSize {
   double width = 0;  // pixels
   double height = 0;
 };
 
 // Bound to the platform thread, except setProcess (any thread). Every operation can be called at any time: without a
-// device it does nothing or answers the "missing" value named beside it. What the device layer throws (out of memory,
-// no thread to be had) passes through, with two exceptions: connecting answers false to every standard exception, and
-// getMirnDevInfo an empty list to any exception of its question, though not of the connecting before it.
+// device it does nothing or answers the "missing" value named beside it. What the layers below throw (out of memory,
+// say) passes through here and ends at the plug-in, which answers as without a device; with two exceptions: connecting
+// answers false to every standard exception, and getMirnDevInfo an empty list to any exception of its question, though
+// not of the connecting before it.
 class MirnManager : public SampleBufferDelegate {
  public:
   // A manager with a listener and an initialised HID library; no device is opened.

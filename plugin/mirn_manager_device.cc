@@ -20,9 +20,8 @@
 namespace mirn {
 namespace {
 
-// What upgrade and information answer when nothing can be done.
+// What information answers when nothing can be done.
 constexpr int32_t kNoProxy = -1;
-constexpr int32_t kUpgradeImpossible = -4;
 constexpr uint8_t kFlagSet = 1;
 
 // A proxy that was alive when its manager went, and the listener it reports to: kept for ever, because its sending
@@ -33,6 +32,20 @@ struct LeftBehind {
   LeftBehind* next;
 };
 constinit LeftBehind* g_left_behind = nullptr;
+
+// Gives the lock back when the scope ends, however that happens: an image may be too large for the memory.
+class ConfigurationUnlock {
+ public:
+  explicit ConfigurationUnlock(const std::shared_ptr<CaptureDevice>& device) : device_(device) {}
+  ~ConfigurationUnlock() {
+    if (device_ != nullptr) device_->unlockForConfiguration();
+  }
+  ConfigurationUnlock(const ConfigurationUnlock&) = delete;
+  ConfigurationUnlock& operator=(const ConfigurationUnlock&) = delete;
+
+ private:
+  const std::shared_ptr<CaptureDevice>& device_;
+};
 
 // A text of the device: `field` up to its first NUL; "" where it is not valid UTF-8, which no application could show.
 std::string deviceText(std::string_view field) {
@@ -180,8 +193,8 @@ int32_t MirnManager::reqUpgradeFirmware(const std::string& path) {
   // Nobody changes the picture's format while the image goes out. No capture device: nothing to lock.
   const std::shared_ptr<CaptureDevice> locked = captureDevice_;
   if (locked != nullptr && !locked->lockForConfiguration()) return kUpgradeImpossible;
+  const ConfigurationUnlock unlock(locked);
   const int32_t status = kmproxy_->ReqUpgradeFirmware(path);
-  if (locked != nullptr) locked->unlockForConfiguration();
   printStandardOutput("reqUpgradeFirmware send upgrade data finished, bRet=%d\n", status);
   return status;
 }

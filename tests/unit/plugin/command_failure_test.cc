@@ -8,6 +8,7 @@
 
 #include "platform/capture.h"
 #include "platform/hid_functions.h"
+#include "platform/mirn_identity.h"
 #include "plugin/flutter_mirn_plugin.h"
 #include "plugin/flutter_mirn_plugin_c_api.h"
 #include "plugin/mirn_global.h"
@@ -22,7 +23,8 @@ namespace mirn::test {
 namespace {
 
 enum class Throws { kNothing, kException, kNumber };
-Throws g_hid_throws = Throws::kNothing;
+Throws g_open_throws = Throws::kNothing;
+Throws g_write_throws = Throws::kNothing;
 
 void throwAs(Throws what) {
   if (what == Throws::kException) throw std::runtime_error("made to fail");
@@ -32,11 +34,11 @@ void throwAs(Throws what) {
 HidFunctions throwingFunctions() {
   HidFunctions functions = VirtualHid::functions();
   functions.open = [](unsigned short vendor, unsigned short product, const wchar_t* serial) {
-    throwAs(g_hid_throws);
+    throwAs(g_open_throws);
     return VirtualHid::functions().open(vendor, product, serial);
   };
   functions.write = [](hid_device* device, const unsigned char* data, size_t length) {
-    throwAs(g_hid_throws);
+    throwAs(g_write_throws);
     return VirtualHid::functions().write(device, data, length);
   };
   return functions;
@@ -54,6 +56,27 @@ class ThrowingCapture final : public CaptureSystem {
   const Throws what_;
 };
 
+// A Mirn that can't be opened; only the manager's first look at it is harmless.
+class ThrowingCamera final : public CaptureDevice, public CaptureSystem {
+ public:
+  std::string localizedName() const override { return kMirnProductName; }
+  std::string uniqueID() const override { return "throwing"; }
+  std::string topologyPath() const override { return ""; }
+  std::string nodeName() const override { return "throwing"; }
+  bool isConnected() const override { throw std::bad_alloc(); }
+  std::vector<CaptureFormatRef> formats() override { return {}; }
+  std::vector<std::shared_ptr<CaptureDevice>> devices() override { return {shared_from_this()}; }
+
+ protected:
+  bool openNode(CaptureError* /*error*/) override { return false; }
+  void closeNode() override {}
+  bool acquireConfiguration(CaptureError* /*error*/) override { return false; }
+  void releaseConfiguration() override {}
+  bool applyFormat(const CaptureFormat& /*format*/, CaptureError* /*error*/) override { return false; }
+  bool startStream(CaptureError* /*error*/) override { return false; }
+  void stopStream() override {}
+};
+
 class ThrowingTextures final : public TextureRegistry {
  public:
   int64_t registerTexture(std::shared_ptr<ExternalTexture> /*texture*/) override { throw std::bad_alloc(); }
@@ -69,7 +92,7 @@ class CommandFailureTest : public testing::Test {
     FlutterMirnPluginCApi::registerWithRegistrar(registrar_);
   }
   ~CommandFailureTest() override {
-    g_hid_throws = Throws::kNothing;
+    g_open_throws = g_write_throws = Throws::kNothing;
     mirn_->close();
     mirn_->releaseProxy();
     releaseManager();
@@ -101,14 +124,26 @@ Value map(const char* key, Value value) {
 
 TEST_F(CommandFailureTest, EachAnswersAsWithoutADevice) {
   ASSERT_TRUE(mirn_->initKmProxy());
-  g_hid_throws = Throws::kException;
+  g_write_throws = Throws::kException;
   expectFailure("setLedStatus", map("ledStatus", int32_t{1}), Value(), "made to fail");
   expectFailure("setMirnDevInfo", map("name", std::string("x")), int32_t{0}, "made to fail");
-  expectFailure("reqUpgradeFirmware", map("path", std::string("/nowhere")), int32_t{-4}, "made to fail");
+  g_write_throws = Throws::kNothing;
   expectFailure("createTexture", Value(), int64_t{0}, "std::bad_alloc");
-  g_hid_throws = Throws::kNumber;
+  g_open_throws = Throws::kNumber;
   expectFailure("initKmProxy", Value(), false, "not a standard exception");
   expectFailure("getMirnDevInfo", Value(), ValueList{}, "not a standard exception");
+}
+
+TEST_F(CommandFailureTest, ACameraThatThrowsIsOneThatCannotBeLocked) {
+  ASSERT_TRUE(mirn_->initKmProxy());
+  const auto camera = std::make_shared<ThrowingCamera>();
+  setCaptureSystem(camera.get());
+  EXPECT_FALSE(mirn_->open());
+  expectFailure("reqUpgradeFirmware", map("path", std::string("/nowhere")), int32_t{-4}, "std::bad_alloc");
+  expectFailure("setVideoQuality", map("quality", std::string("720P")), false, "std::bad_alloc");
+  expectFailure("bestColor", Value(), Value(), "std::bad_alloc");
+  mirn_->close();
+  setCaptureSystem(nullptr);
 }
 
 TEST_F(CommandFailureTest, ACaptureSystemThatThrowsIsACaptureSystemWithoutDevices) {
