@@ -63,7 +63,8 @@ class BinaryReply {
 class BinaryMessageHandler {
  public:
   virtual ~BinaryMessageHandler() = default;
-  // `message` is borrowed for the call.
+  // `message` is borrowed for the call. What it throws ends at the engine's adapter: a line of text, and the reply
+  // counts as dropped where it had not been given.
   virtual void onMessage(std::span<const uint8_t> message, BinaryReply reply) = 0;
 };
 

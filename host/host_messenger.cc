@@ -1,6 +1,7 @@
 #include "host/host_messenger.h"
 
 #include <cstdio>
+#include <exception>
 #include <utility>
 
 #include "platform/main_queue.h"
@@ -28,6 +29,11 @@ class ReplySink final : public BinaryReplySink {
 
   Engine::ReplyCallback done_;
 };
+
+// The reply that the handler held is dropped by then, and told so.
+void handlerThrew(const std::string& channel, const char* reason) {
+  std::fprintf(stderr, "host: the handler of \"%s\" failed: %s\n", channel.c_str(), reason);
+}
 
 }  // namespace
 
@@ -59,7 +65,13 @@ void Engine::Messenger::handOver(const std::string& channel, std::span<const uin
     return;
   }
   const bool nested = std::exchange(in_handler_, true);  // a handler may run the loop
-  handler->onMessage(message, BinaryReply(new ReplySink(reply)));
+  try {
+    handler->onMessage(message, BinaryReply(new ReplySink(reply)));
+  } catch (const std::exception& failure) {
+    handlerThrew(channel, failure.what());
+  } catch (...) {
+    handlerThrew(channel, "not a standard exception");
+  }
   in_handler_ = nested;
 }
 

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <stdexcept>
 #include <thread>
 
 #include "host/engine.h"
@@ -78,6 +79,25 @@ TEST(EngineMessages, PostedMessagesArriveInOrderAndNeverInsideEachOther) {
   EXPECT_TRUE(order.empty()) << "nothing runs before the loop does";
   EXPECT_TRUE(runLoopUntil([&] { return order.size() == 6 && replies == 5; }, 10s));
   EXPECT_EQ(order, (Bytes{1, 2, 3, 4, 5, 9}));
+}
+
+TEST(EngineMessages, AHandlerThatThrowsHasNotAnswered) {
+  Engine engine;
+  engine.messenger().setMessageHandler(
+      "exception", std::make_shared<Handler>([](auto, BinaryReply) { throw std::runtime_error("made to fail"); }));
+  engine.messenger().setMessageHandler("number", std::make_shared<Handler>([](auto, BinaryReply) { throw 5; }));
+  engine.messenger().setMessageHandler("late", std::make_shared<Handler>([](auto, BinaryReply reply) {
+                                         reply.answer(Bytes{1});
+                                         throw 5;
+                                       }));
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(engine.deliver("exception", {}).kind, ChannelReply::Kind::kNoReply);
+  EXPECT_EQ(engine.deliver("number", {}).kind, ChannelReply::Kind::kNoReply) << "and the handler counts as over";
+  EXPECT_EQ(engine.deliver("late", {}).bytes, Bytes{1}) << "what was answered was answered";
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "host: the handler of \"exception\" failed: made to fail\n"
+            "host: the handler of \"number\" failed: not a standard exception\n"
+            "host: the handler of \"late\" failed: not a standard exception\n");
 }
 
 TEST(EngineMessages, DeliveringFromInsideAHandlerIsRefused) {
