@@ -16,7 +16,10 @@ void addChannelCommand(CLI::App& app, ChosenCommand& chosen) {
   command->add_option("--plugin", *plugin, "Which plug-in serves the channel: main or second")
       ->check(CLI::IsMember({"main", "second"}));
   command->callback([&chosen, plugin] {
-    chosen = [plugin](Context& context) {
+    chosen = [plugin](Context& context) -> int {
+      if (context.report().json()) {
+        return context.report().failure(kExitUsage, "--json and raw channel messages don't go together.");
+      }
       Engine engine;
       if (*plugin == "second") {
         registerFlutterMirnPlugin(engine.makeRegistrar());

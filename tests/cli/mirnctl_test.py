@@ -7,6 +7,7 @@ Each case's output is compared with golden/NAME.out (standard output), NAME.err 
 list below. Numbers that are measured are replaced by # first.
 """
 import os
+import pty
 import re
 import subprocess
 import sys
@@ -60,12 +61,18 @@ CASES = [
     ("set_name_long_json", 2, "--virtual --json set-name 123456789012345678901", None),
     ("set_name_missing", 2, "--virtual set-name", None),
     ("set_name_refused", 1, "--virtual --virtual-faults refuse@*/c10 set-name Desk", None),
+    ("set_name_unplugged", 3, "--virtual --virtual-unplugged set-name Desk", None),
+    ("set_name_denied", 4, "--virtual --virtual-denied=hid set-name Desk", None),
     ("led_get", 0, "--virtual led get", None),
     ("led_get_json", 0, "--virtual --json led get", None),
     ("led_set", 0, "--virtual led set 7", None),
     ("led_set_json", 0, "--virtual --json led set 7", None),
     ("led_set_range", 2, "--virtual led set 256", None),
     ("led_alone", 2, "--virtual led", None),
+    ("led_get_unplugged", 3, "--virtual --virtual-unplugged led get", None),
+    ("led_get_denied", 4, "--virtual --virtual-denied=hid led get", None),
+    ("led_set_unplugged_json", 3, "--virtual --virtual-unplugged --json led set 7", None),
+    ("led_set_denied_json", 4, "--virtual --virtual-denied=hid --json led set 7", None),
     ("key", 0, "--virtual key ctrl+alt+del enter", None),
     ("key_json", 0, "--virtual --json key a 0x42", None),
     ("key_unknown", 2, "--virtual key ctrl+nokey", None),
@@ -90,6 +97,9 @@ CASES = [
     ("type_unplugged", 3, ["--virtual", "--virtual-unplugged", "type", "a"], None),
     ("type_denied", 4, ["--virtual", "--virtual-denied=hid", "type", "a"], None),
     ("mouse_denied", 4, "--virtual --virtual-denied=hid mouse move 1 1", None),
+    ("mouse_unplugged", 3, "--virtual --virtual-unplugged mouse move 1 1", None),
+    ("mouse_click_unplugged", 3, "--virtual --virtual-unplugged mouse click 1 1", None),
+    ("mouse_wheel_unplugged_json", 3, "--virtual --virtual-unplugged --json mouse wheel 1", None),
     ("mouse_move", 0, "--virtual mouse move 100 200", None),
     ("mouse_move_json", 0, "--virtual --json mouse move 0 32767", None),
     ("mouse_move_screen", 0, "--virtual mouse move --screen 1920x1080 1919 0", None),
@@ -118,9 +128,13 @@ CASES = [
     ("quality", 0, "--virtual quality 720P", None),
     ("quality_json", 0, "--virtual --json quality 1080P", None),
     ("quality_bad", 2, "--virtual quality 720p", None),
+    ("quality_unplugged", 3, "--virtual --virtual-unplugged quality 720P", None),
+    ("quality_denied", 4, "--virtual --virtual-denied quality 720P", None),
     ("color", 0, "--virtual color best", None),
     ("color_json", 0, "--virtual --json color normal --quality 720P", None),
     ("color_bad", 2, "--virtual color rosy", None),
+    ("color_unplugged", 3, "--virtual --virtual-unplugged color best", None),
+    ("color_denied", 4, "--virtual --virtual-denied color best", None),
     ("watch", 0, "--virtual --virtual-pull-after 300 --virtual-plug-after 700 watch --count 2 --no-time", None),
     ("watch_json", 0, "--virtual --virtual-pull-after 300 --json watch --count 1 --no-time", None),
     ("watch_seconds", 0, "--virtual watch --seconds 1 --no-time", None),
@@ -148,7 +162,11 @@ CASES = [
     ("latency_json", 0, "--virtual --json latency --count 5 --answers-only", None),
     ("latency_mismatch", 1, "--virtual --virtual-mismatch latency --count 2", None),
     ("latency_mismatch_answers", 0, "--virtual --virtual-mismatch latency --count 2 --answers-only", None),
+    ("latency_unplugged", 3, "--virtual --virtual-unplugged latency --count 2", None),
+    ("latency_denied", 4, "--virtual --virtual-denied latency --count 2", None),
+    ("latency_hid_denied", 4, "--virtual --virtual-denied=hid latency --count 2 --answers-only", None),
     ("channel", 0, "--virtual channel", "07056f70656e00\nzz\nwait 1\n"),
+    ("channel_json", 2, "--json channel", "07056f70656e00\n"),
     ("help", 0, "--help", None),
     ("version", 0, "--version", None),
     ("nothing", 2, "", None),
@@ -220,6 +238,36 @@ def temporary_directory_faults():
     return faults
 
 
+def terminal_faults():
+    """On a terminal the progress of an upgrade is one line, drawn again and again, and ended before the result."""
+    screen, terminal = pty.openpty()
+    # The chunks take long enough for a bar that is half full.
+    program = subprocess.Popen([PROGRAM, "--virtual-faults", "delay=300@*/c7", "upgrade", "--expect", "2.0", "long.hex"],
+                               stdout=terminal, stdin=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    os.close(terminal)
+    shown = b""
+    try:
+        while part := os.read(screen, 4096):
+            shown += part
+    except OSError:
+        pass  # so a terminal ends that nobody writes to any more
+    os.close(screen)
+    if program.wait() != 0:
+        return ["status %d" % program.returncode]
+    first, _, rest = shown.decode().partition("\r\n")
+    drawn, _, result = rest.partition("\r\n")
+    faults = [] if first.startswith("long.hex: ") else ["the first line is %r" % first]
+    if result != "The device now runs version 2.0 (before: 1.0.0).\r\n":
+        faults.append("the end is %r" % result)
+    bars = re.findall(r"\r\[(#*)( *)\] chunk \d of 6, +\d+ %, [\d.]+ KiB/s(?:, \d+ s left)?\x1b\[K", drawn)
+    if drawn.count("\r") != len(bars) or any(len(bar + space) != 30 for bar, space in bars):
+        faults.append("the bar is %r" % drawn)
+    filled = [len(bar) for bar, _ in bars]
+    if filled != sorted(filled) or filled[-1:] != [30] or len(set(filled)) < 2:
+        faults.append("the bar is filled by %r" % filled)
+    return faults
+
+
 def main():
     os.chdir(tempfile.mkdtemp(prefix="mirnctl-test-"))
     image = b"MIRN-VERSION=2.0" + bytes(1) + bytes((i * 7) & 0xFF for i in range(6000))
@@ -238,11 +286,13 @@ def main():
         passed, failed = passed + (not faults), failed + bool(faults)
         for fault in faults:
             print("FAILED %s: %s" % (name, fault))
-    if not wanted or "temporary_directory" in wanted:
-        faults = temporary_directory_faults()
+    for name, check in (("temporary_directory", temporary_directory_faults), ("terminal", terminal_faults)):
+        if wanted and name not in wanted:
+            continue
+        faults = check()
         passed, failed = passed + (not faults), failed + len(faults)
         for fault in faults:
-            print("FAILED temporary_directory: %s" % fault)
+            print("FAILED %s: %s" % (name, fault))
     named = {re.sub(r"\.(out|err)$", "", file) for file in os.listdir(GOLDEN)}
     for stale in sorted(named - {case[0] for case in CASES}):
         print("FAILED: golden/%s belongs to no case" % stale)
