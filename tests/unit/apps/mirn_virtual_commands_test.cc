@@ -67,9 +67,10 @@ class CommandServerTest : public testing::Test {
 
   const std::string path_ = testing::TempDir() + "mirn-commands-" + std::to_string(getpid());
   int commands_ = 0;
+  std::string ending_;  // of each answer
   CommandServer server_{[this](std::string_view line) {
     ++commands_;
-    return "answer to " + std::string(line);
+    return "answer to " + std::string(line) + ending_;
   }};
   std::string detail_;
 };
@@ -98,6 +99,23 @@ TEST_F(CommandServerTest, AClientThatReadsLateGetsEveryAnswerInItsOrder) {
   }
   EXPECT_EQ(commands_, sent);
   EXPECT_TRUE(got == expected) << got.size() << " of " << expected.size() << " bytes";
+}
+
+TEST_F(CommandServerTest, ACommandWaitsUntilTheAnswerBeforeItIsOut) {
+  ASSERT_TRUE(server_.listenAt(path_, &detail_)) << detail_;
+  constexpr size_t kMoreThanASocketTakes = 4 << 20;
+  ending_ = std::string(kMoreThanASocketTakes, '.');
+  const OwnedDescriptor client = connected();
+  ASSERT_EQ(::send(client.get(), "one\ntwo\n", 8, 0), 8);
+  serve();
+  EXPECT_EQ(commands_, 1);
+  std::string got;
+  for (std::string part = readAll(client.get()); !part.empty(); part = readAll(client.get())) {
+    got += part;
+    serve();
+  }
+  EXPECT_EQ(commands_, 2);
+  EXPECT_TRUE(got == "answer to one" + ending_ + "\nanswer to two" + ending_ + "\n") << got.size() << " bytes";
 }
 
 TEST_F(CommandServerTest, TheCommandsOfAClientThatLeavesUnreadAreDone) {
