@@ -1,5 +1,6 @@
 #include "linux/fl_messenger.h"
 
+#include <exception>
 #include <utility>
 
 #include "embedding/standard_codec.h"
@@ -157,7 +158,14 @@ void FlMessengerAdapter::onMessage(FlBinaryMessenger* messenger, const gchar* /*
   auto* sink = new Sink(messenger, response_handle);
   bool finished = false;
   sink->tell(&finished);
-  handler->onMessage(view(kept), BinaryReply(sink));
+  // Nothing may unwind through the embedding, which is C. The reply is dropped by the time of the catch.
+  try {
+    handler->onMessage(view(kept), BinaryReply(sink));
+  } catch (const std::exception& failure) {
+    g_warning("flutter_mirn: a message handler failed: %s", failure.what());
+  } catch (...) {
+    g_warning("flutter_mirn: a message handler failed");
+  }
   Sink::handlerReturned(sink, &finished);
 }
 

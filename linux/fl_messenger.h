@@ -18,7 +18,7 @@ namespace mirn {
 //
 // A message whose answer is dropped is answered with an empty success once its handler has returned: the embedding logs
 // a critical error and leaks its handle for every message that stays unanswered, and the fire-and-forget commands never
-// answer. The application doesn't wait for it.
+// answer. The application doesn't wait for it. A handler that throws has dropped its answer: a warning, and the same.
 class FlMessengerAdapter final : public BinaryMessenger {
  public:
   // `messenger` is referenced. `abandoned` is called when the engine has taken the last handler away: at its end, or

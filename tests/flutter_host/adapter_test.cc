@@ -2,6 +2,9 @@
 #include <flutter_mirn/flutter_mirn_plugin.h>
 #include <flutter_mirn/flutter_mirn_plugin_c_api.h>
 
+#include <optional>
+#include <stdexcept>
+
 #include "linux/fl_messenger.h"
 #include "plugin_fixture.h"
 
@@ -104,6 +107,27 @@ TEST_F(FlutterMessenger, AnAnswerMayComeAfterTheAdapterHasGone) {
   adapter_.reset();
   ASSERT_TRUE(runLoopUntil([this] { return !replies_.empty(); }, kPatience));
   EXPECT_TRUE(runLoopUntil([this] { return held_.expired(); }, kPatience));
+}
+
+// Through the embedding, which is C, no exception can go.
+TEST_F(FlutterMessenger, AHandlerThatThrowsLeavesAWarningAndTheEmptySuccess) {
+  struct Thrower : BinaryMessageHandler {
+    void onMessage(std::span<const uint8_t> message, BinaryReply reply) override {
+      if (message[0] == 1) throw std::runtime_error("made to fail");
+      if (message[0] == 2) reply.answer(MessageBytes{5});
+      throw 5;
+    }
+  };
+  adapter_->setMessageHandler("throws", std::make_shared<Thrower>());
+  const uint64_t before = glibWarnings();
+  std::vector<std::optional<MessageBytes>> answers;
+  for (const uint8_t kind : {1, 2, 3}) {
+    engine_.send("throws", {kind}, [&](const std::optional<MessageBytes>& reply) { answers.push_back(reply); });
+  }
+  ASSERT_TRUE(runLoopUntil([&] { return answers.size() == 3; }, kPatience));
+  const MessageBytes empty_success = {0, 0};
+  EXPECT_EQ(answers, (std::vector<std::optional<MessageBytes>>{empty_success, MessageBytes{5}, empty_success}));
+  EXPECT_EQ(glibWarnings(), before + 3);
 }
 
 TEST_F(FlutterMessenger, AfterTheEnginesEndTheFunctionGoesUncalled) {
