@@ -233,7 +233,7 @@ bool CaptureDevice::replaceFormat(const CaptureFormatRef& format, CaptureError* 
     formatChoices_.fetch_add(1, std::memory_order_release);
   }
   if (applied && user) {
-    user->onFormat(*format);
+    tellFormat(*user);
   }
   CaptureError restart;
   if (flowing && !beginStream(&restart)) {
@@ -279,15 +279,17 @@ bool CaptureDevice::startStreaming(const std::shared_ptr<CaptureSink>& newSink, 
     MutexGuard sinkGuard(sinkLock_);
     sink_ = newSink;
   }
-  if (activeFormat_) {
-    newSink->onFormat(*activeFormat_);
-  }
+  tellFormat(*newSink);
   if (beginStream(error)) {
     return true;
   }
   MutexGuard sinkGuard(sinkLock_);
   sink_.reset();
   return false;
+}
+
+void CaptureDevice::tellFormat(CaptureSink& user) {
+  user.onFormat(flowingFormat(activeFormat_ ? *activeFormat_ : CaptureFormat{}));
 }
 
 void CaptureDevice::stopStreaming(const CaptureSink* user) {

@@ -144,6 +144,9 @@ class CaptureDevice : public std::enable_shared_from_this<CaptureDevice> {
   virtual void releaseConfiguration() = 0;
   /// Sets format and fastest interval. The node is open, no frames are flowing.
   virtual bool applyFormat(const CaptureFormat& format, CaptureError* error) = 0;
+  /// What frames will have, once format and interval are set; `active` (all zero before anything was set) where the
+  /// device doesn't say. The node is open, no frames are flowing.
+  virtual CaptureFormat flowingFormat(const CaptureFormat& active) { return active; }
   /// Frames flow after startStream() returned true, through the deliver calls below, from one thread of the device.
   /// It doesn't wait for the first frame.
   virtual bool startStream(CaptureError* error) = 0;
@@ -164,6 +167,7 @@ class CaptureDevice : public std::enable_shared_from_this<CaptureDevice> {
   bool beginStream(CaptureError* error) MIRN_REQUIRES(control_);
   void endStream() MIRN_REQUIRES(control_);
   bool replaceFormat(const CaptureFormatRef& format, CaptureError* error) MIRN_REQUIRES(control_);
+  void tellFormat(CaptureSink& user) MIRN_REQUIRES(control_);
 
   mutable Mutex control_;
   mutable Mutex sinkLock_;
@@ -239,7 +243,7 @@ struct CaptureStatistics {
   uint64_t framesDelivered = 0;  ///< handed to the delegate
   uint64_t droppedLate = 0;      ///< a newer frame came before it was taken, or no picture was free
   uint64_t droppedDamaged = 0;
-  int32_t width = 0;  ///< of the active format
+  int32_t width = 0;  ///< of what the device sends
   int32_t height = 0;
   FourCharCode pixelFormat = 0;
   CaptureInterval interval;

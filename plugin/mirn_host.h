@@ -28,10 +28,10 @@ struct HostSessionStatistics {
   std::string node;        // e.g. "/dev/video0"; the virtual back end names its own
   std::string deviceName;  // as getDeviceList names it
   std::string uniqueId;    // stable across reboots
-  int32_t width = 0;       // pixels, of the active format
+  int32_t width = 0;       // pixels, of what the device sends
   int32_t height = 0;
   uint32_t pixelFormat = 0;       // what the device sends, as a four-character code: 'YUYV', 'NV12', 'MJPG'
-  double framesPerSecond = 0;     // of the active format; 0 = unknown
+  double framesPerSecond = 0;     // as the device says it has it; 0 = unknown
   uint64_t framesCaptured = 0;    // arrived and were converted, delivered or not
   uint64_t framesDelivered = 0;   // handed to the textures
   uint64_t droppedLate = 0;       // a newer one came before it was taken, or no buffer was free

@@ -172,14 +172,19 @@ bool VirtualCaptureDevice::applyFormat(const CaptureFormat& format, CaptureError
   return true;
 }
 
+CaptureFormat VirtualCaptureDevice::flowingFormat(const CaptureFormat& /*active*/) {
+  const MutexGuard guard(mutex_);
+  if (format_.width == 0) {
+    format_ = *highPresetFormat(formats_);
+  }
+  return format_;
+}
+
 bool VirtualCaptureDevice::startStream(CaptureError* error) {
   const MutexGuard guard(mutex_);
   if (!connected_ || opened_plugging_ != plugging_) {
     report(error, failure(ENODEV, "the device was unplugged", "Plug it in and open it again."));
     return false;
-  }
-  if (format_.width == 0) {
-    format_ = *highPresetFormat(formats_);
   }
   try {
     stream_ = std::make_shared<Stream>(*this, format_, faults_);

@@ -119,6 +119,7 @@ class VirtualCaptureDevice final : public CaptureDevice {
   bool acquireConfiguration(CaptureError* error) override;
   void releaseConfiguration() override;
   bool applyFormat(const CaptureFormat& format, CaptureError* error) override;
+  CaptureFormat flowingFormat(const CaptureFormat& active) override;
   bool startStream(CaptureError* error) override;
   void stopStream() override;
 

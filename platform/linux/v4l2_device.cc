@@ -181,7 +181,8 @@ void V4l2Device::setInterval(const CaptureInterval& interval) {
     v4l2_streamparm parameters{};
     parameters.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
     parameters.parm.capture.timeperframe = {interval.numerator, interval.denominator};
-    // A driver without a choice of rates refuses; it then has one rate.
+    // A driver without a choice of rates refuses, and any driver may take another than this one: what it has in the
+    // end is asked for when it matters.
     calls_->control(openDescriptor(), VIDIOC_S_PARM, &parameters);
   }
 }
@@ -204,14 +205,33 @@ bool V4l2Device::applyFormat(const CaptureFormat& wanted, CaptureError* error) {
   return true;
 }
 
+// The layout as the driver has it, when nobody has set one since the node was opened.
+int V4l2Device::readLayout() {
+  if (layout_) {
+    return 0;
+  }
+  v4l2_format format = captureFormat();
+  const int code = calls_->control(openDescriptor(), VIDIOC_G_FMT, &format);
+  if (code == 0) {
+    layout_ = layoutOf(format.fmt.pix);
+  }
+  return code;
+}
+
+CaptureFormat V4l2Device::flowingFormat(const CaptureFormat& active) {
+  if (readLayout() != 0) {
+    return active;  // the start, which follows, fails with the reason
+  }
+  const CaptureInterval told = interval();
+  const bool known = told.numerator != 0 && told.denominator != 0;
+  return {layout_->pixelFormat, layout_->width, layout_->height, captureMediaSubtype(layout_->pixelFormat),
+          known ? told : active.interval};
+}
+
 bool V4l2Device::startStream(CaptureError* error) {
   const int fd = openDescriptor();
-  if (!layout_) {
-    v4l2_format format = captureFormat();
-    if (const int code = calls_->control(fd, VIDIOC_G_FMT, &format); code != 0) {
-      return fail(code, "reading the format", error);
-    }
-    layout_ = layoutOf(format.fmt.pix);
+  if (const int code = readLayout(); code != 0) {
+    return fail(code, "reading the format", error);
   }
   const bool knownSize = layout_->width >= 1 && layout_->height >= 1 &&
                          static_cast<size_t>(layout_->width) <= kPixelBufferMaxSide &&

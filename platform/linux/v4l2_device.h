@@ -44,6 +44,7 @@ class V4l2Device final : public CaptureDevice, private V4l2StreamUser {
   bool acquireConfiguration(CaptureError* error) override;
   void releaseConfiguration() override;
   bool applyFormat(const CaptureFormat& format, CaptureError* error) override MIRN_EXCLUDES(nodeLock_);
+  CaptureFormat flowingFormat(const CaptureFormat& active) override MIRN_EXCLUDES(nodeLock_);
   bool startStream(CaptureError* error) override MIRN_EXCLUDES(nodeLock_);
   void stopStream() override;
 
@@ -56,6 +57,7 @@ class V4l2Device final : public CaptureDevice, private V4l2StreamUser {
   V4l2Look lookThrough(int fd) MIRN_REQUIRES(nodeLock_);
   int takeOwnership(int fd);
   int setFormat(int32_t width, int32_t height, FourCharCode pixelFormat, FrameLayout& layout);
+  int readLayout();
   CaptureInterval interval() const;
   void setInterval(const CaptureInterval& interval);
   bool fail(int code, const char* doing, CaptureError* error) const;

@@ -224,6 +224,9 @@ int FakeV4l2::answer(FakeNode& node, unsigned long request, void* argument) {
       if (node.streaming) {
         return EBUSY;
       }
+      if (node.taken.numerator != 0) {
+        static_cast<v4l2_streamparm*>(argument)->parm.capture.timeperframe = node.taken;
+      }
       node.interval = static_cast<v4l2_streamparm*>(argument)->parm.capture.timeperframe;
       return 0;
     case VIDIOC_REQBUFS:

@@ -39,6 +39,7 @@ struct FakeNode {
   std::map<unsigned long, int> errors;  // an ioctl that fails with this from now on
   v4l2_pix_format format{};
   v4l2_fract interval{};  // a new format brings its first rate
+  v4l2_fract taken{};     // what the driver takes, whatever interval is wished; 0/0 = the wish
 
   // State.
   bool gone = false;

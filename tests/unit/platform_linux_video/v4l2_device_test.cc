@@ -182,6 +182,48 @@ TEST_F(V4l2DeviceTest, AfterARefusedFormatTheFormerComesWithItsRate) {
   EXPECT_TRUE(session_->isRunning());
 }
 
+struct FakeRates {
+  const char* name;
+  v4l2_fract taken;
+  int refusal;  // of the wish
+  bool silent;  // answers no question about it
+  double told;
+};
+
+TEST_F(V4l2DeviceTest, ASessionWithoutAChosenFormatTellsWhatTheDriverHas) {
+  calls_->node(kPath).sizes = {{V4L2_PIX_FMT_YUYV, 64, 32, {25, 50}}};
+  ASSERT_TRUE(open());
+  EXPECT_EQ(device_->activeFormat(), nullptr);
+  EXPECT_EQ(numbers().width, 64);
+  EXPECT_EQ(numbers().height, 32);
+  EXPECT_EQ(numbers().pixelFormat, kCaptureYuyv);
+  EXPECT_EQ(numbers().interval.framesPerSecond(), 25);
+}
+
+TEST_F(V4l2DeviceTest, TheRateThatIsToldIsTheOneThatTheDriverTook) {
+  const FakeRates rates[] = {{"takes another", {2, 15}, 0, false, 7.5},
+                             {"refuses, and has the format's own", {}, ENOTTY, false, 30},
+                             {"refuses, and tells none", {}, ENOTTY, true, 60}};
+  for (const FakeRates& driver : rates) {
+    SCOPED_TRACE(driver.name);
+    calls_->node(kPath).sizes = {{V4L2_PIX_FMT_YUYV, 64, 32, {30, 60}}};
+    ASSERT_EQ(device_->look(), V4l2Look::kCapture);
+    calls_->node(kPath).taken = driver.taken;
+    calls_->node(kPath).errors.clear();
+    if (driver.refusal != 0) calls_->fail(kPath, VIDIOC_S_PARM, driver.refusal);
+    if (driver.silent) calls_->fail(kPath, VIDIOC_G_PARM, ENOTTY);
+    ASSERT_TRUE(open());
+    device_->lockForConfiguration();
+    ASSERT_TRUE(device_->setActiveFormat(format(kCaptureYuyv, 64)));
+    device_->unlockForConfiguration();
+    EXPECT_EQ(numbers().interval.framesPerSecond(), driver.told);
+    session_->stopRunning();
+    ASSERT_TRUE(session_->startRunning());
+    EXPECT_EQ(numbers().interval.framesPerSecond(), driver.told);
+    session_.reset();
+  }
+}
+
 struct BadFrame {
   const char* name;
   size_t bytes;
