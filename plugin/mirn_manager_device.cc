@@ -193,8 +193,11 @@ int32_t MirnManager::reqUpgradeFirmware(const std::string& path) {
   // Nobody changes the picture's format while the image goes out. No capture device: nothing to lock.
   const std::shared_ptr<CaptureDevice> locked = captureDevice_;
   if (locked != nullptr && !locked->lockForConfiguration()) return kUpgradeImpossible;
-  const ConfigurationUnlock unlock(locked);
-  const int32_t status = kmproxy_->ReqUpgradeFirmware(path);
+  int32_t status = 0;
+  {
+    const ConfigurationUnlock unlock(locked);
+    status = kmproxy_->ReqUpgradeFirmware(path);
+  }
   printStandardOutput("reqUpgradeFirmware send upgrade data finished, bRet=%d\n", status);
   return status;
 }
