@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -86,6 +87,18 @@ class Program {
     const std::string text = command + "\n";
     EXPECT_EQ(::write(input_, text.data(), text.size()), static_cast<ssize_t>(text.size()));
     return line();
+  }
+  // Asks until its input is full, and reads nothing.
+  void askWithoutReading(const std::string& command) {
+    const std::string text = command + "\n";
+    ::fcntl(input_, F_SETFL, ::fcntl(input_, F_GETFL) | O_NONBLOCK);
+    while (::write(input_, text.data(), text.size()) > 0) {
+    }
+  }
+  // Bytes of its output that nobody has read yet.
+  int unread() const {
+    int count = 0;
+    return ::ioctl(output_, FIONREAD, &count) == 0 ? count : -1;
   }
   void send(int signal) { ::kill(child_, signal); }
   // Its exit status, or minus the signal that ended it.

@@ -85,6 +85,17 @@ TEST_P(ProgramEnd, LeavesNothingAttached) {
 INSTANTIATE_TEST_SUITE_P(Signals, ProgramEnd, testing::Values(SIGTERM, SIGINT, SIGHUP, SIGKILL, SIGSEGV),
                          [](const auto& number) { return std::string("By") + sigabbrev_np(number.param); });
 
+TEST_F(ProgramTest, EndsBySignalWhileNobodyReadsItsOutput) {
+  Program program({});
+  ASSERT_TRUE(program.waitForLine("ready"));
+  program.askWithoutReading("status");
+  constexpr int kNearlyAPipe = 50000;  // of 65536 bytes
+  ASSERT_TRUE(waitFor([&] { return program.unread() > kNearlyAPipe; }));
+  program.send(SIGTERM);
+  EXPECT_EQ(program.wait(), 0);
+  EXPECT_TRUE(waitFor(nothingAttached));
+}
+
 TEST_F(ProgramTest, SeveralDevicesOnPortsOfTheirOwn) {
   Program program({"--devices=2", "--port=2", "--serial=twin"});
   ASSERT_TRUE(program.waitForLine("device 1: plugged, port 2"));
@@ -130,6 +141,13 @@ TEST_F(ProgramTest, TakenAndMissingPortsAreOneLineAndStatus5) {
   Program third({"--port=900"});
   EXPECT_EQ(third.line(), "mirn-virtual: vhci-hcd has no port 900");
   EXPECT_EQ(third.wait(), 5);
+}
+
+TEST_F(ProgramTest, AControlPathThatCanNotBeTakenIsOneLineAndStatus1) {
+  Program program({"--control=/nonexistent/socket"});
+  EXPECT_EQ(program.line(), "mirn-virtual: /nonexistent/socket: No such file or directory");
+  EXPECT_EQ(program.wait(), 1);
+  EXPECT_TRUE(nothingAttached());
 }
 
 TEST_F(ProgramTest, WithoutRootIsOneLineAndStatus3) {
