@@ -29,6 +29,10 @@ HostOpenError openError() {
 
 }  // namespace
 
+std::string describe(const PictureChoice& format) {
+  return format.quality + (format.best ? " in best color" : " in normal color");
+}
+
 Session::Session(Release release) : release_(release), channel_(engine_), input_(channel_) {
   registerFlutterMirnPluginCApi(engine_.makeRegistrar());
 }
@@ -150,12 +154,25 @@ bool Session::pictureRuns() const {
   return open_ && session.open && session.stopCode == 0;
 }
 
-bool Session::setQuality(const std::string& quality) {
-  return channel_.call("setVideoQuality", {{"quality", Value(quality)}}).asBool();
+bool Session::setFormat(const PictureChoice& format) {
+  bool taken = channel_.call("setVideoQuality", {{"quality", Value(format.quality)}}).asBool();
+  channel_.call(format.best ? "bestColor" : "normalColor");
+  return taken && runningFormat() == format;
 }
 
-void Session::setColor(bool best) {
-  channel_.call(best ? "bestColor" : "normalColor");
+std::optional<PictureChoice> Session::runningFormat() const {
+  if (!pictureRuns()) {
+    return std::nullopt;
+  }
+  HostSessionStatistics session = hostSessionStatistics();
+  PictureChoice format;
+  if (session.width == 1280 && session.height == 720) {
+    format.quality = "720P";
+  } else if (session.width == 1920 && session.height == 1080) {
+    format.quality = "1080P";
+  }
+  format.best = session.pixelFormat == kCaptureYuyv;
+  return format;
 }
 
 int64_t Session::texture() {

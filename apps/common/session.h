@@ -27,6 +27,16 @@ struct DeviceInfo {
   bool operator==(const DeviceInfo&) const = default;
 };
 
+// What the two picture commands ask for.
+struct PictureChoice {
+  std::string quality;  // "720P" or "1080P"; of a camera that runs, "" = another size
+  bool best = false;
+
+  bool operator==(const PictureChoice&) const = default;
+};
+// "720P in best color"
+std::string describe(const PictureChoice& format);
+
 // What a new proxy and an upgrade let go of first, because a crash may have left it held. A button's release carries a
 // position, so it moves the pointer of a target whose pointer this program has not put anywhere yet.
 enum class Release {
@@ -65,8 +75,11 @@ class Session {
   bool openPicture();  // "open"; one that fails leaves nothing behind
   void closePicture();
   bool pictureRuns() const;  // opened, and the camera has not stopped by itself
-  bool setQuality(const std::string& quality);
-  void setColor(bool best);
+  // "setVideoQuality" and the color. False when the camera doesn't run at it afterwards: the commands say yes to what
+  // it doesn't offer, too, and it goes on as before.
+  bool setFormat(const PictureChoice& format);
+  // What the camera runs at; nothing while no picture is open.
+  std::optional<PictureChoice> runningFormat() const;
   // Makes the texture at the first call; its id.
   int64_t texture();
   PixelBufferRef picture();

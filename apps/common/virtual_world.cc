@@ -1,6 +1,7 @@
 #include "apps/common/virtual_world.h"
 
 #include <limits>
+#include <sstream>
 
 #include "plugin/mirn_host.h"
 
@@ -14,11 +15,40 @@ VirtualMirnSettings mirnSettings(const VirtualOptions& options) {
   return settings;
 }
 
+bool names(const std::string& list, const std::string& word) {
+  return ("," + list + ",").find("," + word + ",") != std::string::npos;
+}
+
+bool understood(const std::string& lacks) {
+  std::istringstream words(lacks);
+  for (std::string word; std::getline(words, word, ',');) {
+    if (!names("720P,1080P,best,normal", word)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+std::vector<CaptureFormat> formatsWithout(const std::string& lacks, uint32_t rate) {
+  std::vector<CaptureFormat> formats;
+  for (bool small : {false, true}) {
+    for (FourCharCode code : {kCaptureYuyv, kCaptureNv12, kCaptureMjpg}) {
+      if (!names(lacks, small ? "720P" : "1080P") && !names(lacks, code == kCaptureYuyv ? "best" : "normal")) {
+        formats.push_back({code, small ? 1280 : 1920, small ? 720 : 1080, captureMediaSubtype(code), {1, rate}});
+      }
+    }
+  }
+  return formats;
+}
+
 VirtualCaptureSettings cameraSettings(const VirtualOptions& options) {
   VirtualCaptureSettings settings;
   settings.busy = options.busy;
   settings.denied = options.denied;
   settings.frames_per_second = options.frames_per_second;
+  if (!options.lacks.empty()) {
+    settings.formats = formatsWithout(options.lacks, options.frames_per_second);
+  }
   return settings;
 }
 
@@ -44,6 +74,10 @@ VirtualWorld* VirtualWorld::create(const VirtualOptions& options, std::string* e
   }
   std::vector<VideoFault> video;
   if (!parseVideoFaults(options.video_faults, &video, error)) {
+    return nullptr;
+  }
+  if (!understood(options.lacks) || formatsWithout(options.lacks, options.frames_per_second).empty()) {
+    *error = "\"" + options.lacks + "\": a camera can lack some of 720P, 1080P, best and normal, with commas between.";
     return nullptr;
   }
   static VirtualWorld* world = nullptr;
@@ -111,6 +145,10 @@ void VirtualWorld::unplug(size_t index) {
 
 void VirtualWorld::replug(size_t index) {
   setup_.replug(index);
+}
+
+void VirtualWorld::setSignal(bool there, size_t index) {
+  setup_.camera(index).setFaults(there ? std::vector<VideoFault>() : neverAPicture());
 }
 
 }  // namespace mirn

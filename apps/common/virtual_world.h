@@ -19,6 +19,7 @@ struct VirtualOptions {
   bool hid_denied = false;  // the keyboard interface may not be opened
   bool busy = false;        // another program holds the camera
   bool no_signal = false;   // the camera never delivers a picture
+  std::string lacks;        // formats that the cameras don't offer: "720P", "1080P", "best", "normal", with commas
   bool still = false;       // frames don't differ while the input stays the same
   bool mismatch = false;    // the camera that opens belongs to another device than the keyboard interface
   std::string version = "1.0.0";
@@ -43,6 +44,8 @@ class VirtualWorld {
 
   void unplug(size_t index = 0);
   void replug(size_t index = 0);
+  // Whether its camera delivers pictures.
+  void setSignal(bool there, size_t index = 0);
 
  private:
   explicit VirtualWorld(const VirtualOptions& options);

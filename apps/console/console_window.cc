@@ -32,7 +32,7 @@ void loadStyle() {
 ConsoleWindow::ConsoleWindow(std::string settings_path, bool is_virtual)
     : settings_path_(std::move(settings_path)),
       settings_(loadSettings(settings_path_)),
-      link_(session_, settings_.quality, settings_.best_color),
+      link_(session_, {settings_.quality, settings_.best_color}),
       gate_(
           session_.input(), [this] { return blockedReason().empty(); }, [this] { feed_.echo().sent(); },
           &keyboardIsElsewhere),
@@ -109,6 +109,11 @@ void ConsoleWindow::buildBody() {
 
 void ConsoleWindow::connect() {
   link_.signalChanged().connect(sigc::mem_fun(*this, &ConsoleWindow::onLinkChanged));
+  link_.signalPictureGone().connect(sigc::mem_fun(*this, &ConsoleWindow::onPictureGone));
+  // Later: labels can't change in the middle of drawing.
+  view_.signalShown().connect([this] {
+    Glib::signal_idle().connect_once(sigc::mem_fun(*this, &ConsoleWindow::onShown), Glib::PRIORITY_DEFAULT);
+  });
   link_.signalKeyboardGone().connect([this] { input_.forgetHeld(); });
   link_.signalSaid().connect(sigc::mem_fun(*this, &ConsoleWindow::say));
   input_.signalCaptured().connect(sigc::mem_fun(*this, &ConsoleWindow::onCaptured));
@@ -141,11 +146,29 @@ void ConsoleWindow::onLinkChanged() {
     card_.show(advice.title, advice.text, condition != Condition::kStarting && condition != Condition::kNotPluggedIn);
   }
   if (!link_.facts().open) {
-    view_.clearPicture();
-    feed_.forget();
+    forgetPicture();
   }
+  tickFormat();
   if (std::exchange(said_held_back_, heldBack()) != heldBack()) {
     onCaptured();
+  }
+}
+
+void ConsoleWindow::onPictureGone(bool another_mirn) {
+  forgetPicture();
+  if (another_mirn) {
+    input_.release();  // whoever types means the computer that was on the screen until now
+  }
+}
+
+void ConsoleWindow::forgetPicture() {
+  view_.clearPicture();
+  feed_.forget();
+}
+
+void ConsoleWindow::onShown() {
+  if (view_.shown()) {  // the camera may have been opened again meanwhile
+    link_.pictureShown();
   }
 }
 
@@ -237,8 +260,8 @@ bool ConsoleWindow::onClose() {
 }
 
 void ConsoleWindow::keepSettings() {
-  settings_.quality = link_.quality();
-  settings_.best_color = link_.bestColor();
+  settings_.quality = link_.wish().quality;
+  settings_.best_color = link_.wish().best;
   settings_.maximized = is_maximized();
   // The toolkit keeps it: the size that the window has, or had before it was maximized, with its border.
   get_default_size(settings_.window_width, settings_.window_height);

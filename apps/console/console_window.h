@@ -54,9 +54,13 @@ class ConsoleWindow : public Gtk::ApplicationWindow {
   void addActions();
   void addSwitches();
   void addPictureActions();
+  void tickFormat();
   void connect();
   bool onClose();
   void onLinkChanged();
+  void onPictureGone(bool another_mirn);
+  void forgetPicture();
+  void onShown();
   // Why input is held back now, by the link or by the window; empty when it may be sent.
   std::string blockedReason() const;
   // Picture and keyboard are there, but input may not be sent.
@@ -99,6 +103,9 @@ class ConsoleWindow : public Gtk::ApplicationWindow {
   UpgradeDialog upgrade_;
   std::unique_ptr<SettingsDialog> settings_dialog_;
   Glib::RefPtr<Gtk::FileChooserNative> chooser_;
+  // Held: the link looks on when the closed window has let its actions go.
+  Glib::RefPtr<Gio::SimpleAction> quality_;
+  Glib::RefPtr<Gio::SimpleAction> color_;
   sigc::connection overlay_timer_;
   std::string said_text_;
   bool closing_ = false;

@@ -14,8 +14,7 @@ constexpr unsigned kLongestPicturePause = 3;
 
 }  // namespace
 
-DeviceLink::DeviceLink(Session& session, std::string quality, bool best_color)
-    : session_(session), quality_(std::move(quality)), best_color_(best_color) {}
+DeviceLink::DeviceLink(Session& session, PictureChoice wish) : session_(session), wish_(std::move(wish)) {}
 
 DeviceLink::~DeviceLink() {
   timer_.disconnect();
@@ -88,12 +87,33 @@ void DeviceLink::keepPicture(Steady::time_point now) {
   picture_failures_ = std::min(picture_failures_ + 1, kLongestPicturePause);
   if (session_.openPicture()) {
     picture_failures_ = 0;
-    session_.setQuality(quality_);
-    session_.setColor(best_color_);
+    beginPicture();
+    apply(wish_);
     ask_again_ = true;  // another one may have taken the place of the Mirn that had both
   }
   // Opening takes its time: the pause counts from its end.
   picture_tried_ = Steady::now();
+}
+
+// Between two looks another Mirn's camera may have taken the place of the one on the screen.
+void DeviceLink::beginPicture() {
+  // The raster thread may still hold the last picture of the old session: afterwards only new ones come.
+  session_.engine().syncRaster();
+  shown_ = false;
+  diagnosis_ = {};
+  std::string before = std::exchange(camera_, hostSessionStatistics().uniqueId);
+  judgeInput();
+  picture_gone_.emit(!before.empty() && before != camera_);
+}
+
+void DeviceLink::pictureShown() {
+  shown_ = true;
+  update(Steady::now());
+}
+
+Condition DeviceLink::condition() const {
+  Condition condition = diagnosis_.condition();
+  return condition == Condition::kFine && !shown_ ? Condition::kStarting : condition;
 }
 
 bool DeviceLink::keyboardBroken() {
@@ -146,33 +166,61 @@ void DeviceLink::askKeyboard(bool broken) {
   info_ = session_.info();
 }
 
-void DeviceLink::update(Steady::time_point now) {
-  facts_ = session_.facts();
-  diagnosis_.update(facts_, now);
-  std::string blocked;
+std::string DeviceLink::whyBlocked() const {
   if (upgrading_) {
-    blocked = "Input is held back while the firmware is upgraded.";
-  } else {
-    // The place of a camera that doesn't run says nothing.
-    blocked = compareTopology(hostHidTopologyPath(), facts_.open ? hostCaptureTopologyPath() : "").reason;
+    return "Input is held back while the firmware is upgraded.";
   }
+  // The place of a camera that doesn't run says nothing.
+  TopologyVerdict verdict =
+      compareTopology(hostHidTopologyPath(), session_.pictureRuns() ? hostCaptureTopologyPath() : "");
+  if (verdict.same && !shown_) {
+    return "Input is held back until the first picture is shown.";
+  }
+  return verdict.reason;
+}
+
+void DeviceLink::judgeInput() {
+  std::string blocked = whyBlocked();
   if (blocked != blocked_) {
     blocked_ = blocked;
     keyboard_gone_.emit();
   }
+}
+
+void DeviceLink::update(Steady::time_point now) {
+  facts_ = session_.facts();
+  diagnosis_.update(facts_, now);
+  judgeInput();
   changed_.emit();
 }
 
-void DeviceLink::setQuality(const std::string& quality) {
-  quality_ = quality;
-  session_.setQuality(quality);
-  changed_.emit();
+PictureChoice DeviceLink::format() const {
+  std::optional<PictureChoice> running = session_.runningFormat();
+  return running && !running->quality.empty() ? *running : wish_;
 }
 
 void DeviceLink::setColor(bool best) {
-  best_color_ = best;
-  session_.setColor(best);
+  choose({format().quality, best});
+}
+
+void DeviceLink::choose(const PictureChoice& wish) {
+  if (!session_.pictureRuns() || apply(wish)) {
+    wish_ = wish;
+  }
   changed_.emit();
+}
+
+bool DeviceLink::apply(const PictureChoice& wish) {
+  const PictureChoice before = format();
+  if (session_.setFormat(wish)) {
+    return true;
+  }
+  if (session_.pictureRuns()) {
+    // The library took the wish for done: say what runs.
+    session_.setFormat(before);
+    said_.emit("The camera doesn't offer " + describe(wish) + ".");
+  }
+  return false;
 }
 
 void DeviceLink::reconnect() {

@@ -19,7 +19,7 @@ namespace mirn {
 // Bound to the main thread. The session must outlive it.
 class DeviceLink {
  public:
-  DeviceLink(Session& session, std::string quality, bool best_color);
+  DeviceLink(Session& session, PictureChoice wish);
   ~DeviceLink();
   DeviceLink(const DeviceLink&) = delete;
   DeviceLink& operator=(const DeviceLink&) = delete;
@@ -27,13 +27,16 @@ class DeviceLink {
   // Looks at once and from then on several times a second.
   void start();
 
-  Condition condition() const { return diagnosis_.condition(); }
+  // Not "fine" before the window has shown a picture of the camera that runs.
+  Condition condition() const;
   const DeviceFacts& facts() const { return facts_; }
   const std::optional<DeviceInfo>& info() const { return info_; }
-  const std::string& quality() const { return quality_; }
-  bool bestColor() const { return best_color_; }
+  // What was asked for last and could be had, or waits for a camera.
+  const PictureChoice& wish() const { return wish_; }
+  // What the camera runs at; without one the wish.
+  PictureChoice format() const;
 
-  void setQuality(const std::string& quality);
+  void setQuality(const std::string& quality) { choose({quality, format().best}); }
   void setColor(bool best);
   // Closes and opens both again, at once.
   void reconnect();
@@ -44,11 +47,15 @@ class DeviceLink {
   bool upgrading() const { return upgrading_; }
   // While a text is typed the proxy stays as it is: a new one would discard the keys that wait and let go of Shift.
   void setTyping(bool typing) { typing_ = typing; }
+  // The window shows a picture that came after signalPictureGone().
+  void pictureShown();
 
   // Why input is held back now; empty when it may be sent.
   const std::string& blockedReason() const { return blocked_; }
 
   sigc::signal<void()>& signalChanged() { return changed_; }  // condition, facts, information or block
+  // The camera was opened (anew): what was shown until now is no picture of it, and may be of another computer.
+  sigc::signal<void(bool another_mirn)>& signalPictureGone() { return picture_gone_; }
   sigc::signal<void()>& signalKeyboardGone() {
     return keyboard_gone_;
   }                                                                // a proxy went or a new one came: nothing is held
@@ -62,15 +69,19 @@ class DeviceLink {
   void followOneOfSeveral();
   void tryAtOnce();
   void keepPicture(Steady::time_point now);
+  void beginPicture();
   void keepKeyboard(Steady::time_point now);
   void askKeyboard(bool broken);
   void closeAll();
+  void choose(const PictureChoice& wish);
+  bool apply(const PictureChoice& wish);
   bool keyboardBroken();
+  std::string whyBlocked() const;
+  void judgeInput();
   void update(Steady::time_point now);
 
   Session& session_;
-  std::string quality_;
-  bool best_color_;
+  PictureChoice wish_;
   Diagnosis diagnosis_;
   DeviceFacts facts_;
   std::optional<DeviceInfo> info_;
@@ -79,6 +90,8 @@ class DeviceLink {
   bool known_ = false;
   bool upgrading_ = false;
   bool typing_ = false;
+  bool shown_ = false;      // a picture of the camera that runs is on the screen
+  std::string camera_;      // the one that ran last
   bool ask_again_ = false;  // whether the keyboard interface still answers
   uint64_t failures_ = 0;
   uint64_t departures_ = 0;
@@ -87,6 +100,7 @@ class DeviceLink {
   RetryPace keyboard_pace_;
   sigc::connection timer_;
   sigc::signal<void()> changed_;
+  sigc::signal<void(bool)> picture_gone_;
   sigc::signal<void()> keyboard_gone_;
   sigc::signal<void(std::string)> said_;
 };

@@ -37,7 +37,8 @@ constexpr const char* kHelp =
     "  --steer              take commands for the virtual device from standard input\n"
     "  --virtual-unplugged, --virtual-denied[=hid], --virtual-busy, --virtual-no-signal,\n"
     "  --virtual-mismatch, --virtual-still\n"
-    "  --virtual-faults PLAN, --virtual-video-faults PLAN, --virtual-fps N\n";
+    "  --virtual-faults PLAN, --virtual-video-faults PLAN, --virtual-fps N,\n"
+    "  --virtual-lacks 720P,1080P,best,normal (any of them)\n";
 
 struct Options {
   bool use_virtual = false;
@@ -68,11 +69,9 @@ bool parse(const std::vector<std::string>& arguments, Options& options, std::str
                                    {"--virtual-mismatch", &world.mismatch},
                                    {"--virtual-still", &world.still},
                                    {"--virtual-denied=hid", &world.hid_denied}};
-  const std::vector<Text> texts = {{"--settings", &options.settings},
-                                   {"--scenario", &options.scenario},
-                                   {"--virtual-faults", &world.faults},
-                                   {"--virtual-video-faults", &world.video_faults},
-                                   {"--virtual-fps", &rate}};
+  const std::vector<Text> texts = {{"--settings", &options.settings},   {"--scenario", &options.scenario},
+                                   {"--virtual-faults", &world.faults}, {"--virtual-video-faults", &world.video_faults},
+                                   {"--virtual-lacks", &world.lacks},   {"--virtual-fps", &rate}};
   for (size_t i = 0; i < arguments.size(); ++i) {
     bool known = false;
     for (const Flag& flag : flags) {

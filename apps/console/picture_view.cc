@@ -1,6 +1,7 @@
 #include "apps/console/picture_view.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace mirn {
 
@@ -56,6 +57,7 @@ void PictureView::setPicture(const PixelBufferRef& picture, const ChangedRows& r
 }
 
 void PictureView::clearPicture() {
+  shown_ = false;
   if (picture_) {
     picture_ = PixelBufferRef();
     upload_ = false;
@@ -92,6 +94,9 @@ bool PictureView::onRender(const Glib::RefPtr<Gdk::GLContext>& /*context*/) {
   placement_ = placement;
   if (moved) {
     placed_.emit();
+  }
+  if (picture_ && !std::exchange(shown_, true)) {
+    shown_signal_.emit();
   }
   return true;
 }

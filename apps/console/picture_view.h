@@ -18,6 +18,8 @@ class PictureView : public Gtk::GLArea {
   // The newest picture and the rows that changed since the call before.
   void setPicture(const PixelBufferRef& picture, const ChangedRows& rows);
   void clearPicture();
+  // A picture set after the last clearPicture() has been drawn.
+  bool shown() const { return shown_; }
   void setScaling(Scaling scaling);
 
   // In framebuffer pixels, as drawn last.
@@ -32,6 +34,8 @@ class PictureView : public Gtk::GLArea {
   uint64_t uploaded() const { return uploaded_; }
   const std::string& failure() const { return failure_; }
   sigc::signal<void()>& signalPlaced() { return placed_; }
+  // shown() became true; emitted while drawing.
+  sigc::signal<void()>& signalShown() { return shown_signal_; }
 
  private:
   void onRealize();
@@ -44,12 +48,14 @@ class PictureView : public Gtk::GLArea {
   ChangedRows pending_;
   bool upload_ = false;
   bool ready_ = false;
+  bool shown_ = false;
   Scaling scaling_ = Scaling::kSharp;
   Placement placement_;
   uint64_t drawn_ = 0;
   uint64_t uploaded_ = 0;
   std::string failure_;
   sigc::signal<void()> placed_;
+  sigc::signal<void()> shown_signal_;
 };
 
 }  // namespace mirn

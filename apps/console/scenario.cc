@@ -92,32 +92,25 @@ class Scenario {
     return verdict.same ? done("both at " + hostHidTopologyPath()) : failed(verdict.reason);
   }
 
-  bool waitForSize(size_t width) {
-    return runLoopUntil(
-        [&] {
-          PixelBufferRef picture = session_.picture();
-          return picture && picture->width() == width;
-        },
-        kPatience);
+  // A picture that was taken in this format, which the camera still runs at.
+  bool newPictureComes(const PictureChoice& format) {
+    session_.engine().syncRaster();  // no picture of the old format is underway any more
+    size_t width = format.quality == "720P" ? 1280 : 1920;
+    PixelBufferRef picture = session_.waitForPicture(session_.picture(), kPatience);
+    return picture && picture->width() == width && session_.runningFormat() == format;
   }
 
   bool switchFormats() {
-    struct Switch {
-      const char* quality;
-      bool best;
-      size_t width;
-    };
     std::string seen;
-    for (Switch wanted : {Switch{"720P", false, 1280}, Switch{"1080P", true, 1920}, Switch{"1080P", false, 1920}}) {
-      if (!session_.setQuality(wanted.quality)) {
-        return failed(std::string(wanted.quality) + " is refused");
+    for (const PictureChoice& wanted :
+         {PictureChoice{"720P", false}, PictureChoice{"1080P", true}, PictureChoice{"1080P", false}}) {
+      if (!session_.setFormat(wanted)) {
+        return failed("the camera doesn't take " + describe(wanted));
       }
-      session_.setColor(wanted.best);
-      if (!waitForSize(wanted.width)) {
-        return failed(std::string("no picture at ") + wanted.quality);
+      if (!newPictureComes(wanted)) {
+        return failed("no picture at " + describe(wanted));
       }
-      seen += (seen.empty() ? "" : ", ") + std::string(wanted.quality) + " " +
-              fourCharText(hostSessionStatistics().pixelFormat);
+      seen += (seen.empty() ? "" : ", ") + wanted.quality + " " + fourCharText(hostSessionStatistics().pixelFormat);
     }
     return done(seen);
   }

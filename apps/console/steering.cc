@@ -181,6 +181,8 @@ bool Steering::happen(const std::string& event, size_t number) {
     camera.setBusy(event == "busy");
   } else if (event == "deny" || event == "allow") {
     camera.setDenied(event == "deny");
+  } else if (event == "signal" || event == "no-signal") {
+    world_.setSignal(event == "signal", index);
   } else {
     return false;
   }
@@ -243,6 +245,14 @@ bool Steering::ticked(const char* action) const {
   return on;
 }
 
+std::string Steering::chosen(const char* action) const {
+  Glib::ustring choice;
+  if (auto radio = std::dynamic_pointer_cast<Gio::SimpleAction>(window_.lookup_action(action))) {
+    radio->get_state(choice);
+  }
+  return choice.raw();
+}
+
 std::string Steering::state() {
   TargetInputState target = world_.target().inputState();
   VirtualInputState device = world_.mirn().input();
@@ -270,6 +280,8 @@ std::string Steering::state() {
                 {"active", window_.is_active()},
                 {"fullscreen", window_.is_fullscreen()},
                 {"fullscreen_ticked", ticked("fullscreen")},
+                {"quality_ticked", chosen("quality")},
+                {"color_ticked", chosen("color")},
                 {"info", window_.link().info().has_value()},
                 {"said", window_.said()},
                 {"picture", {window_.view().pictureWidth(), window_.view().pictureHeight()}},

@@ -48,6 +48,7 @@ class Steering {
   std::string act(const std::string& line);
   bool happen(const std::string& event, size_t number);
   bool ticked(const char* action) const;
+  std::string chosen(const char* action) const;
   std::string state();
 
   ConsoleWindow& window_;

@@ -40,19 +40,10 @@ void ConsoleWindow::addActions() {
 }
 
 void ConsoleWindow::addSwitches() {
-  add_action_radio_string(
-      "quality",
-      [this](const Glib::ustring& quality) {
-        lookup_action("quality")->change_state(quality);
-        link_.setQuality(quality.raw());
-      },
-      settings_.quality);
-  add_action_radio_string(
-      "color",
-      [this](const Glib::ustring& color) {
-        lookup_action("color")->change_state(color);
-        link_.setColor(color == "best");
-      },
+  quality_ = add_action_radio_string(
+      "quality", [this](const Glib::ustring& quality) { link_.setQuality(quality.raw()); }, settings_.quality);
+  color_ = add_action_radio_string(
+      "color", [this](const Glib::ustring& color) { link_.setColor(color == "best"); },
       settings_.best_color ? "best" : "normal");
   auto flip = [this](const char* name, auto act) {
     return [this, name, act] {
@@ -88,6 +79,13 @@ void ConsoleWindow::addSwitches() {
   // The tick follows the window, which follows the window manager.
   add_action_bool(
       "fullscreen", [this] { is_fullscreen() ? unfullscreen() : fullscreen(); }, false);
+}
+
+// The ticks follow what the camera runs at: it may not offer what was asked for.
+void ConsoleWindow::tickFormat() {
+  PictureChoice format = link_.format();
+  quality_->change_state(Glib::ustring(format.quality));
+  color_->change_state(Glib::ustring(format.best ? "best" : "normal"));
 }
 
 void ConsoleWindow::addPictureActions() {

@@ -73,7 +73,7 @@ int Context::keyboardTrouble() {
   return report_.failure(kExitDevice, "The Mirn's keyboard interface doesn't answer.");
 }
 
-std::optional<int> Context::needPicture(const std::string& quality, bool best_color, std::chrono::milliseconds limit,
+std::optional<int> Context::needPicture(const PictureChoice& format, std::chrono::milliseconds limit,
                                         PixelBufferRef* first) {
   if (!session().isPlugged()) {
     return report_.failure(kExitNotPluggedIn, "No Mirn is plugged in.");
@@ -82,11 +82,10 @@ std::optional<int> Context::needPicture(const std::string& quality, bool best_co
   if (!session().openPicture()) {
     return pictureTrouble();
   }
-  if (!session().setQuality(quality)) {
-    return report_.failure(kExitDevice, "The Mirn refuses the picture size " + quality + ".");
+  if (!session().setFormat(format)) {
+    return formatTrouble(format);
   }
-  session().setColor(best_color);
-  int width = quality == "720P" ? 1280 : 1920;
+  int width = format.quality == "720P" ? 1280 : 1920;
   PixelBufferRef newest;
   bool came = runLoopUntil(
       [&] {
@@ -101,6 +100,16 @@ std::optional<int> Context::needPicture(const std::string& quality, bool best_co
   }
   *first = newest;
   return std::nullopt;
+}
+
+int Context::formatTrouble(const PictureChoice& wanted) {
+  if (!session().pictureRuns()) {
+    return pictureTrouble();  // it went meanwhile
+  }
+  HostSessionStatistics camera = hostSessionStatistics();
+  return report_.failure(kExitDevice, "The camera doesn't offer " + describe(wanted) + "; it runs at " +
+                                          std::to_string(camera.width) + "x" + std::to_string(camera.height) + " " +
+                                          fourCharText(camera.pixelFormat) + ".");
 }
 
 int Context::pictureTrouble() {

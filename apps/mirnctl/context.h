@@ -49,12 +49,12 @@ class Context {
   // with everything said.
   std::optional<int> needKeyboard();
   // The picture runs and its first frame came, in `first`.
-  std::optional<int> needPicture(const std::string& quality, bool best_color, std::chrono::milliseconds limit,
-                                 PixelBufferRef* first);
+  std::optional<int> needPicture(const PictureChoice& format, std::chrono::milliseconds limit, PixelBufferRef* first);
 
  private:
   int keyboardTrouble();
   int pictureTrouble();
+  int formatTrouble(const PictureChoice& wanted);
   void scheduleVirtualPlugging();
 
   GlobalOptions options_;

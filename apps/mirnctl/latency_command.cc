@@ -92,7 +92,7 @@ int runLatency(Context& context, const LatencyOptions& options) {
     return context.report().success(text, fields);
   }
   PixelBufferRef first;
-  if (auto trouble = context.needPicture(options.quality, false, std::chrono::seconds(5), &first)) {
+  if (auto trouble = context.needPicture({options.quality, false}, std::chrono::seconds(5), &first)) {
     return *trouble;
   }
   if (keyboardIsElsewhere()) {

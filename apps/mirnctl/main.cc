@@ -31,6 +31,8 @@ void addGlobalOptions(CLI::App& app, GlobalOptions& options) {
   app.add_flag("--virtual-no-signal", world.no_signal, "Its camera never delivers a picture")->group(group);
   app.add_flag("--virtual-mismatch", world.mismatch, "Its camera belongs to another device than its keyboard")
       ->group(group);
+  app.add_option("--virtual-lacks", world.lacks, "What its camera doesn't offer: 720P, 1080P, best, normal")
+      ->group(group);
   app.add_option("--virtual-version", world.version, "Firmware version it starts with")->group(group);
   app.add_option("--virtual-pull-after", options.pull_after_ms, "Milliseconds until it is unplugged")->group(group);
   app.add_option("--virtual-plug-after", options.plug_after_ms, "Milliseconds until it is plugged in again")

@@ -15,7 +15,7 @@ struct PictureOptions {
   std::string color = "normal";
   int timeout_ms = 5000;
 
-  bool best() const { return color == "best"; }
+  PictureChoice format() const { return {quality, color == "best"}; }
   std::chrono::milliseconds limit() const { return std::chrono::milliseconds(timeout_ms); }
 };
 
@@ -38,7 +38,7 @@ void addPictureOptions(CLI::App& command, PictureOptions& options, bool quality,
 
 int runSnapshot(Context& context, const PictureOptions& options) {
   PixelBufferRef picture;
-  if (auto trouble = context.needPicture(options.quality, options.best(), options.limit(), &picture)) {
+  if (auto trouble = context.needPicture(options.format(), options.limit(), &picture)) {
     return *trouble;
   }
   if (options.file == "-") {
@@ -61,7 +61,7 @@ int runSnapshot(Context& context, const PictureOptions& options) {
 // What the camera runs at, after a picture of the wanted size came.
 int reportFormat(Context& context, const PictureOptions& options) {
   PixelBufferRef picture;
-  if (auto trouble = context.needPicture(options.quality, options.best(), options.limit(), &picture)) {
+  if (auto trouble = context.needPicture(options.format(), options.limit(), &picture)) {
     return *trouble;
   }
   HostSessionStatistics session = hostSessionStatistics();

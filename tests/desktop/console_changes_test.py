@@ -75,6 +75,39 @@ def test_either_of_two_mirns_can_go(desktop):
     console.wait("none", lambda s: s["condition"] == "not-plugged-in")
 
 
+def test_no_input_into_a_mirn_that_took_the_place_of_the_one_on_the_screen(desktop):
+    console = Console(desktop, PROGRAM, "--virtual-mismatch")
+    console.ready()
+    console.say("unplug 1")
+    console.wait("both of the second one", lambda s: s["condition"] == "fine" and s["blocked"] == "" and s["info"])
+    desktop.xdotool("mousemove", *console.root_of(300, 300))
+    desktop.xdotool("click", 1)
+    console.wait("the capture", lambda s: s["captured"])
+    # The other one has no signal. In one go: between two looks one goes, and the other is there.
+    before = console.say_all("no-signal 1", "plug 1", "state")[-1]["exchanges"]
+    console.say("unplug 2")
+    state = console.wait("the other one's keyboard", lambda s: s["exchanges"] > before and s["info"]
+                         and s["condition"] in ("starting", "no-signal"))
+    expect(state["picture"] == [0, 0], "the first one's picture is gone")
+    expect(not state["captured"], "the keyboard is here again")
+    state = console.wait("the missing signal", lambda s: s["condition"] in ("no-signal", "fine", "stalled"))
+    expect(state["condition"] == "no-signal", "not '%s'" % state["condition"])
+    expect("first picture" in state["blocked"], "held back: '%s'" % state["blocked"])
+    console.say("action capture")
+    desktop.xdotool("mousemove", *console.root_of(500, 400), "click", 1)
+    desktop.xdotool("type", "secret")
+    desktop.xdotool("key", "Control_R")  # heard here behind all of that
+    console.wait("the keyboard's return", lambda s: not s["captured"])
+    console.say("signal 1")
+    console.wait("its picture", lambda s: s["condition"] == "fine" and s["blocked"] == "" and s["strip"])
+    state = console.click(300, 300)
+    desktop.xdotool("type", "seen")
+    state = console.wait("the text there", lambda s: "seen" in s["text"])
+    expect(typed_text(state) == "seen" and len(state["clicks"]) == 1, "typed unseen: %s" % state)
+    sent = console.say("sent %d" % before)["sent"]
+    expect("keys" in sent and sent.index("handshake") < sent.index("keys"), "%s" % sent)
+
+
 def test_a_mirn_without_a_camera_is_said(desktop):
     console = Console(desktop, PROGRAM, "--virtual-mismatch")
     console.ready()

@@ -154,6 +154,55 @@ def test_a_chord_of_the_palette(desktop):
     expect(sent.count("keys") >= 3 and "keys-up" in sent[sent.index("keys"):], "down and up again: %s" % sent)
 
 
+def test_the_upgrade_starts_with_a_click(desktop):
+    console = Console(desktop, PROGRAM)
+    console.ready()
+    console.say("upgrade " + firmware(desktop.folder, "2.5.0"))
+    console.drawn("Firmware upgrade")
+    desktop.wait_focus("Firmware upgrade")
+    console.press("where", "Start upgrade")
+    state = console.wait("the result", lambda s: not s["upgrading"] and s["upgrade"], 120)
+    expect(state["upgrade"] == "The device now runs version 2.5.0 (before: 1.0.0).", state["upgrade"])
+    expect(state["version"] == "2.5.0", "the device runs it")
+
+
+def test_the_main_menu_by_keyboard(desktop):
+    console = Console(desktop, PROGRAM)
+    console.ready()
+    desktop.xdotool("key", "F10")
+    console.wait_text("Best color")  # open
+    # From the first entry, 1080P, to the second one, 720P; told by what it does.
+    expect(console.state()["quality_ticked"] == "1080P", "the tick is at what runs")
+    place = console.say("where 720P")
+    expect(place["found"] and place["sensitive"], "the entry is there: %s" % place)
+    desktop.xdotool("key", "Down")
+    desktop.xdotool("key", "Return")
+    console.wait("720P", lambda s: s["picture"] == [1280, 720] and s["quality_ticked"] == "720P")
+    state = console.wait("the closing of the menu", lambda s: "Best color" not in console.texts())
+    expect(not state["captured"] and state["text"] == "", "the target got none of it")
+
+
+def test_a_format_that_the_camera_lacks_is_said(desktop):
+    console = Console(desktop, PROGRAM, "--virtual-lacks", "720P,best")
+    console.ready()
+    for action, words in (("quality 720P", "720P in normal color"), ("color best", "1080P in best color")):
+        state = console.say_all("action " + action, "state")[-1]
+        expect(state["said"] == "The camera doesn't offer %s." % words, state["said"])
+        expect(state["quality_ticked"] == "1080P" and state["color_ticked"] == "normal", "the ticks stay: %s" % state)
+        pictures = state["pictures"]
+        state = console.wait("the picture going on", lambda s, before=pictures: s["pictures"] > before + 1)
+        expect(state["picture"] == [1920, 1080] and state["format"] != "YUYV", "as before")
+    expect(console.close() == 0, "the console ends cleanly")
+    settings = open(os.path.join(desktop.folder, "settings.ini"), encoding="utf-8").read()
+    expect("=1080P" in settings and "=720P" not in settings, settings)
+    # A wish of before that this camera can't fulfil: said at the start, and the tick is at what runs.
+    with open(os.path.join(desktop.folder, "settings.ini"), "w", encoding="utf-8") as file:
+        file.write(settings.replace("=1080P", "=720P"))
+    console = Console(desktop, PROGRAM, "--virtual-lacks", "720P,best")
+    state = console.ready()
+    expect(state["picture"] == [1920, 1080] and state["quality_ticked"] == "1080P", "%s" % state)
+
+
 def test_device_panel(desktop):
     console = Console(desktop, PROGRAM)
     console.ready()
