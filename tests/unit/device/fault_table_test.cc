@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <string_view>
 
 #include "tests/unit/device/wire_fixture.h"
 
@@ -55,6 +56,8 @@ constexpr FaultRow kTable[] = {
     {"stall=30",      { 0,   0,   0,  0,  0,  0,  0,   0,    0,   0,   0,   0,   0,  kSt}},
     {"write-error",   {-1,  -1,  -1, -1, -1, -1, -1,  -1,   -1,   0,  -1,  -1,  -1,  -1}},
     {"read-error",    {-1,  -1,  -1, -1,  0, -1, -1,  -1,   -1,   0,  -1,  -1,  -1,  -1}},
+    {"unplug",        {-1,  -1,  -1, -1, -1, -1, -1,  -1,   -1,   0,  -1,  -1,  -1,  -1}},
+    {"unplug-after",  {-1,  -1,  -1, -1,  0, -1, -1,  -1,   -1,   0,  -1,  -1,  -1,  -1}},
 };
 // clang-format on
 
@@ -67,6 +70,7 @@ class FaultTable : public WireTest {
     mirn_->setLed({kLedStatus, 0});
     clock_.get().sleepFor(std::chrono::seconds(1));  // an answer that is late would reach the next connection
     device_.reset();
+    mirn_->plug();
     faults(fault.empty() ? "" : fault + "@1");
   }
 
@@ -120,7 +124,10 @@ TEST_F(FaultTable, EachFaultAtEachCommandEndsWithItsResult) {
       // Two exchanges later whatever was left over has been read or overtaken.
       device().send_abs_mouse({});
       device().send_abs_mouse({});
-      EXPECT_EQ(device().send_keyboard({}), 0) << "after \"" << row.fault << "\" at command " << int{column};
+      const bool gone = std::string_view(row.fault).starts_with("unplug");
+      EXPECT_EQ(mirn_->plugged(), !gone);
+      EXPECT_EQ(device().send_keyboard({}), gone ? -1 : 0)
+          << "after \"" << row.fault << "\" at command " << int{column};
     }
   }
 }

@@ -276,6 +276,8 @@ TEST_F(ScriptedDevice, AnEmptyAnswerIsOk) {
 TEST_F(ScriptedDevice, LedOperationsReturnTheFirstByteWhateverItIs) {
   answer({0xFF});
   EXPECT_EQ(device_->get_led_status(), 255);
+  EXPECT_EQ(hid_.writes.back().size(), 11U) << "asked with one byte";
+  EXPECT_EQ(hid_.writes.back().at(9), 0);
   answer({7, 1, 2});
   EXPECT_EQ(device_->set_led_status(3), 7);
   EXPECT_EQ(hid_.writes.back().at(9), 3);

@@ -153,6 +153,7 @@ TEST_F(FirmwareTest, AFailureOfAChunkIsReportedAndTheOthersFollow) {
   ASSERT_THAT(outcomes, SizeIs(4));
   EXPECT_EQ(outcomes[0].result, 0);
   EXPECT_EQ(outcomes[1].result, -1);
+  EXPECT_EQ(outcomes[2].result, -1) << "sent, but the device misses the one before and takes none out of order";
   EXPECT_EQ(outcomes[3].result, 0) << "a failure of the last one counts as success";
 }
 

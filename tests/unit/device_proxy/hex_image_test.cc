@@ -174,9 +174,11 @@ class ParseHexFileTest : public ::testing::Test {
     const std::string bytes = readFile(destination());
     return {bytes.begin(), bytes.end()};
   }
-  // The log has exactly the one error line with this text.
+  // The log is exactly the one error line with this text.
   void expectError(const std::string& text) const {
-    EXPECT_THAT(log_.text(), HasSubstr("\t* Error *\t" + text + "\n"));
+    const std::string all = log_.text();
+    EXPECT_THAT(all, ::testing::EndsWith("\t* Error *\t" + text + "\n"));
+    EXPECT_EQ(std::count(all.begin(), all.end(), '\n'), 1) << all;
   }
 
   ScratchDirectory directory_;

@@ -1,7 +1,9 @@
 #include "deps/pellum/base_thread.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <pthread.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -59,6 +61,33 @@ class RecordingThread : public CBaseThread {
     ended_when_exiting = !IsRunning();
     ++exits;
   }
+};
+
+// Standard error for a scope, to be read while it is written.
+class StandardErrorPipe {
+ public:
+  StandardErrorPipe() : before_(::dup(STDERR_FILENO)) {
+    EXPECT_EQ(::pipe2(ends_, O_CLOEXEC), 0);
+    EXPECT_EQ(::dup2(ends_[1], STDERR_FILENO), STDERR_FILENO);
+  }
+  ~StandardErrorPipe() {
+    ::dup2(before_, STDERR_FILENO);
+    for (const int end : {before_, ends_[0], ends_[1]}) ::close(end);
+  }
+  StandardErrorPipe(const StandardErrorPipe&) = delete;
+  StandardErrorPipe& operator=(const StandardErrorPipe&) = delete;
+
+  // Up to a line's end; what there is when nothing comes for a minute.
+  std::string readLine() {
+    std::string line;
+    pollfd ready{ends_[0], POLLIN, 0};
+    for (char byte = 0; byte != '\n' && ::poll(&ready, 1, 60000) > 0 && ::read(ends_[0], &byte, 1) == 1;) line += byte;
+    return line;
+  }
+
+ private:
+  const int before_;
+  int ends_[2] = {-1, -1};
 };
 
 TEST(BaseThread, StopOnAThreadThatNeverRanReturnsOneAtOnce) {
@@ -281,31 +310,40 @@ TEST(BaseThread, DestructorWaitsForARunOnceThreadAndReportsIt) {
    public:
     Gate* in_exit = nullptr;
     Gate* let_go = nullptr;
+    std::atomic<bool>* leaving = nullptr;
 
    protected:
     int ThreadLoop() override { return 1; }
     void OnExit() override {
       Gate* const wait_for = let_go;
+      std::atomic<bool>* const at_last = leaving;
       in_exit->letPass();
       wait_for->pass();
+      *at_last = true;
     }
   };
   Gate in_exit;
   Gate let_go;
-  testing::internal::CaptureStderr();
+  std::atomic<bool> leaving{false};
+  StandardErrorPipe errors;
+  std::string report;
   std::thread releaser;
   {
     Plain thread;
     thread.in_exit = &in_exit;
     thread.let_go = &let_go;
+    thread.leaving = &leaving;
     thread.Run_(true);
     in_exit.pass();
-    releaser = std::thread([&] { let_go.letPass(); });
-    // The semaphore may have been released before the destructor looks; then there is nothing to wait for.
+    // What the destructor reports comes before its waiting; without a report the thread goes on in the end.
+    releaser = std::thread([&] {
+      report = errors.readLine();
+      let_go.letPass();
+    });
   }
+  EXPECT_TRUE(leaving) << "the destructor did not wait";
   releaser.join();
-  const std::string report = testing::internal::GetCapturedStderr();
-  EXPECT_TRUE(report.empty() || report.find("has left before destruction") != std::string::npos) << report;
+  EXPECT_THAT(report, HasSubstr("has left before destruction"));
 }
 
 TEST(BaseThread, DestructorJoinsAThreadThatHasEnded) {

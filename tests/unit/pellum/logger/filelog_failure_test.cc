@@ -17,6 +17,12 @@
 #include "tests/unit/pellum/logger/log_folder.h"
 #include "tests/unit/pellum/logger/own_mounts.h"
 
+#ifdef MIRN_SANITIZED
+extern "C" size_t __sanitizer_get_current_allocated_bytes();  // its header does not come with every compiler
+#else
+#include <malloc.h>
+#endif
+
 namespace mirn {
 namespace {
 
@@ -42,6 +48,16 @@ class FileSizeLimit {
  private:
   rlimit old_{};
 };
+
+// By the whole process.
+size_t allocatedBytes() {
+#ifdef MIRN_SANITIZED
+  return __sanitizer_get_current_allocated_bytes();
+#else
+  const struct mallinfo2 now = mallinfo2();
+  return now.uordblks + now.hblkhd;
+#endif
+}
 
 class Failing : public testing::Test {
  protected:
@@ -91,9 +107,11 @@ TEST_F(Failing, LinesThatCollectAreBoundedAndTheCallerNeverFails) {
     log.write_log(1, "fails twice");
   }
   const std::string line(10000, 'x');
+  const size_t before = allocatedBytes();
   for (int i = 0; i < 500; ++i) {  // five times the buffer
     ASSERT_EQ(log.write_log(4, "%s", line.c_str()), 1);
   }
+  EXPECT_LT(allocatedBytes(), before + (256U << 10)) << "the buffers have their full size from the beginning";
 }
 
 TEST_F(Failing, OneFailureThenSuccessStartsTheCountAnew) {
