@@ -11,8 +11,8 @@ if(CLANG AND CLANGXX)
   set(ENV{CC} ${CLANG})
   set(ENV{CXX} ${CLANGXX})
 endif()
-# Nothing of an earlier installation, in which there may have been more.
-file(REMOVE_RECURSE ${OUT}/installed)
+# Nothing of an earlier run: there may have been more in it, and it may have been configured to install elsewhere.
+file(REMOVE_RECURSE ${OUT})
 unset(ENV{DESTDIR})
 set(links ${OUT}/plugin_links)
 file(MAKE_DIRECTORY ${links})
