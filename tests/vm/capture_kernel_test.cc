@@ -15,7 +15,6 @@ class KernelWorld : public CaptureWorld {
     replug();
   }
   CaptureSystem& system() override { return captureSystem(); }
-  bool canUnplug() override { return true; }
   void unplug() override {
     device_.unplug();
     EXPECT_TRUE(waitFor([this] { return !found(); }));

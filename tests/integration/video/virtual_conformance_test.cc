@@ -16,7 +16,6 @@ class VirtualWorld : public CaptureWorld {
     device_ = capture_.add(std::make_shared<VirtualTarget>(), settings);
   }
   CaptureSystem& system() override { return capture_; }
-  bool canUnplug() override { return true; }
   void unplug() override { device_->unplug(); }
   void replug() override { device_->replug(); }
 
