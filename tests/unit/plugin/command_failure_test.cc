@@ -2,12 +2,10 @@
 // device.
 #include <gtest/gtest.h>
 
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "platform/capture.h"
-#include "platform/hid_functions.h"
 #include "platform/mirn_identity.h"
 #include "plugin/flutter_mirn_plugin.h"
 #include "plugin/flutter_mirn_plugin_c_api.h"
@@ -16,44 +14,23 @@
 #include "tests/support/no_more_threads.h"
 #include "tests/support/video/log_capture.h"
 #include "tests/unit/embedding/fake_messenger.h"
+#include "tests/unit/plugin/throwing_hid.h"
 #include "usb/usb_monitor.h"
 #include "virtual/virtual_setup.h"
 
 namespace mirn::test {
 namespace {
 
-enum class Throws { kNothing, kException, kNumber };
-Throws g_open_throws = Throws::kNothing;
-Throws g_write_throws = Throws::kNothing;
-
-void throwAs(Throws what) {
-  if (what == Throws::kException) throw std::runtime_error("made to fail");
-  if (what == Throws::kNumber) throw 5;
-}
-
-HidFunctions throwingFunctions() {
-  HidFunctions functions = VirtualHid::functions();
-  functions.open = [](unsigned short vendor, unsigned short product, const wchar_t* serial) {
-    throwAs(g_open_throws);
-    return VirtualHid::functions().open(vendor, product, serial);
-  };
-  functions.write = [](hid_device* device, const unsigned char* data, size_t length) {
-    throwAs(g_write_throws);
-    return VirtualHid::functions().write(device, data, length);
-  };
-  return functions;
-}
-
 class ThrowingCapture final : public CaptureSystem {
  public:
-  explicit ThrowingCapture(Throws what) : what_(what) {}
+  explicit ThrowingCapture(Throw what) : what_(what) {}
   std::vector<std::shared_ptr<CaptureDevice>> devices() override {
     throwAs(what_);
     return {};
   }
 
  private:
-  const Throws what_;
+  const Throw what_;
 };
 
 // A Mirn that can't be opened; only the manager's first look at it is harmless.
@@ -92,7 +69,7 @@ class CommandFailureTest : public testing::Test {
     FlutterMirnPluginCApi::registerWithRegistrar(registrar_);
   }
   ~CommandFailureTest() override {
-    g_open_throws = g_write_throws = Throws::kNothing;
+    g_open_throws = g_write_throws = Throw::kNothing;
     mirn_->close();
     mirn_->releaseProxy();
     releaseManager();
@@ -111,7 +88,7 @@ class CommandFailureTest : public testing::Test {
     EXPECT_NE(log.find(method + (" failed: " + reason)), std::string::npos) << log;
   }
 
-  const HidFunctions functions_ = throwingFunctions();
+  const HidFunctions functions_ = throwingHidFunctions();
   VirtualSetup setup_;
   LogCapture log_;
   FakeMessenger messenger_;
@@ -124,12 +101,12 @@ Value map(const char* key, Value value) {
 
 TEST_F(CommandFailureTest, EachAnswersAsWithoutADevice) {
   ASSERT_TRUE(mirn_->initKmProxy());
-  g_write_throws = Throws::kException;
+  g_write_throws = Throw::kException;
   expectFailure("setLedStatus", map("ledStatus", int32_t{1}), Value(), "made to fail");
   expectFailure("setMirnDevInfo", map("name", std::string("x")), int32_t{0}, "made to fail");
-  g_write_throws = Throws::kNothing;
+  g_write_throws = Throw::kNothing;
   expectFailure("createTexture", Value(), int64_t{0}, "std::bad_alloc");
-  g_open_throws = Throws::kNumber;
+  g_open_throws = Throw::kNumber;
   expectFailure("initKmProxy", Value(), false, "not a standard exception");
   expectFailure("getMirnDevInfo", Value(), ValueList{}, "not a standard exception");
 }
@@ -147,10 +124,10 @@ TEST_F(CommandFailureTest, ACameraThatThrowsIsOneThatCannotBeLocked) {
 }
 
 TEST_F(CommandFailureTest, ACaptureSystemThatThrowsIsACaptureSystemWithoutDevices) {
-  for (const Throws what : {Throws::kException, Throws::kNumber}) {
+  for (const Throw what : {Throw::kException, Throw::kNumber}) {
     ThrowingCapture capture(what);
     setCaptureSystem(&capture);
-    const std::string reason = what == Throws::kException ? "made to fail" : "not a standard exception";
+    const std::string reason = what == Throw::kException ? "made to fail" : "not a standard exception";
     expectFailure("getDeviceList", Value(), ValueList{}, reason);
     expectFailure("open", Value(), false, reason);
   }
@@ -159,7 +136,7 @@ TEST_F(CommandFailureTest, ACaptureSystemThatThrowsIsACaptureSystemWithoutDevice
 
 TEST_F(CommandFailureTest, TheSecondPluginAnswersLikewise) {
   FlutterMirnPlugin::registerWithRegistrar(registrar_);
-  ThrowingCapture capture(Throws::kException);
+  ThrowingCapture capture(Throw::kException);
   setCaptureSystem(&capture);
   expectFailure("getDeviceList", Value(), ValueList{}, "made to fail");
   expectFailure("open", ValueList{Value(int32_t{0})}, false, "made to fail");

@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
@@ -17,6 +16,7 @@
 #include "plugin/mirn_global.h"
 #include "plugin/mirn_manager.h"
 #include "tests/support/video/log_capture.h"
+#include "tests/unit/plugin/throwing_hid.h"
 #include "tests/unit/usb/process_counts.h"
 #include "tests/unit/usb/quick_clock.h"
 #include "tests/unit/usb/usb_registry_double.h"
@@ -26,32 +26,22 @@
 namespace mirn {
 namespace {
 
+using test::g_open_throws;
+using test::g_write_throws;
 using test::LogCapture;
+using test::Throw;
 
 int g_inits = 0;
 int g_opens = 0;
 bool g_opened_beside_another = false;
-enum class Throw { kNothing, kException, kNumber };
-Throw g_open_throws = Throw::kNothing;
-Throw g_write_throws = Throw::kNothing;
-
-void throwAs(Throw what) {
-  if (what == Throw::kException) throw std::runtime_error("made to fail");
-  if (what == Throw::kNumber) throw 5;
-}
 
 HidFunctions scriptedFunctions() {
-  HidFunctions functions = VirtualHid::functions();
+  HidFunctions functions = test::throwingHidFunctions();
   functions.init = [] { return g_inits++, 0; };
   functions.open = [](unsigned short vendor, unsigned short product, const wchar_t* serial) {
     ++g_opens;
     g_opened_beside_another = g_opened_beside_another || VirtualHid::instance().openHandles() > 0;
-    throwAs(g_open_throws);
-    return VirtualHid::functions().open(vendor, product, serial);
-  };
-  functions.write = [](hid_device* device, const unsigned char* data, size_t length) {
-    throwAs(g_write_throws);
-    return VirtualHid::functions().write(device, data, length);
+    return test::throwingHidFunctions().open(vendor, product, serial);
   };
   return functions;
 }
