@@ -11,12 +11,19 @@ GatedInput::GatedInput(InputSink& target, std::function<bool()> allowed, std::fu
                        std::function<bool()> elsewhere)
     : target_(target), allowed_(std::move(allowed)), sent_(std::move(sent)), elsewhere_(std::move(elsewhere)) {}
 
-bool GatedInput::pass() {
+bool GatedInput::pass(Kind kind) {
   bool allowed = allowed_();
   if (allowed) {
     sent_();
+    if (kind != Kind::kMove) {
+      passed_ = std::chrono::steady_clock::now();
+    }
   }
   return allowed;
+}
+
+bool GatedInput::passedWithin(std::chrono::milliseconds time) const {
+  return passed_ && std::chrono::steady_clock::now() - *passed_ < time;
 }
 
 void GatedInput::keyDown(int virtual_key) {
@@ -33,7 +40,7 @@ void GatedInput::keyUp(int virtual_key) {
 }
 
 void GatedInput::mouseMove(int x, int y) {
-  if (pass()) {
+  if (pass(Kind::kMove)) {
     target_.mouseMove(x, y);
   }
 }

@@ -1,7 +1,9 @@
 // A person's input on its way to the target: it goes out only while it may, and what was pressed is always let go.
 #pragma once
 
+#include <chrono>
 #include <functional>
+#include <optional>
 
 #include "apps/common/input_sink.h"
 
@@ -21,6 +23,9 @@ class GatedInput final : public InputSink {
   void mouseButton(const char* type, int x, int y) override;
   void mouseWheel(int x, int y, int delta) override;
 
+  // A key, button or notch passed less than `time` ago; a move is no matter, since the next one says as much.
+  bool passedWithin(std::chrono::milliseconds time) const;
+
   // keyUp 0 and the three button-ups at this place, also while input is held back. While the keyboard is elsewhere only
   // keyUp 0 goes out, and that only after a press: it moves nothing. The rest is owed until the two belong together.
   void releaseEverything(int x, int y);
@@ -28,7 +33,8 @@ class GatedInput final : public InputSink {
   void gateChanged(int x, int y);
 
  private:
-  bool pass();
+  enum class Kind { kMove, kOther };
+  bool pass(Kind kind = Kind::kOther);
 
   InputSink& target_;
   std::function<bool()> allowed_;
@@ -36,6 +42,7 @@ class GatedInput final : public InputSink {
   std::function<bool()> elsewhere_;
   bool pressed_ = false;  // a key or button went down since the last release of everything
   bool owed_ = false;     // a release of everything was cut short
+  std::optional<std::chrono::steady_clock::time_point> passed_;
 };
 
 }  // namespace mirn

@@ -110,11 +110,13 @@ void ConsoleWindow::buildBody() {
 void ConsoleWindow::connect() {
   link_.signalChanged().connect(sigc::mem_fun(*this, &ConsoleWindow::onLinkChanged));
   link_.signalPictureGone().connect(sigc::mem_fun(*this, &ConsoleWindow::onPictureGone));
-  // Later: labels can't change in the middle of drawing.
+  // Later: labels can't change in the middle of drawing. But before the next drawing: where that takes all the time
+  // there is, nothing behind it ever has its turn. (PRIORITY_DEFAULT would mean the lowest of an idle call here.)
   view_.signalShown().connect([this] {
-    Glib::signal_idle().connect_once(sigc::mem_fun(*this, &ConsoleWindow::onShown), Glib::PRIORITY_DEFAULT);
+    Glib::signal_idle().connect_once(sigc::mem_fun(*this, &ConsoleWindow::onShown), Glib::PRIORITY_HIGH_IDLE);
   });
   link_.signalKeyboardGone().connect([this] { input_.forgetHeld(); });
+  link_.setInUse([this] { return input_.inUse(); });
   link_.signalSaid().connect(sigc::mem_fun(*this, &ConsoleWindow::say));
   input_.signalCaptured().connect(sigc::mem_fun(*this, &ConsoleWindow::onCaptured));
   input_.signalSaid().connect(sigc::mem_fun(*this, &ConsoleWindow::say));

@@ -89,7 +89,11 @@ void DeviceLink::keepPicture(Steady::time_point now) {
     picture_failures_ = 0;
     beginPicture();
     apply(wish_);
-    ask_again_ = true;  // another one may have taken the place of the Mirn that had both
+    // Another one may have taken the place of the Mirn that had both: asked before the first picture lets input pass.
+    ask_again_ = true;
+    if (info_) {
+      keyboard_pace_.reset();
+    }
   }
   // Opening takes its time: the pause counts from its end.
   picture_tried_ = Steady::now();
@@ -124,8 +128,14 @@ bool DeviceLink::keyboardBroken() {
   return broken;
 }
 
+bool DeviceLink::keyboardWaits() const {
+  // After a plugging or a person's wish the old proxy is nobody's any more.
+  bool in_hands = !keyboard_pace_.fresh() && blocked_.empty() && in_use_();
+  return upgrading_ || typing_ || in_hands;
+}
+
 void DeviceLink::keepKeyboard(Steady::time_point now) {
-  if (upgrading_ || typing_ || !keyboard_pace_.due(now)) {
+  if (keyboardWaits() || !keyboard_pace_.due(now)) {
     return;
   }
   bool broken = keyboardBroken();
@@ -135,10 +145,9 @@ void DeviceLink::keepKeyboard(Steady::time_point now) {
   ask_again_ = false;
   askKeyboard(broken);
   if (!info_ && !broken) {
-    // Nobody is behind this proxy any more. A new one is made at the next look.
+    // Nobody is behind this proxy any more. A new one at once: input that comes meanwhile would find none.
     hostReleaseProxy();
-    keyboard_gone_.emit();
-    return;
+    askKeyboard(true);
   }
   // Asking may have taken seconds: the pause counts from its end.
   Steady::time_point end = Steady::now();

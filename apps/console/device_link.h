@@ -6,8 +6,10 @@
 #include <sigc++/signal.h>
 
 #include <chrono>
+#include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "apps/common/diagnosis.h"
 #include "apps/common/session.h"
@@ -47,6 +49,9 @@ class DeviceLink {
   bool upgrading() const { return upgrading_; }
   // While a text is typed the proxy stays as it is: a new one would discard the keys that wait and let go of Shift.
   void setTyping(bool typing) { typing_ = typing; }
+  // Says whether a person is using keys or buttons right now. As long as that is so, a doubtful answer (a late one is
+  // enough) makes no new proxy: it would let go of what is held.
+  void setInUse(std::function<bool()> in_use) { in_use_ = std::move(in_use); }
   // The window shows a picture that came after signalPictureGone().
   void pictureShown();
 
@@ -75,6 +80,7 @@ class DeviceLink {
   void closeAll();
   void choose(const PictureChoice& wish);
   bool apply(const PictureChoice& wish);
+  bool keyboardWaits() const;
   bool keyboardBroken();
   std::string whyBlocked() const;
   void judgeInput();
@@ -90,6 +96,7 @@ class DeviceLink {
   bool known_ = false;
   bool upgrading_ = false;
   bool typing_ = false;
+  std::function<bool()> in_use_ = [] { return false; };
   bool shown_ = false;      // a picture of the camera that runs is on the screen
   std::string camera_;      // the one that ran last
   bool ask_again_ = false;  // whether the keyboard interface still answers

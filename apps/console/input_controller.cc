@@ -205,6 +205,12 @@ void InputController::onFocus() {
   }
 }
 
+bool InputController::inUse() const {
+  // More than the device may take for an answer.
+  constexpr std::chrono::milliseconds kOnItsWay{500};
+  return keys_.holdsAny() || buttons_ != 0 || input_.passedWithin(kOnItsWay);
+}
+
 void InputController::releaseEverything() {
   releasing_.emit();
   keys_.forget();

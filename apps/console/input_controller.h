@@ -40,6 +40,8 @@ class InputController {
   void releaseEverything();
   // A new proxy, or the gate moved: nothing is held any more, and the pointer goes to where it rests.
   void forgetHeld();
+  // A key or button is held or was just used: a new proxy now would let go of it, or discard it on its way.
+  bool inUse() const;
   // Keys don't go out while a text is pasted.
   void setPasting(bool pasting) { pasting_ = pasting; }
 

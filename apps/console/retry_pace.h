@@ -34,6 +34,8 @@ class RetryPace {
     failures_ = 0;
     next_.reset();
   }
+  // Nobody has asked since the last reset.
+  bool fresh() const { return !next_; }
   size_t failures() const { return failures_; }
   // From `now` to the next question, rounded up.
   std::chrono::seconds pause(Time now) const {

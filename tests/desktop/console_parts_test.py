@@ -341,6 +341,23 @@ def test_a_silent_pointer_renews_no_proxy_under_a_paste(desktop):
     console.wait("the whole text", lambda s: typed_text(s) == text)
 
 
+def test_a_held_key_outlasts_unanswered_pointer_records(desktop):
+    # Each of them calls for a new proxy, three seconds after the one before.
+    console = Console(desktop, PROGRAM, "--virtual-faults", "drop@*/c2")
+    console.ready()
+    console.click(300, 300)
+    desktop.xdotool("keydown", "a")
+    before = console.wait("the held key", lambda s: 4 in s["keys"])["exchanges"]
+    end = time.monotonic() + 5
+    while time.monotonic() < end:
+        expect(4 in console.state()["keys"], "the key was let go of: %s" % console.say("sent %d" % before)["sent"])
+        time.sleep(0.05)
+    expect("handshake" not in console.say("sent %d" % before)["sent"], "a new proxy while a key is held")
+    desktop.xdotool("keyup", "a")
+    console.wait("the renewal that had to wait", lambda _: "handshake" in console.say("sent %d" % before)["sent"])
+    expect(typed_text(console.state()) == "a", "typed once: '%s'" % console.state()["text"])
+
+
 def test_a_silent_device_leaves_the_window_usable(desktop):
     # Nothing is ever answered: after the second failure the pause is ten seconds.
     console = Console(desktop, PROGRAM, "--virtual-faults", "drop@*")

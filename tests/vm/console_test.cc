@@ -142,6 +142,7 @@ class ConsoleOnKernel : public KernelTest {
   XScreen screen_{kScreenFile};
   std::optional<Background> server_;
   std::optional<Background> manager_;
+  std::optional<Background> console_;  // a member, so that a failed case's screen still shows it
 };
 
 TEST_F(ConsoleOnKernel, ShowsTheTargetAndPlaysKeysIntoItAlsoAfterReplugging) {
@@ -149,7 +150,7 @@ TEST_F(ConsoleOnKernel, ShowsTheTargetAndPlaysKeysIntoItAlsoAfterReplugging) {
   constexpr uint8_t kUsageB = 0x05;
   device_.plug();
   ASSERT_TRUE(waitFor(deviceIsBound));
-  Background console({builtFile("bin/mirn-console")});
+  console_.emplace(std::vector<std::string>{builtFile("bin/mirn-console")});
   ASSERT_TRUE(waitFor([] { return xdotool("search --onlyvisible --name 'Mirn Console'"); }, kPatience));
   say("the window is there");
   ASSERT_TRUE(showsTheTarget());
@@ -178,7 +179,7 @@ TEST_F(ConsoleOnKernel, ShowsTheTargetAndPlaysKeysIntoItAlsoAfterReplugging) {
 
   ASSERT_TRUE(xdotool("key Control_R"));  // gives the keyboard back
   ASSERT_TRUE(xdotool("key ctrl+q"));
-  EXPECT_EQ(console.waitForEnd(), 0);
+  EXPECT_EQ(console_->waitForEnd(), 0);
 }
 
 }  // namespace

@@ -141,12 +141,14 @@ TEST(RetryPace, EachFailureInARowMakesThePauseLonger) {
   RetryPace pace;
   RetryPace::Time now{};
   EXPECT_TRUE(pace.due(now)) << "the first question comes at once";
+  EXPECT_TRUE(pace.fresh());
   for (seconds pause : {seconds{3}, seconds{10}, seconds{30}, seconds{30}}) {
     pace.failed(now);
     EXPECT_EQ(pace.pause(now), pause);
     EXPECT_FALSE(pace.due(now + pause - milliseconds{1}));
     now += pause;
     EXPECT_TRUE(pace.due(now));
+    EXPECT_FALSE(pace.fresh()) << "due again is not due for the first time";
   }
   EXPECT_EQ(pace.failures(), 4U);
 }
@@ -158,6 +160,7 @@ TEST(RetryPace, AnAnswerAPersonOrAPlugEndTheLongPause) {
   pace.failed(now);
   pace.reset();
   EXPECT_TRUE(pace.due(now));
+  EXPECT_TRUE(pace.fresh());
   pace.failed(now);
   EXPECT_EQ(pace.pause(now), seconds{3}) << "the shortest again";
   pace.failed(now);

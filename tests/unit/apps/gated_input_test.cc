@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
+
 #include "tests/unit/apps/recording_sink.h"
 
 namespace mirn {
@@ -40,6 +42,22 @@ TEST_F(GatedInputTest, PassesNothingWhileInputIsHeldBack) {
   everyKind();
   EXPECT_THAT(sink_.take(), IsEmpty());
   EXPECT_EQ(told_, 0);
+}
+
+TEST_F(GatedInputTest, TellsWhetherSomethingThatCannotBeRepeatedHasJustPassed) {
+  using std::chrono::hours;
+  using std::chrono::milliseconds;
+  EXPECT_FALSE(input_.passedWithin(hours{1})) << "nothing ever passed";
+  input_.mouseMove(1, 2);
+  input_.releaseEverything(1, 2);
+  EXPECT_FALSE(input_.passedWithin(hours{1})) << "a move and a release are no matter";
+  allowed_ = false;
+  everyKind();
+  EXPECT_FALSE(input_.passedWithin(hours{1})) << "held back";
+  allowed_ = true;
+  input_.mouseWheel(1, 2, 1);
+  EXPECT_TRUE(input_.passedWithin(hours{1}));
+  EXPECT_FALSE(input_.passedWithin(milliseconds{0})) << "not less than no time ago";
 }
 
 TEST_F(GatedInputTest, ReleasesPassAClosedGate) {
