@@ -5,6 +5,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <system_error>
 #include <utility>
 
@@ -226,7 +227,13 @@ bool CaptureDevice::replaceFormat(const CaptureFormatRef& format, CaptureError* 
   if (user) {
     user->flush();
   }
-  const bool applied = applyFormat(*format, error);
+  bool applied = false;
+  try {
+    applied = applyFormat(*format, error);
+  } catch (const std::exception& exception) {
+    // Where the memory ends, too, the old format goes on.
+    setError(error, makeError(ENOMEM, nodeName(), exception.what(), ""));
+  }
   if (applied) {
     // Also when the frames don't start again below: the device has it.
     activeFormat_ = format;

@@ -179,6 +179,23 @@ class CaptureDevice : public std::enable_shared_from_this<CaptureDevice> {
   std::atomic<uint64_t> formatChoices_{0};
 };
 
+/// Gives a configuration lock back when the scope ends, however it ends: a picture or a firmware image may be too large
+/// for the memory. Null: does nothing. The device must outlive it.
+class ConfigurationUnlock {
+ public:
+  explicit ConfigurationUnlock(CaptureDevice* device) : device_(device) {}
+  ~ConfigurationUnlock() {
+    if (device_ != nullptr) {
+      device_->unlockForConfiguration();
+    }
+  }
+  ConfigurationUnlock(const ConfigurationUnlock&) = delete;
+  ConfigurationUnlock& operator=(const ConfigurationUnlock&) = delete;
+
+ private:
+  CaptureDevice* const device_;
+};
+
 namespace detail {
 inline constinit std::atomic<size_t> g_liveInputs{0};
 

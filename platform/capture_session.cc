@@ -112,8 +112,8 @@ bool CaptureSession::applyPreset(CaptureError* error) {
   if (!device.lockForConfiguration(error)) {
     return false;
   }
+  const ConfigurationUnlock unlock(&device);
   const bool set = device.setActiveFormat(format, error);
-  device.unlockForConfiguration();
   choicesAtInput_ = device.formatChoices();
   return set;
 }

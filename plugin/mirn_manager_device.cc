@@ -33,20 +33,6 @@ struct LeftBehind {
 };
 constinit LeftBehind* g_left_behind = nullptr;
 
-// Gives the lock back when the scope ends, however that happens: an image may be too large for the memory.
-class ConfigurationUnlock {
- public:
-  explicit ConfigurationUnlock(const std::shared_ptr<CaptureDevice>& device) : device_(device) {}
-  ~ConfigurationUnlock() {
-    if (device_ != nullptr) device_->unlockForConfiguration();
-  }
-  ConfigurationUnlock(const ConfigurationUnlock&) = delete;
-  ConfigurationUnlock& operator=(const ConfigurationUnlock&) = delete;
-
- private:
-  const std::shared_ptr<CaptureDevice>& device_;
-};
-
 // A text of the device: `field` up to its first NUL; "" where it is not valid UTF-8, which no application could show.
 std::string deviceText(std::string_view field) {
   const std::string text(field.substr(0, field.find('\0')));
@@ -195,7 +181,7 @@ int32_t MirnManager::reqUpgradeFirmware(const std::string& path) {
   if (locked != nullptr && !locked->lockForConfiguration()) return kUpgradeImpossible;
   int32_t status = 0;
   {
-    const ConfigurationUnlock unlock(locked);
+    const ConfigurationUnlock unlock(locked.get());
     status = kmproxy_->ReqUpgradeFirmware(path);
   }
   printStandardOutput("reqUpgradeFirmware send upgrade data finished, bRet=%d\n", status);

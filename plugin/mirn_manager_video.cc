@@ -104,18 +104,19 @@ bool MirnManager::setVideoQuality(const std::string* quality) {
   if (!captureDevice_ || !captureDevice_->lockForConfiguration()) {
     return false;
   }
-  if (quality != nullptr && *quality == "720P") {
-    captureDevice_->setActiveFormat(gNormalColor ? normalcolor_720_ : bestcolor_720_);
-    sourceWidth_ = k720P.width;
-    sourceHeight_ = k720P.height;
-  } else if (quality != nullptr && *quality == "1080P") {
-    captureDevice_->setActiveFormat(gNormalColor ? normalcolor_ : bestcolor_);
-    sourceWidth_ = k1080P.width;
-    sourceHeight_ = k1080P.height;
-  } else {
+  const bool small = quality != nullptr && *quality == "720P";
+  if (!small && (quality == nullptr || *quality != "1080P")) {
     return false;  // the lock stays held: that is meant
   }
-  captureDevice_->unlockForConfiguration();
+  const ConfigurationUnlock unlock(captureDevice_.get());
+  if (small) {
+    captureDevice_->setActiveFormat(gNormalColor ? normalcolor_720_ : bestcolor_720_);
+  } else {
+    captureDevice_->setActiveFormat(gNormalColor ? normalcolor_ : bestcolor_);
+  }
+  const PictureSize& size = small ? k720P : k1080P;
+  sourceWidth_ = size.width;
+  sourceHeight_ = size.height;
   return true;
 }
 
@@ -131,13 +132,13 @@ void MirnManager::switchColor(bool normal) {
   if (!captureDevice_ || !captureDevice_->lockForConfiguration()) {
     return;
   }
+  const ConfigurationUnlock unlock(captureDevice_.get());
   if (sourceWidth_ == k720P.width && sourceHeight_ == k720P.height) {
     captureDevice_->setActiveFormat(normal ? normalcolor_720_ : bestcolor_720_);
   } else if (sourceWidth_ == k1080P.width && sourceHeight_ == k1080P.height) {
     captureDevice_->setActiveFormat(normal ? normalcolor_ : bestcolor_);
   }
   gNormalColor = normal;
-  captureDevice_->unlockForConfiguration();
 }
 
 void MirnManager::close() {

@@ -20,6 +20,7 @@ using Steady = std::chrono::steady_clock;
 struct LatencyOptions {
   int count = 50;
   std::string quality = "1080P";
+  std::string color = "normal";
   bool answers_only = false;
 };
 
@@ -92,7 +93,7 @@ int runLatency(Context& context, const LatencyOptions& options) {
     return context.report().success(text, fields);
   }
   PixelBufferRef first;
-  if (auto trouble = context.needPicture({options.quality, false}, std::chrono::seconds(5), &first)) {
+  if (auto trouble = context.needPicture({options.quality, options.color == "best"}, std::chrono::seconds(5), &first)) {
     return *trouble;
   }
   if (keyboardIsElsewhere()) {
@@ -130,6 +131,9 @@ void addLatencyCommand(CLI::App& app, ChosenCommand& chosen) {
   command->add_option("--quality", options->quality, "720P or 1080P")
       ->capture_default_str()
       ->check(CLI::IsMember({"720P", "1080P"}));
+  command->add_option("--color", options->color, "normal or best")
+      ->capture_default_str()
+      ->check(CLI::IsMember({"normal", "best"}));
   command->add_flag("--answers-only", options->answers_only, "Leave the picture alone");
   command->callback(
       [&chosen, options] { chosen = [options](Context& context) { return runLatency(context, *options); }; });

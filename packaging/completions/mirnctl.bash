@@ -27,7 +27,7 @@ _mirnctl() {
     quality) COMPREPLY=($(compgen -W "720P 1080P --color --timeout $globals" -- "$current")) ;;
     color) COMPREPLY=($(compgen -W "normal best --quality --timeout $globals" -- "$current")) ;;
     watch) COMPREPLY=($(compgen -W "--count --seconds --no-time $globals" -- "$current")) ;;
-    latency) COMPREPLY=($(compgen -W "--count --quality --answers-only $globals" -- "$current")) ;;
+    latency) COMPREPLY=($(compgen -W "--count --quality --color --answers-only $globals" -- "$current")) ;;
     channel) COMPREPLY=($(compgen -W "--plugin $globals" -- "$current")) ;;
     snapshot) COMPREPLY=($(compgen -f -X '!*.png' -- "$current") $(compgen -W "--quality --color --timeout $globals" -- "$current")) ;;
     upgrade) COMPREPLY=($(compgen -f -- "$current") $(compgen -W "--check --expect --replug $globals" -- "$current")) ;;

@@ -164,6 +164,7 @@ CASES = [
     ("upgrade_unplugged", 9, "--virtual --virtual-faults unplug@2/c7 upgrade --replug 0 long.hex", None),
     ("latency", 0, "--virtual latency --count 5", None),
     ("latency_json", 0, "--virtual --json latency --count 5 --answers-only", None),
+    ("latency_best_alone", 0, "--virtual --virtual-lacks normal latency --count 2 --color best", None),
     ("latency_mismatch", 1, "--virtual --virtual-mismatch latency --count 2", None),
     ("latency_mismatch_answers", 0, "--virtual --virtual-mismatch latency --count 2 --answers-only", None),
     ("latency_unplugged", 3, "--virtual --virtual-unplugged latency --count 2", None),

@@ -135,6 +135,22 @@ TEST_F(ManagerVideoTest, AnyOtherQualityWordIsRefusedAndLeavesTheLockHeld) {
   EXPECT_EQ(device_->configurationLocks(), held);
 }
 
+TEST_F(ManagerVideoTest, AFormatSwitchWithoutMemoryLeavesTheOldFormatRunning) {
+  ASSERT_TRUE(manager_->open());
+  quality("1080P");
+  device_->applyThrows = true;
+  quality("720P");
+  manager_->bestColor();
+  EXPECT_EQ(active(), described(kCaptureMjpg, 1920, 1080));
+  EXPECT_TRUE(device_->streaming);
+  EXPECT_EQ(device_->configurationLocks(), 0);
+  ASSERT_FALSE(LogCapture::lines().empty());
+  EXPECT_NE(LogCapture::lines().back().find("std::bad_alloc"), std::string::npos) << LogCapture::lines().back();
+  device_->applyThrows = false;
+  EXPECT_TRUE(quality("720P"));
+  EXPECT_EQ(active(), described(kCaptureYuyv, 1280, 720)) << "the colour was chosen, though the camera couldn't follow";
+}
+
 TEST_F(ManagerVideoTest, WithoutTheLockNothingChanges) {
   ASSERT_TRUE(manager_->open());
   quality("1080P");

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cerrno>
 #include <memory>
+#include <new>
 #include <string>
 #include <utility>
 #include <vector>
@@ -60,6 +61,7 @@ class FakeCaptureDevice final : public CaptureDevice {
   std::atomic<int> openError{0};
   std::atomic<int> lockError{0};
   std::atomic<int> applyError{0};
+  std::atomic<bool> applyThrows{false};  // as where the memory ends
   std::atomic<int> startError{0};
   std::atomic<int> opens{0};
   std::atomic<int> closes{0};
@@ -74,6 +76,9 @@ class FakeCaptureDevice final : public CaptureDevice {
   bool acquireConfiguration(CaptureError* error) override { return answer(lockError, error); }
   void releaseConfiguration() override {}
   bool applyFormat(const CaptureFormat& /*format*/, CaptureError* error) override {
+    if (applyThrows) {
+      throw std::bad_alloc();
+    }
     return answer(applyError, error) && ++applied > 0;
   }
   bool startStream(CaptureError* error) override {
