@@ -135,6 +135,14 @@ TEST_F(WithADevice, AKeyDownWithoutAKeySendsNothingAndAKeyUpWithoutOneLetsEveryt
   EXPECT_EQ(records[1], VirtualKeyboard{});
 }
 
+TEST_F(WithADevice, AKeyCodeTravelsWhole) {
+  world_.reply("keyDown", ValueMap{{"key", 66}});
+  world_.reply("keyUp", ValueMap{{"key", 0x10000}});  // not 0, which would let everything go
+  const auto records = atLeast<VirtualKeyboard>(2);
+  ASSERT_EQ(records.size(), 2U);
+  EXPECT_EQ(records[1], records[0]);
+}
+
 TEST_F(WithADevice, NumbersOfEveryKindNameAKey) {
   const std::vector<Value> sixty_fives = {65, int64_t{65}, (int64_t{1} << 32) + 65, 65.9, "65", " 65 and more"};
   for (const Value& key : sixty_fives) {

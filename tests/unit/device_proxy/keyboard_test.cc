@@ -208,6 +208,15 @@ TEST_F(KeyboardTest, KeyZeroReleasesEverythingAndAlwaysReports) {
   EXPECT_THAT(arrived(), ElementsAre(report({5, 0, 0, 0, 0, 0}, 0)));
 }
 
+TEST_F(KeyboardTest, OnlyTheWholeCodeZeroReleasesEverything) {
+  down(17);
+  down('A');
+  arrived();
+  up(0x100);
+  up(0x10000);
+  EXPECT_THAT(arrived(), ElementsAre(report({4, 0, 0, 0, 0, 0}, 1), report({4, 0, 0, 0, 0, 0}, 1)));
+}
+
 TEST_F(KeyboardTest, AnUnmappedKeySendsTheReportUnchangedWhileASlotIsEmpty) {
   down('A');
   arrived();

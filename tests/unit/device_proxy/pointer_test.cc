@@ -77,6 +77,14 @@ TEST_F(PointerTest, TheFirstExtraButtonPressesLeftWithoutHoldingIt) {
   EXPECT_THAT(arrived(), ElementsAre(absolute(5, 5, "100"), absolute(6, 6, "000", -1)));
 }
 
+TEST_F(PointerTest, LettingAnExtraButtonGoLeavesTheHeldLeftOne) {
+  proxy_->MouseLButtonDown(5, 5);
+  proxy_->MouseX1ButtonUp(5, 5);
+  proxy_->MouseX2ButtonUp(5, 5);
+  proxy_->MouseWheelUp(6, 6, 0);
+  EXPECT_THAT(arrived(), ElementsAre(absolute(5, 5, "100"), absolute(6, 6, "100", -1)));
+}
+
 TEST_F(PointerTest, TheWheelsDeltaIsIgnored) {
   proxy_->MouseWheelUp(1, 2, 5);
   proxy_->MouseWheelUp(1, 2, -5);
@@ -179,6 +187,24 @@ TEST_F(PointerTest, ARelativeCallForgetsTheOriginAndMakesButtonsRelativeUntilThe
   EXPECT_THAT(arrived(), ElementsAre(absolute(7, 8, "100"), absolute(9, 9, "000")));
 }
 
+TEST_F(PointerTest, ARelativeCallForgetsTheOriginInRelativeModeToo) {
+  proxy_->Init({{0, 0, 32767, 32767}});
+  proxy_->SetMouseMoveRelative(true);
+  proxy_->MouseMove(100, 100, false);  // its origin
+  proxy_->MouseMove(7, 8, true);
+  proxy_->MouseLButtonDown(9, 9);
+  EXPECT_THAT(arrived(), ElementsAre(relative(7, 8), relative(9, 9, "100")));
+}
+
+TEST_F(PointerTest, TheFirstMoveAfterSwitchingOffGoesWhereItSays) {
+  proxy_->SetMouseMoveRelative(true);
+  proxy_->MouseMove(1, 1, false);
+  proxy_->SetMouseMoveRelative(false);
+  proxy_->MouseMove(40, 50, false);
+  proxy_->KeyBoardUp(0, 0);
+  EXPECT_THAT(arrived(), ElementsAre(absolute(40, 50, "000"), "keys 00 00 00 00 00 00 mod 00"));
+}
+
 TEST_F(PointerTest, SpeedZeroKeepsTheOldSpeed) {
   proxy_->Init({{0, 0, 32767, 32767}});
   proxy_->SetRelativeOrigin(300, 0, 0);
@@ -210,6 +236,16 @@ TEST_F(PointerTest, InitFillsTheKeyMapToo) {
   proxy_ = std::make_unique<TestProxy>(&listener_);
   seen_ = mirn_->receivedCount();
   EXPECT_EQ(proxy_->Init({{0, 0, 10, 10}}), 0);
+  proxy_->KeyBoardDown(0, 'A');
+  EXPECT_THAT(arrived(), ElementsAre("keys 04 00 00 00 00 00 mod 00"));
+}
+
+// The keys come first, so a list of monitors that is refused costs only the monitors.
+TEST_F(PointerTest, ARefusedListOfMonitorsLeavesTheKeysMapped) {
+  proxy_.reset();
+  proxy_ = std::make_unique<TestProxy>(&listener_);
+  seen_ = mirn_->receivedCount();
+  EXPECT_THROW(proxy_->Init({}), std::out_of_range);
   proxy_->KeyBoardDown(0, 'A');
   EXPECT_THAT(arrived(), ElementsAre("keys 04 00 00 00 00 00 mod 00"));
 }

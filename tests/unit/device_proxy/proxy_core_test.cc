@@ -354,6 +354,15 @@ TEST_F(ProxyCoreTest, DirectOperationsRunOnTheCallersThreadAndPassTheQueue) {
   EXPECT_EQ(listener_.count(), 0u);
 }
 
+TEST_F(ProxyCoreTest, TheTextsOfTheGreetingAreThereAlsoWhenTheLedCannotBeRead) {
+  start("3.1.4");
+  mirn_->unplug();
+  vx_info_type vx;
+  EXPECT_EQ(proxy_->GetVXInfo(vx), -1);
+  EXPECT_EQ(vx.version, "3.1.4");
+  EXPECT_EQ(vx.detail, "virtual-mirn");
+}
+
 TEST_F(ProxyCoreTest, ADirectOperationOvertakesTheQueue) {
   start();
   // The sending thread waits in a task: what is queued behind it can't have run when the LED is read.
