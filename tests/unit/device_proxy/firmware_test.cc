@@ -238,6 +238,14 @@ TEST_F(FirmwareTest, WithoutATmpdirTheImageWouldStandBesideTheFallbackDirectory)
   EXPECT_THAT(log_.text(), HasSubstr("[ReqUpgradeFirmware] tmpdir=/tmpvelkin_temp.bin\n"));
 }
 
+TEST_F(FirmwareTest, AnEmptyTmpdirIsSetAndMeansTheCurrentDirectory) {
+  start();
+  setenv("TMPDIR", "", 1);
+  EXPECT_EQ(proxy_->ReqUpgradeFirmware(directory_.path("absent.hex")), 0);  // so nothing is written there
+  EXPECT_THAT(log_.text(), HasSubstr("[ReqUpgradeFirmware] tmpdir=\n"));
+  EXPECT_THAT(log_.text(), HasSubstr("[ReqUpgradeFirmware] tmpdir=velkin_temp.bin\n"));
+}
+
 TEST_F(FirmwareTest, ATmpdirOfMoreThan1023CharactersCutsTheName) {
   start();
   const std::string source = directory_.write("a.hex", hexFile(Bytes{7}, 16, "\n"));
@@ -252,6 +260,13 @@ TEST_F(FirmwareTest, ATmpdirOfMoreThan1023CharactersCutsTheName) {
   setenv("TMPDIR", folder.c_str(), 1);
   EXPECT_EQ(proxy_->ReqUpgradeFirmware(source), 1);
   EXPECT_TRUE(std::filesystem::exists(folder + "vel"));
+  // One character too many.
+  const std::string shorter = folder.substr(0, 1008) + "/";
+  std::filesystem::create_directories(shorter);
+  setenv("TMPDIR", shorter.c_str(), 1);
+  EXPECT_EQ(proxy_->ReqUpgradeFirmware(source), 1);
+  EXPECT_TRUE(std::filesystem::exists(shorter + "velkin_temp.bi"));
+  EXPECT_FALSE(std::filesystem::exists(shorter + "velkin_temp.bin"));
   setenv("TMPDIR", std::string(5000, 'x').c_str(), 1);
   EXPECT_EQ(proxy_->ReqUpgradeFirmware(source), 0);
 }
