@@ -4,6 +4,7 @@
 
 #include "platform/mirn_identity.h"
 #include "tests/unit/usb/usb_registry_double.h"
+#include "usb/usb_monitor.h"
 
 namespace mirn {
 namespace {
@@ -38,6 +39,28 @@ TEST(UsbScanTest, EntriesThatLackAnIdentifierAreSkipped) {
   EXPECT_FALSE(UsbDeviceAttached(registry));
   registry.attachQuietly(kMirn);
   EXPECT_TRUE(UsbDeviceAttached(registry));
+  EXPECT_TRUE(registry.allGivenBack());
+}
+
+TEST(UsbScanTest, IdentifiersCountAsReadOnlyWhenBothAre) {
+  UsbRegistryDouble registry;
+  const auto read = [&](const FakeUsbDevice& device) {
+    const UsbIterator iterator = registry.iteratorOf({device});
+    const UsbService service = registry.iteratorNext(iterator);
+    uint16_t vid = 0;
+    uint16_t pid = 0;
+    const bool both = GetDeviceInfo(registry, service, &vid, &pid);
+    registry.release(service);
+    registry.release(iterator);
+    EXPECT_TRUE(!both || (vid == 1 && pid == 2)) << vid << " " << pid;
+    return both;
+  };
+  EXPECT_TRUE(read(fakeDevice(1, 2)));
+  EXPECT_FALSE(read({std::nullopt, UsbValue(int64_t{2})}));
+  EXPECT_FALSE(read({UsbValue(int64_t{1}), std::nullopt}));
+  EXPECT_FALSE(read(fakeDevice(0x8000, 2)));
+  EXPECT_FALSE(read(fakeDevice(1, 0x8000)));
+  EXPECT_FALSE(read({UsbValue(int64_t{1}), UsbValue(int64_t{2}), false}));
   EXPECT_TRUE(registry.allGivenBack());
 }
 
