@@ -177,15 +177,19 @@ class PipedOutput {
   int real_ = -1;
 };
 
-// A thread that logs one line.
+// A thread that logs one line, of so many bytes with its head and its end.
 struct LineThread {
   std::atomic<pid_t> id{0};
   std::atomic<bool> returned{false};
   std::thread thread;
 
-  LineThread(filelog& log, const std::string& message)
-      : thread([this, &log, message] {
-          id = static_cast<pid_t>(::syscall(SYS_gettid));
+  LineThread(filelog& log, size_t bytes)
+      : thread([this, &log, bytes] {
+          const auto own_id = static_cast<pid_t>(::syscall(SYS_gettid));
+          const std::string frame =
+              "[" + std::to_string(own_id) + "]\t2026-11-15 23:57:01.123\t- Info  -\t\n";  // all but the message
+          const std::string message(bytes - frame.size(), 'x');
+          id = own_id;
           log.write_log(1, "%s", message.c_str());
           returned = true;
         }) {}
@@ -206,8 +210,8 @@ struct LineThread {
 
 TEST(FilelogSoak, WhileTheOutputStandsStillLessThanOneMiBIsKept) {
   constexpr size_t kMiB = 1 << 20;
-  constexpr size_t kCallers = 120;  // more than fit, one long line each
-  const std::string message(10000, 'x');
+  constexpr size_t kLine = 8192;    // with its head and its end: a whole number of them would make one MiB
+  constexpr size_t kCallers = 140;  // more than fit, one line each
   const PipedOutput output;
   const int pipe_bytes = ::fcntl(output.reader(), F_GETPIPE_SZ);
   ASSERT_GT(pipe_bytes, 0);
@@ -219,7 +223,7 @@ TEST(FilelogSoak, WhileTheOutputStandsStillLessThanOneMiBIsKept) {
     // The first one gets stuck with its own line; what the others add waits in the second buffer.
     std::vector<std::unique_ptr<LineThread>> callers;
     for (size_t i = 0; i < kCallers; ++i) {
-      callers.push_back(std::make_unique<LineThread>(log, message));
+      callers.push_back(std::make_unique<LineThread>(log, kLine));
       callers.back()->settle();
     }
     for (const auto& caller : callers) {
@@ -239,8 +243,7 @@ TEST(FilelogSoak, WhileTheOutputStandsStillLessThanOneMiBIsKept) {
   }
   const size_t first_line = text.find('\n', filler.size()) + 1;
   const size_t kept = text.size() - first_line;
-  EXPECT_LT(kept, kMiB);
-  EXPECT_GT(kept + 2 * message.size(), kMiB) << "no more is dropped than must be";
+  EXPECT_EQ(kept, kMiB - kLine) << "no more is dropped than must be, and one MiB is too much";
 }
 
 // A slow reader of standard output makes the callers wait, it doesn't cost them lines.

@@ -226,6 +226,7 @@ TEST_F(Filelog, RealTimeOutputIsAcceptedAndIgnored) {
 TEST_F(Filelog, OpeningAnOpenLoggerReturnsFalse) {
   EXPECT_TRUE(log.open("t", filelog::fixed_size, false));
   EXPECT_FALSE(log.open("other", filelog::fixed_size, false));
+  EXPECT_FALSE(log.open("other", filelog::by_hour, true)) << "nor is the style changed";
   written(1, "m");
   EXPECT_THAT(folder.names(), ElementsAre("t.log"));
 }
