@@ -83,6 +83,13 @@ TEST_F(ManagerVideoTest, OpenStartsInThePresetAndLeavesTheSize) {
   EXPECT_EQ(manager_->getSize().height, 0.0);
 }
 
+TEST_F(ManagerVideoTest, OpenActivatesNoneOfItsOwnFormats) {
+  device_->setFormats({makeFormat(kCaptureMjpg, 1920, 1080, 30), makeFormat(kCaptureYuyv, 1920, 1080, 30),
+                       makeFormat(kCaptureMjpg, 2560, 1440, 30)});
+  ASSERT_TRUE(manager_->open());
+  EXPECT_EQ(active(), described(kCaptureMjpg, 2560, 1440)) << "the preset's choice";
+}
+
 TEST_F(ManagerVideoTest, QualityPicksTheFormatOfSizeAndColour) {
   ASSERT_TRUE(manager_->open());
   EXPECT_TRUE(quality("720P"));
@@ -133,6 +140,8 @@ TEST_F(ManagerVideoTest, AnyOtherQualityWordIsRefusedAndLeavesTheLockHeld) {
   // Our own lock is no obstacle for us.
   EXPECT_TRUE(quality("720P"));
   EXPECT_EQ(device_->configurationLocks(), held);
+  EXPECT_FALSE(quality("1080p"));
+  EXPECT_EQ(manager_->getSize().width, 1280.0) << "a refused word leaves the size";
 }
 
 TEST_F(ManagerVideoTest, AFormatSwitchWithoutMemoryLeavesTheOldFormatRunning) {
@@ -210,6 +219,7 @@ TEST_F(ManagerVideoTest, CloseLetsTheDeviceGoAndKeepsSizeAndColour) {
   EXPECT_FALSE(gNormalColor);
   manager_->close();
   EXPECT_TRUE(manager_->open());
+  EXPECT_FALSE(gNormalColor) << "nor does the next opening change the colour";
 }
 
 TEST_F(ManagerVideoTest, OpenWhileOpenBuildsANewSession) {
@@ -225,6 +235,7 @@ TEST_F(ManagerVideoTest, OpenWhileOpenBuildsANewSession) {
 TEST_F(ManagerVideoTest, EveryStepThatFailsMakesOpenFail) {
   device_->openError = EACCES;
   EXPECT_FALSE(manager_->open());
+  EXPECT_EQ(manager_->captureDevice(), device_) << "it is held all the same";
   EXPECT_EQ(lastCaptureError().code, EACCES);
   EXPECT_TRUE(LogCapture::has("fake:fake-1"));
   device_->openError = 0;
@@ -241,6 +252,16 @@ TEST_F(ManagerVideoTest, EveryStepThatFailsMakesOpenFail) {
   device_->startError = 0;
   EXPECT_TRUE(manager_->open());
   EXPECT_FALSE(lastCaptureError());
+}
+
+TEST_F(ManagerVideoTest, AnOpeningThatFindsNoDeviceGoesOnWithTheOneHeld) {
+  ASSERT_TRUE(manager_->open());
+  system_.list.clear();
+  EXPECT_TRUE(manager_->open());
+  EXPECT_EQ(manager_->captureDevice(), device_);
+  EXPECT_TRUE(quality("720P"));
+  manager_->close();
+  EXPECT_FALSE(manager_->open());
 }
 
 TEST_F(ManagerVideoTest, AfterUnpluggingTheOldDeviceIsKeptUntilANewOneComes) {
@@ -328,6 +349,7 @@ TEST_F(ManagerVideoTest, ASampleWithoutAPictureKeepsTheFrameBefore) {
   CaptureVideoOutput output;
   manager_->captureOutput(output, {}, {});
   EXPECT_TRUE(texture->copyPixelBuffer());
+  EXPECT_EQ(registry_->frames(1), 2) << "the engine is told all the same";
 }
 
 TEST_F(ManagerVideoTest, TheManagerMayGoWhileFramesAreComing) {

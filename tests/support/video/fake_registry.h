@@ -32,9 +32,14 @@ class FakeTextureRegistry final : public TextureRegistry {
     }
   }
   void unregisterTexture(int64_t id) override {
-    MutexGuard guard(lock_);
-    events_.push_back("unregister " + std::to_string(id));
-    textures_.erase(id);
+    {
+      MutexGuard guard(lock_);
+      events_.push_back("unregister " + std::to_string(id));
+      textures_.erase(id);
+    }
+    if (onUnregister) {
+      onUnregister(id);
+    }
   }
 
   std::vector<std::string> events() {
@@ -48,6 +53,7 @@ class FakeTextureRegistry final : public TextureRegistry {
 
   /// Called with the id, outside the registry's own lock. Set before frames come.
   std::function<void(int64_t)> onFrame;
+  std::function<void(int64_t)> onUnregister;
 
  private:
   Mutex lock_;

@@ -169,6 +169,18 @@ TEST_F(CameraManagerTest, OpenWhileOpenReplacesTheSession) {
   EXPECT_TRUE(device->streaming);
 }
 
+TEST_F(CameraManagerTest, AnOpeningThatFailsOnItsDeviceLeavesTheOldSessionRunning) {
+  auto device = system_.add("Nuvra Mirn");
+  ASSERT_TRUE(camera_.open());
+  const auto session = camera_.captureSession;
+  system_.list.clear();
+  system_.add("Nuvra Mirn", test::usualFormats(), "second")->openError = EBUSY;
+  EXPECT_FALSE(camera_.open());
+  EXPECT_EQ(camera_.captureSession, session);
+  EXPECT_TRUE(session->isRunning());
+  EXPECT_TRUE(device->streaming);
+}
+
 TEST_F(CameraManagerTest, SetResolutionBeforeOpenIsRefused) {
   EXPECT_FALSE(camera_.setResolution(1280, 720));
   EXPECT_EQ(printed(), "Capture device is not initialized.\n");

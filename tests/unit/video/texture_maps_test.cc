@@ -78,6 +78,20 @@ TEST_F(TextureMapsTest, DestroyingUnregistersAndForgets) {
   EXPECT_EQ(registry_->events().size(), 1U);
 }
 
+// The engine is told inside the maps' lock, which is why the map may be read here without taking it.
+TEST_F(TextureMapsTest, BothEntriesStandUntilTheEngineWasTold) {
+  insertTexture(8, MirnTexture::init(), registry_);
+  size_t standing = 0;
+  registry_->onUnregister = [&](int64_t id) MIRN_NO_THREAD_SAFETY_ANALYSIS {
+    standing = g_TextureMgr.count(id) + g_TextureRegistryMgr.count(id);
+  };
+  destroyTexture(8);
+  registry_->onUnregister = nullptr;
+  EXPECT_EQ(standing, 2U);
+  MutexGuard guard(g_MacOSTextureLock);
+  EXPECT_EQ(g_TextureMgr.count(8) + g_TextureRegistryMgr.count(8), 0U);
+}
+
 TEST_F(TextureMapsTest, DestroyingATextureWithoutRegistryForgetsItAllTheSame) {
   {
     MutexGuard guard(g_MacOSTextureLock);
