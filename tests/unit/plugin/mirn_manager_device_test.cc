@@ -15,7 +15,9 @@
 #include "plugin/flutter_mirn_plugin_c_api.h"
 #include "plugin/mirn_global.h"
 #include "plugin/mirn_manager.h"
+#include "tests/support/video/fake_registry.h"
 #include "tests/support/video/log_capture.h"
+#include "tests/unit/embedding/fake_messenger.h"
 #include "tests/unit/plugin/throwing_hid.h"
 #include "tests/unit/usb/process_counts.h"
 #include "tests/unit/usb/quick_clock.h"
@@ -169,7 +171,37 @@ TEST_F(ManagerDeviceTest, AnExceptionWhileTheInformationIsReadIsLoggedAndTheList
   EXPECT_EQ(manager().getMirnDevInfo().size(), 4U) << "the proxy is kept";
 }
 
-// ---- the plug-in's textures
+TEST_F(ManagerDeviceTest, InformationThatCannotBeReadIsToldAndTheProxyIsKept) {
+  ASSERT_TRUE(manager().initKmProxy());
+  const HardKMProxy* const proxy = manager().kmproxy();
+  inject("corrupt@1/c9");
+  EXPECT_EQ(printedBy([] { EXPECT_TRUE(manager().getMirnDevInfo().empty()); }), "get dev info failed 2\n");
+  EXPECT_EQ(manager().kmproxy(), proxy);
+  EXPECT_EQ(manager().getMirnDevInfo().size(), 4U);
+  EXPECT_EQ(g_opens, 1);
+}
+
+// ---- the plug-in's engine and textures
+
+TEST_F(ManagerDeviceTest, AnEngineThatGoesTakesNothingAlong) {
+  const auto registry = std::make_shared<test::FakeTextureRegistry>();
+  test::FakeMessenger messenger;
+  int64_t id = 0;
+  {
+    PluginRegistrar registrar(messenger, registry);
+    FlutterMirnPluginCApi::registerWithRegistrar(registrar);
+    id = FlutterMirnPluginCApi::initWithTextures(registry)->createTexture();
+    ASSERT_TRUE(manager().initKmProxy());
+    ASSERT_TRUE(manager().open());
+  }
+  EXPECT_NE(manager().kmproxy(), nullptr);
+  ASSERT_NE(manager().captureSession(), nullptr);
+  EXPECT_TRUE(manager().captureSession()->isRunning());
+  std::vector<int64_t> ids;
+  liveTextureIds(ids);
+  EXPECT_EQ(ids, std::vector<int64_t>{id});
+  destroyTexture(id);
+}
 
 class RefusingRegistry final : public TextureRegistry {
  public:
