@@ -10,7 +10,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <map>
 #include <memory>
 #include <string>
@@ -198,7 +197,8 @@ struct LineThread {
   void settle() const {
     while (!returned) {
       std::ifstream file("/proc/self/task/" + std::to_string(id) + "/stat");
-      const std::string stat{std::istreambuf_iterator<char>(file), {}};
+      std::string stat;
+      std::getline(file, stat);  // a thread that ends meanwhile is a failed read, which must not throw
       const size_t name_end = stat.rfind(") ");
       if (id != 0 && name_end != std::string::npos && stat[name_end + 2] == 'S') {
         return;
