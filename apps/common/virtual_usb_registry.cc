@@ -1,5 +1,6 @@
 #include "apps/common/virtual_usb_registry.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -11,6 +12,7 @@ class VirtualUsbRegistry::Port final : public UsbNotificationPort, public UsbRun
   ~Port() override {
     MutexGuard guard(registry_.mutex_);
     std::erase_if(registry_.notifications_, [this](const Notification& entry) { return entry.port == this; });
+    std::erase_if(registry_.events_, [this](const Event& event) { return event.notification.port == this; });
   }
   UsbRunLoopSource* runLoopSource() override { return this; }
 
@@ -89,26 +91,20 @@ UsbHandle VirtualUsbRegistry::newHandle() {
 }
 
 void VirtualUsbRegistry::arrived(uint64_t key, Identity identity) {
-  {
-    MutexGuard guard(mutex_);
-    if (!present_.emplace(key, identity).second) {
-      return;
-    }
+  MutexGuard guard(mutex_);
+  if (present_.emplace(key, identity).second) {
+    tell(UsbNotification::kMatched, identity);
   }
-  tell(UsbNotification::kMatched, identity);
 }
 
 void VirtualUsbRegistry::gone(uint64_t key) {
-  Identity identity;
-  {
-    MutexGuard guard(mutex_);
-    auto entry = present_.find(key);
-    if (entry == present_.end()) {
-      return;
-    }
-    identity = entry->second;
-    present_.erase(entry);
+  MutexGuard guard(mutex_);
+  auto entry = present_.find(key);
+  if (entry == present_.end()) {
+    return;
   }
+  const Identity identity = entry->second;
+  present_.erase(entry);
   tell(UsbNotification::kTerminate, identity);
 }
 
@@ -118,14 +114,9 @@ size_t VirtualUsbRegistry::watchers() {
 }
 
 void VirtualUsbRegistry::tell(UsbNotification type, Identity identity) {
-  MutexGuard guard(mutex_);
-  for (Notification& entry : notifications_) {
-    auto iterator = iterators_.find(entry.iterator);
-    if (entry.type == type && iterator != iterators_.end()) {
-      UsbService service = newHandle();
-      services_[service] = identity;
-      iterator->second.push_back(service);
-      entry.pending = true;
+  for (const Notification& entry : notifications_) {
+    if (entry.type == type) {
+      events_.push_back({entry, identity});
     }
   }
   changed_.notify_all();
@@ -164,7 +155,7 @@ int32_t VirtualUsbRegistry::addMatchingNotification(UsbNotificationPort& port, U
     *iterator = newHandle();
     iterators_[*iterator];
   }
-  notifications_.push_back({static_cast<Port*>(&port), type, callback, refcon, *iterator, false});
+  notifications_.push_back({static_cast<Port*>(&port), type, callback, refcon, *iterator});
   return 0;
 }
 
@@ -212,14 +203,19 @@ std::shared_ptr<UsbRunLoop> VirtualUsbRegistry::currentRunLoop() {
 }
 
 bool VirtualUsbRegistry::takePending(const std::set<Port*>& ports, Notification* taken) {
-  for (Notification& entry : notifications_) {
-    if (entry.pending && ports.count(entry.port) != 0) {
-      entry.pending = false;
-      *taken = entry;
-      return true;
-    }
+  const auto event = std::find_if(events_.begin(), events_.end(),
+                                  [&](const Event& waiting) { return ports.count(waiting.notification.port) != 0; });
+  if (event == events_.end()) {
+    return false;
   }
-  return false;
+  *taken = event->notification;
+  if (auto iterator = iterators_.find(taken->iterator); iterator != iterators_.end()) {
+    const UsbService service = newHandle();
+    services_[service] = event->identity;
+    iterator->second.push_back(service);
+  }
+  events_.erase(event);
+  return true;
 }
 
 }  // namespace mirn

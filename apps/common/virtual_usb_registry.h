@@ -53,13 +53,17 @@ class VirtualUsbRegistry final : public UsbRegistry {
     UsbNotificationCallback callback = nullptr;
     void* refcon = nullptr;
     UsbIterator iterator = 0;
-    bool pending = false;
+  };
+  // Something to tell, in the order in which it happened: the last word is who is there.
+  struct Event {
+    Notification notification;
+    Identity identity;
   };
 
   UsbHandle newHandle() MIRN_REQUIRES(mutex_);
-  void tell(UsbNotification type, Identity identity) MIRN_EXCLUDES(mutex_);
+  void tell(UsbNotification type, Identity identity) MIRN_REQUIRES(mutex_);
   UsbIterator iteratorOverPresent() MIRN_REQUIRES(mutex_);
-  // The next notification that waits on one of these ports; false when none does.
+  // The next event for one of these ports, whose device then stands in its iterator; false when there is none.
   bool takePending(const std::set<Port*>& ports, Notification* taken) MIRN_REQUIRES(mutex_);
 
   Mutex mutex_;
@@ -69,6 +73,7 @@ class VirtualUsbRegistry final : public UsbRegistry {
   std::map<UsbIterator, std::deque<UsbService>> iterators_ MIRN_GUARDED_BY(mutex_);
   std::map<UsbService, Identity> services_ MIRN_GUARDED_BY(mutex_);
   std::vector<Notification> notifications_ MIRN_GUARDED_BY(mutex_);
+  std::deque<Event> events_ MIRN_GUARDED_BY(mutex_);
 };
 
 }  // namespace mirn
