@@ -222,6 +222,14 @@ TEST_F(ManagerVideoTest, CloseLetsTheDeviceGoAndKeepsSizeAndColour) {
   EXPECT_FALSE(gNormalColor) << "nor does the next opening change the colour";
 }
 
+TEST_F(ManagerVideoTest, CloseStopsASessionThatSomebodyElseHolds) {
+  ASSERT_TRUE(manager_->open());
+  const auto held = manager_->captureSession();
+  manager_->close();
+  EXPECT_FALSE(held->isRunning());
+  EXPECT_FALSE(device_->streaming);
+}
+
 TEST_F(ManagerVideoTest, OpenWhileOpenBuildsANewSession) {
   ASSERT_TRUE(manager_->open());
   const auto former = manager_->captureSession();

@@ -196,6 +196,15 @@ TEST_F(ParseHexFileTest, ConvertsImagesOfEverySizeAcrossReadBuffers) {
   EXPECT_EQ(log_.text(), "");
 }
 
+TEST_F(ParseHexFileTest, ALastLineWithoutANewlineCountsAndMayBeTooShort) {
+  const std::string record = hexRecord(0, 0, Bytes{0x11, 0x22, 0x33});
+  EXPECT_EQ(parse(directory_.write("in.hex", record + "\n" + record)), 0);
+  EXPECT_EQ(image(), (Bytes{0x11, 0x22, 0x33, 0x11, 0x22})) << "its last byte is taken for the checksum";
+  EXPECT_EQ(parse(directory_.write("in.hex", record + "\n:0000000")), -1);
+  EXPECT_EQ(image(), Bytes{});
+  expectError("hex file error! des_path=" + destination());
+}
+
 TEST_F(ParseHexFileTest, AnEmptyFileGivesAnEmptyImage) {
   EXPECT_EQ(parse(directory_.write("in.hex", "")), 0);
   EXPECT_TRUE(std::filesystem::exists(destination()));

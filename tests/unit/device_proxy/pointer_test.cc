@@ -77,6 +77,14 @@ TEST_F(PointerTest, TheFirstExtraButtonPressesLeftWithoutHoldingIt) {
   EXPECT_THAT(arrived(), ElementsAre(absolute(5, 5, "100"), absolute(6, 6, "000", -1)));
 }
 
+TEST_F(PointerTest, TheFirstExtraButtonIsNotHeldBackAndSendsTheHeldMoveFirst) {
+  proxy_->MouseX1ButtonDown(5, 5);
+  EXPECT_THAT(arrived(), ElementsAre(absolute(5, 5, "100")));
+  proxy_->MouseMove(1, 1, false);
+  proxy_->MouseX1ButtonDown(5, 5);
+  EXPECT_THAT(arrived(), ElementsAre(absolute(1, 1, "000"), absolute(5, 5, "100")));
+}
+
 TEST_F(PointerTest, LettingAnExtraButtonGoLeavesTheHeldLeftOne) {
   proxy_->MouseLButtonDown(5, 5);
   proxy_->MouseX1ButtonUp(5, 5);
