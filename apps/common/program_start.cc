@@ -34,6 +34,12 @@ PrivateTempDir::~PrivateTempDir() {
   std::filesystem::remove_all(path_, ignored);
 }
 
+void fillMissingInput() {
+  if (::fcntl(STDIN_FILENO, F_GETFD) == -1) {
+    [[maybe_unused]] int filled = ::open("/dev/null", O_WRONLY);  // the lowest free number: standard input's
+  }
+}
+
 int reserveStandardOutput() {
   std::fflush(stdout);
   int copy = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);

@@ -24,6 +24,10 @@ class PrivateTempDir {
   std::string path_;
 };
 
+// Without a standard input the next file that is opened would be taken for it: puts one there that can't be read. Call
+// before anything is opened.
+void fillMissingInput();
+
 // The library prints plain lines to standard output, even after main(). A program whose output is data keeps a copy of
 // the real descriptor: from then on everything that prints to standard output goes to standard error, for good.
 // The copy, or -1 when there is no standard output. Call once, before any output.

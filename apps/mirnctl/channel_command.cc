@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "apps/common/program_start.h"
+#include "apps/mirnctl/exit_status.h"
 
 namespace mirn {
 namespace {
@@ -116,6 +117,7 @@ class Runner {
     if (count < 0 && (errno == EINTR || errno == EAGAIN)) return waitForInput();
     if (count <= 0) {
       ended_ = true;
+      if (count < 0) status_ = kExitData;
     } else {
       text_.append(block.data(), static_cast<size_t>(count));
     }
@@ -164,7 +166,7 @@ class Runner {
 
   void answer(const std::string& line) {
     if (!writeAll(output_, line + "\n")) {
-      status_ = 1;
+      status_ = kExitDevice;
       return g_main_loop_quit(loop_);
     }
     nextTurn();

@@ -26,7 +26,8 @@ void addChannelCommand(CLI::App& app, ChosenCommand& chosen) {
       } else {
         registerFlutterMirnPluginCApi(engine.makeRegistrar());
       }
-      return runChannel(engine, STDIN_FILENO, context.report().descriptor());
+      int status = runChannel(engine, STDIN_FILENO, context.report().descriptor());
+      return status == kExitData ? context.report().failure(kExitData, "Can't read standard input.") : status;
     };
   });
 }

@@ -137,6 +137,7 @@ int run(int argc, char** argv, int output) {
 
 int main(int argc, char** argv) {
   std::setlocale(LC_CTYPE, "");
+  mirn::fillMissingInput();
   mirn::ignoreBrokenPipes();
   int output = mirn::reserveStandardOutput();
   int status = mirn::run(argc, argv, output);

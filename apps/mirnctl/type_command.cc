@@ -37,6 +37,9 @@ Json untypableFields(const TypingPlan& plan) {
 int runType(Context& context, TypeOptions options) {
   if (options.from_input) {
     options.text.assign(std::istreambuf_iterator<char>(std::cin), {});
+    if (std::ferror(stdin) != 0) {
+      return context.report().failure(kExitData, "Can't read standard input.");
+    }
   }
   const KeyboardLayout* layout = keyboardLayout(options.layout);
   if (layout == nullptr) {

@@ -244,6 +244,19 @@ def temporary_directory_faults():
     return faults
 
 
+def unreadable_input_faults():
+    """What can't be read is not the same as what is empty."""
+    faults = []
+    for command in ("type", "channel"):
+        for source in ("< .", "<&-"):
+            line = "'%s' --virtual %s %s" % (PROGRAM, command, source)
+            done = subprocess.run(line, shell=True, capture_output=True, timeout=60)
+            told = done.stderr.decode().splitlines()
+            if done.returncode != 7 or "mirnctl: Can't read standard input." not in told:
+                faults.append("%s %s: status %d, %s" % (command, source, done.returncode, told))
+    return faults
+
+
 def terminal_faults():
     """On a terminal the progress of an upgrade is one line, drawn again and again, and ended before the result."""
     screen, terminal = pty.openpty()
@@ -292,7 +305,8 @@ def main():
         passed, failed = passed + (not faults), failed + bool(faults)
         for fault in faults:
             print("FAILED %s: %s" % (name, fault))
-    for name, check in (("temporary_directory", temporary_directory_faults), ("terminal", terminal_faults)):
+    for name, check in (("temporary_directory", temporary_directory_faults), ("terminal", terminal_faults),
+                        ("unreadable_input", unreadable_input_faults)):
         if wanted and name not in wanted:
             continue
         faults = check()
