@@ -15,8 +15,8 @@ namespace mirn {
 //
 // Serves the default main context meanwhile; `input` is a source of it, so that posted tasks and frames get their turn
 // between two lines. `input` may be a pipe, a terminal or a file; its mode is left alone. Returns at the end of `input`
-// (kExitOk), when it can't be read (kExitData, after what was read) or when `output` takes no more (kExitDevice). Bound to
-// the platform thread.
+// (kExitOk), when it can't be read (kExitData, after what was read) or when `output` takes no more (kExitDevice). Bound
+// to the platform thread.
 int runChannel(Engine& engine, int input, int output);
 
 }  // namespace mirn
