@@ -24,7 +24,6 @@ namespace mirn {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-using ::testing::HasSubstr;
 
 // The rules once more, character by character; nothing when the conversion gives up.
 std::optional<Bytes> model(const std::string& text) {
@@ -63,7 +62,7 @@ std::optional<Bytes> convert(const std::string& text, size_t piece) {
 }
 
 std::optional<Bytes> converted(const std::string& text) {
-  const std::optional<Bytes> whole = convert(text, text.size() + 1);
+  std::optional<Bytes> whole = convert(text, text.size() + 1);
   for (const size_t piece : {size_t{1}, size_t{7}, size_t{62}, size_t{63}, size_t{64}}) {
     EXPECT_EQ(convert(text, piece), whole) << "in pieces of " << piece;
   }
