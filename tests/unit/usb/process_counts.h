@@ -3,6 +3,8 @@
 
 #include <chrono>
 #include <filesystem>
+#include <fstream>
+#include <string>
 #include <thread>
 
 namespace mirn {
@@ -13,6 +15,7 @@ inline int openDescriptors() {
   return count;
 }
 
+// Without GLib's own workers: a library that is used here may wake one up, and it stays for 15 s after its last task.
 inline int runningThreads() {
   // A sanitizer's own thread comes with the first thread of the process: let it come before anything is counted.
   static const bool first_thread_was_there = [] {
@@ -21,7 +24,11 @@ inline int runningThreads() {
   }();
   static_cast<void>(first_thread_was_there);
   int count = 0;
-  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) ++count;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::string name;
+    std::getline(std::ifstream(entry.path() / "comm"), name);
+    if (!name.starts_with("pool-") && name != "gmain") ++count;
+  }
   return count;
 }
 
